@@ -1,0 +1,3 @@
+#include "Scan/ScanLibrary.h"
+
+extern "C" int FsScanLibraryVersion() { return 1; }

@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "Platform/FXErrorUtil.h"
+
+namespace {
+CQiError Inner() { return QI_ERROR_WIN32(QiErrorCode::NotSupported, "Engine refuses, Unit=%d", 7); }
+CQiError Middle() {
+  CQiError error = Inner();
+  if (error.IsError()) return QI_PUSH(error);
+  return CQiError();
+}
+CQiError Outer() {
+  QI_RETURN_IF_ERROR(Middle(), "Outer failed, Path=%s", "/data");
+  return CQiError();
+}
+}  // namespace
+
+TEST(QiError, DefaultIsSuccessAndRendersAsSuccess) {
+  CQiError error;
+  EXPECT_TRUE(error.IsSuccess());
+  EXPECT_FALSE(error.IsError());
+  EXPECT_EQ(error.AsString(), "success");
+  EXPECT_TRUE(error.GetFrames().empty());
+}
+
+TEST(QiError, FramesAccumulateInCallOrder) {
+  CQiError error = Outer();
+  ASSERT_TRUE(error.IsWin32(QiErrorCode::NotSupported));
+  EXPECT_FALSE(error.IsErrNo());
+  ASSERT_EQ(error.GetFrames().size(), 3u);
+  EXPECT_EQ(error.GetFrames()[0].text, "Engine refuses, Unit=7");
+  EXPECT_NE(std::string(error.GetFrames()[0].function).find("Inner"), std::string::npos);
+  EXPECT_EQ(error.GetFrames()[1].text, "");
+  EXPECT_NE(std::string(error.GetFrames()[1].function).find("Middle"), std::string::npos);
+  EXPECT_EQ(error.GetFrames()[2].text, "Outer failed, Path=/data");
+  EXPECT_EQ(error.GetMessage(), "Engine refuses, Unit=7");
+}
+
+TEST(QiError, AsStringRendersCodeAndEveryFrameNewestFirst) {
+  std::string text = Outer().AsString();
+  EXPECT_EQ(text.rfind("Win32 error 50 (not supported)", 0), 0u) << text;
+  size_t outer = text.find("Outer failed, Path=/data");
+  size_t inner = text.find("Engine refuses, Unit=7");
+  ASSERT_NE(outer, std::string::npos);
+  ASSERT_NE(inner, std::string::npos);
+  EXPECT_LT(outer, inner);
+  EXPECT_NE(text.find("QiErrorTest.cpp:"), std::string::npos);
+}
+
+TEST(QiError, ErrNoErrorsCarryTheSystemText) {
+  CQiError error = QI_ERROR_ERRNO(ENOENT, "lstat failed, Path=%s", "/nope");
+  EXPECT_TRUE(error.IsErrNo(ENOENT));
+  EXPECT_FALSE(error.IsWin32(ENOENT));
+  EXPECT_EQ(error.CodeAsString(), "errno 2 (No such file or directory)");
+}
+
+TEST(QiError, AppendTextExtendsTheNewestFrame) {
+  CQiError error = QI_ERROR_WIN32(QiErrorCode::NotFound, "No consumer");
+  error.AppendText("%s. Reporting scan failures is not supported.", "x");
+  EXPECT_EQ(error.GetFrames().back().text,
+            "No consumerx. Reporting scan failures is not supported.");
+  CQiError bare(CQiError::EQiErrorSpace::Win32, 5);
+  bare.AppendText("text %d", 1);
+  ASSERT_EQ(bare.GetFrames().size(), 1u);
+  EXPECT_EQ(bare.GetMessage(), "text 1");
+}
+
+TEST(QiError, LongFormattedTextIsKeptWhole) {
+  std::string big(5000, 'x');
+  CQiError error = QI_ERROR_WIN32(QiErrorCode::InvalidData, "Path=%s", big.c_str());
+  EXPECT_EQ(error.GetMessage(), "Path=" + big);
+}

@@ -1,0 +1,105 @@
+#include "Support/TempTree.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace {
+int OpenUp(const char* path, const struct stat*, int type, struct FTW*) {
+  if (type == FTW_D || type == FTW_DNR) chmod(path, 0700);
+  return 0;
+}
+int RemoveOne(const char* path, const struct stat*, int, struct FTW*) {
+  remove(path);
+  return 0;
+}
+void MakeParents(const std::string& path) {
+  for (size_t pos = 1; (pos = path.find('/', pos)) != std::string::npos; ++pos) {
+    std::string part = path.substr(0, pos);
+    mkdir(part.c_str(), 0755);
+  }
+}
+}  // namespace
+
+CTempTree::CTempTree() {
+  const char* base = getenv("TMPDIR");
+  std::string templ = std::string(base && *base ? base : "/tmp") + "/fsscan-test-XXXXXX";
+  if (mkdtemp(templ.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  m_strRoot = templ;
+  chmod(m_strRoot.c_str(), 0755);  // lets a child that dropped to nobody reach test folders
+}
+
+CTempTree::~CTempTree() {
+  // Open every folder first (pre-order walk), then remove depth-first.
+  nftw(m_strRoot.c_str(), OpenUp, 32, FTW_PHYS);
+  nftw(m_strRoot.c_str(), RemoveOne, 32, FTW_PHYS | FTW_DEPTH);
+}
+
+std::string CTempTree::Path(const std::string& relative) const {
+  return relative.empty() ? m_strRoot : m_strRoot + "/" + relative;
+}
+
+std::string CTempTree::MakeDir(const std::string& relative, unsigned mode) {
+  std::string path = Path(relative);
+  MakeParents(path);
+  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
+    throw std::runtime_error("mkdir failed: " + path + ": " + strerror(errno));
+  chmod(path.c_str(), mode);
+  return path;
+}
+
+std::string CTempTree::MakeFile(const std::string& relative, const std::string& content,
+                                unsigned mode) {
+  std::string path = Path(relative);
+  MakeParents(path);
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) throw std::runtime_error("open failed: " + path + ": " + strerror(errno));
+  size_t done = 0;
+  while (done < content.size()) {
+    ssize_t n = write(fd, content.data() + done, content.size() - done);
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  close(fd);
+  chmod(path.c_str(), mode);
+  return path;
+}
+
+std::string CTempTree::MakeSymlink(const std::string& relative, const std::string& target) {
+  std::string path = Path(relative);
+  MakeParents(path);
+  if (symlink(target.c_str(), path.c_str()) != 0)
+    throw std::runtime_error("symlink failed: " + path + ": " + strerror(errno));
+  return path;
+}
+
+std::string CTempTree::MakeFifo(const std::string& relative) {
+  std::string path = Path(relative);
+  MakeParents(path);
+  if (mkfifo(path.c_str(), 0644) != 0)
+    throw std::runtime_error("mkfifo failed: " + path + ": " + strerror(errno));
+  return path;
+}
+
+int RunAsNobody(int (*body)(void*), void* arg) {
+  pid_t pid = fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {
+    const uid_t nobody = 65534;
+    if (setresgid(nobody, nobody, nobody) != 0 || setresuid(nobody, nobody, nobody) != 0)
+      _exit(120);
+    _exit(body(arg));
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
