@@ -32,6 +32,23 @@ CQiError FXErrorUtil::ErrorErrNo(int err, const char* file, const char* function
   return error;
 }
 
+CQiError FXErrorUtil::ErrorEventMessage(uint32_t eventId, const char* file, const char* function,
+                                        int line) {
+  CQiError error(CQiError::EQiErrorSpace::Event, eventId);
+  error.Push(file, function, line);
+  return error;
+}
+
+CQiError FXErrorUtil::ErrorEventMessage(uint32_t eventId, const char* file, const char* function,
+                                        int line, const char* format, ...) {
+  CQiError error(CQiError::EQiErrorSpace::Event, eventId);
+  va_list args;
+  va_start(args, format);
+  error.PushV(file, function, line, format, args);
+  va_end(args);
+  return error;
+}
+
 const char* FXErrorUtil::Win32Text(uint32_t code) {
   switch (code) {
     case 0: return "success";

@@ -55,6 +55,8 @@ std::string CQiError::CodeAsString() const {
       const char* text = strerror_r(static_cast<int>(m_uCode), buffer, sizeof buffer);
       return FXString::Format("errno %u (%s)", m_uCode, text);
     }
+    case EQiErrorSpace::Event:
+      return FXString::Format("Event 0x%X", m_uCode);
   }
   return std::string();
 }

@@ -19,7 +19,9 @@
 
 class [[nodiscard]] CQiError {
  public:
-  enum class EQiErrorSpace : uint8_t { None = 0, Win32 = 1, ErrNo = 2 };
+  // Event: the code is the numeric id of an event raised to the job (see
+  // FXErrorUtil::ErrorEventMessage and ISendEventInterface); it is not a failure code.
+  enum class EQiErrorSpace : uint8_t { None = 0, Win32 = 1, ErrNo = 2, Event = 3 };
 
   struct SFrame {
     const char* file = "";      // __FILE__ of the place (static storage)
@@ -40,6 +42,8 @@ class [[nodiscard]] CQiError {
   bool IsErrNo() const { return m_eSpace == EQiErrorSpace::ErrNo; }
   bool IsWin32(uint32_t code) const { return IsWin32() && m_uCode == code; }
   bool IsErrNo(int err) const { return IsErrNo() && m_uCode == static_cast<uint32_t>(err); }
+  bool IsEvent() const { return m_eSpace == EQiErrorSpace::Event; }
+  bool IsEvent(uint32_t eventId) const { return IsEvent() && m_uCode == eventId; }
 
   const std::vector<SFrame>& GetFrames() const { return m_vFrames; }
   // The first non-empty frame text: the message of the place that raised the error.
@@ -57,7 +61,8 @@ class [[nodiscard]] CQiError {
 
   // "Win32 error 50 (The request is not supported.)" followed by one line per frame.
   std::string AsString() const;
-  // The code part alone: "Win32 error 50" / "errno 2 (No such file or directory)".
+  // The code part alone: "Win32 error 50" / "errno 2 (No such file or directory)" /
+  // "Event 0x11000002".
   std::string CodeAsString() const;
 
   void Clear() { *this = CQiError(); }
