@@ -1,0 +1,138 @@
+#include "Platform/DIR_Wrapper.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXString.h"
+#include "Platform/FileData.h"
+
+namespace {
+const std::string& EmptyString() {
+  static const std::string kEmpty;
+  return kEmpty;
+}
+
+// Paths go into messages escaped, so that a name holding a newline stays on one log line.
+std::string Printable(const std::string& path) { return FXString::EscapeControl(path); }
+}  // namespace
+
+DIR_Wrapper::~DIR_Wrapper() { Close(); }
+
+const std::string& DIR_Wrapper::GetFolder() const {
+  return m_pFolder ? *m_pFolder : EmptyString();
+}
+
+CQiError DIR_Wrapper::Open(const std::string& folder) {
+  QI_RETURN_IF_ERROR(OpenFd(AT_FDCWD, folder, folder));
+  return CQiError();
+}
+
+CQiError DIR_Wrapper::OpenAt(int iDirFd, const std::string& name, const std::string& folderPath) {
+  if (iDirFd < 0)
+    return QI_ERROR_ERRNO(EBADF, "Failed to open folder for listing: no parent folder open, Path=%s",
+                          Printable(folderPath).c_str());
+  QI_RETURN_IF_ERROR(OpenFd(iDirFd, name, folderPath));
+  return CQiError();
+}
+
+CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::string& folderPath) {
+  Close();
+  if (name.empty())
+    return QI_ERROR_ERRNO(ENOENT, "Failed to open folder for listing: empty path");
+  if (name.find('\0') != std::string::npos)
+    return QI_ERROR_ERRNO(EINVAL, "Failed to open folder for listing: path holds a NUL byte, Path=%s",
+                          Printable(folderPath).c_str());
+  int fd = openat(iDirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    int err = errno;
+    return QI_ERROR_ERRNO(err, "Failed to open folder for listing, Path=%s",
+                          Printable(folderPath).c_str());
+  }
+  if (!m_pBuffer) {
+    m_pBuffer.reset(new (std::nothrow) char[kBufferSize]);
+    if (!m_pBuffer) {
+      close(fd);
+      return QI_ERROR_WIN32(QiErrorCode::OutOfMemory,
+                            "Failed to allocate the listing buffer, Path=%s",
+                            Printable(folderPath).c_str());
+    }
+  }
+  m_iFd = fd;
+  if (!m_pFolder || *m_pFolder != folderPath)
+    m_pFolder = std::make_shared<const std::string>(folderPath);
+  return CQiError();
+}
+
+void DIR_Wrapper::Close() {
+  if (m_iFd >= 0) {
+    close(m_iFd);
+    m_iFd = -1;
+  }
+  m_pFolder.reset();
+  m_uPos = m_uLen = 0;
+  m_bEnd = false;
+}
+
+CQiError DIR_Wrapper::Fill() {
+  ssize_t n;
+  do {
+    n = getdents64(m_iFd, m_pBuffer.get(), kBufferSize);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    int err = errno;
+    return QI_ERROR_ERRNO(err, "Failed to read folder entries, Path=%s",
+                          Printable(GetFolder()).c_str());
+  }
+  m_uPos = 0;
+  m_uLen = static_cast<size_t>(n);
+  if (n == 0) m_bEnd = true;
+  return CQiError();
+}
+
+CQiError DIR_Wrapper::Next(CFileData& record, long long options) {
+  if (m_iFd < 0) return QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "Find handle is not open");
+  if (m_uPos >= m_uLen && !m_bEnd) QI_RETURN_IF_ERROR(Fill());
+  if (m_bEnd) return QI_ERROR_WIN32(QiErrorCode::NoMoreFiles);
+
+  const auto* entry = reinterpret_cast<const struct dirent64*>(m_pBuffer.get() + m_uPos);
+  m_uPos += entry->d_reclen;
+
+  // Name and parent folder; the record now describes a full path.
+  const size_t nameLen = strnlen(entry->d_name, entry->d_reclen - offsetof(struct dirent64, d_name));
+  record.m_strFileName.assign(entry->d_name, nameLen);
+  if (record.m_pParentDirectory != m_pFolder) record.m_pParentDirectory = m_pFolder;
+  record.m_eMode = CFileData::kModeFullPath;
+  record.m_bOffline = false;
+
+  // The raw entry: struct dirent and struct dirent64 share one layout on 64-bit Linux.
+  struct dirent& raw = record.m_dirent;
+  raw.d_ino = entry->d_ino;
+  raw.d_off = entry->d_off;
+  raw.d_reclen = entry->d_reclen;
+  raw.d_type = entry->d_type;
+  const size_t copyLen = nameLen < sizeof(raw.d_name) - 1 ? nameLen : sizeof(raw.d_name) - 1;
+  std::memcpy(raw.d_name, entry->d_name, copyLen);
+  raw.d_name[copyLen] = '\0';
+
+  if (options & kOptionNoStatus) {
+    record.m_iStatusState = CFileData::kStatusNotRead;
+    record.m_iLastError = 0;
+    std::memset(&record.m_stat, 0, sizeof(record.m_stat));
+  } else if (fstatat(m_iFd, entry->d_name, &record.m_stat, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) ==
+             0) {
+    record.m_iStatusState = CFileData::kStatusValid;
+    record.m_iLastError = 0;
+  } else {
+    record.m_iLastError = errno;
+    record.m_iStatusState = CFileData::kStatusFailed;
+    std::memset(&record.m_stat, 0, sizeof(record.m_stat));
+  }
+  return CQiError();
+}

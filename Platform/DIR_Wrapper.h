@@ -1,0 +1,69 @@
+// DIR_Wrapper: one open folder listing, read with getdents64.
+//
+// It owns the folder's descriptor (opened O_RDONLY | O_DIRECTORY | O_CLOEXEC) and a 64 KiB entry
+// buffer. Next() hands out one entry at a time from the buffer, refilling it from the kernel when
+// it runs dry, and fills the caller's CFileData record in place: name, parent folder (the listed
+// folder's path, shared by every record of the listing), the raw directory entry and the status
+// read with fstatat(folder fd, name, AT_SYMLINK_NOFOLLOW) relative to the open folder, so no
+// full path is resolved per entry. A failed fstatat is not a listing failure: the record gets
+// state -1 and the errno (an entry removed since the kernel listed it gives ENOENT).
+//
+// The buffer is allocated on the first Open and kept across Close, so a handle that lists many
+// folders one after another allocates it once. Entries are returned in the kernel's order,
+// "." and ".." included.
+//
+// Owned through auto_find_handle; used by one thread at a time. Not copyable.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "Platform/QiError.h"
+
+class CFileData;
+
+class DIR_Wrapper {
+ public:
+  static constexpr size_t kBufferSize = 64 * 1024;
+  // Option bit (file operation options): leave the status unread (state 0); the record's
+  // getFileInfo() reads it later with an lstat of the full path. For callers that need names only.
+  static constexpr long long kOptionNoStatus = 0x2;
+
+  DIR_Wrapper() = default;
+  ~DIR_Wrapper();
+  DIR_Wrapper(const DIR_Wrapper&) = delete;
+  DIR_Wrapper& operator=(const DIR_Wrapper&) = delete;
+
+  // Opens a folder by path (closing any open one). The path is used as given; it is also the
+  // parent folder of every record. Errno errors: ENOENT for an empty path, EINVAL for a NUL byte,
+  // otherwise that of open(2) (ENOENT, EACCES, ENOTDIR, ENAMETOOLONG, ...).
+  CQiError Open(const std::string& folder);
+  // Opens the folder `name` relative to the open folder descriptor iDirFd (openat), so that
+  // folders whose full path exceeds PATH_MAX can be listed. folderPath is the full path the
+  // folder stands for: the parent folder of every record and the path in messages.
+  CQiError OpenAt(int iDirFd, const std::string& name, const std::string& folderPath);
+  void Close();
+
+  bool IsOpen() const { return m_iFd >= 0; }
+  // The open folder's descriptor (-1 when closed); valid until Close. Not to be closed by callers.
+  int GetFd() const { return m_iFd; }
+  // The listed folder's path; empty when closed.
+  const std::string& GetFolder() const;
+
+  // Fills the record with the next entry. Win32 18 (QiErrorCode::NoMoreFiles) at the end of the
+  // folder (and on every later call), Win32 6 when no folder is open, the errno of getdents64
+  // when reading fails.
+  CQiError Next(CFileData& record, long long options);
+
+ private:
+  CQiError OpenFd(int iDirFd, const std::string& name, const std::string& folderPath);
+  CQiError Fill();
+
+  int m_iFd = -1;
+  std::shared_ptr<const std::string> m_pFolder;
+  std::unique_ptr<char[]> m_pBuffer;
+  size_t m_uPos = 0;
+  size_t m_uLen = 0;
+  bool m_bEnd = false;
+};
