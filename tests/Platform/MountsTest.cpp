@@ -1,0 +1,423 @@
+// Mount table parsing, reachability of mounts, volume lookup and content expansion.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <climits>
+#include <memory>
+
+#include "Platform/CaptureLogWriter.h"
+#include "Platform/FXFolder.h"
+#include "Platform/FXPath.h"
+#include "Platform/FXPathVolume.h"
+#include "Platform/MountPathInfo.h"
+#include "Platform/PrefixContentMapper.h"
+#include "Platform/SkipFS.h"
+#include "Support/TempTree.h"
+
+namespace {
+// Makes a capture writer the process writer for the test's lifetime.
+class CLogCapture {
+ public:
+  CLogCapture() : m_pWriter(std::make_shared<CCaptureLogWriter>()) {
+    CLogWriterInterface::SetProcessLogWriter(m_pWriter);
+  }
+  ~CLogCapture() { CLogWriterInterface::SetProcessLogWriter(nullptr); }
+  CCaptureLogWriter& operator*() { return *m_pWriter; }
+  CCaptureLogWriter* operator->() { return m_pWriter.get(); }
+
+ private:
+  std::shared_ptr<CCaptureLogWriter> m_pWriter;
+};
+
+// Points FXFolder at a recorded mount table while it lives.
+class CMountInfoFile {
+ public:
+  CMountInfoFile(CTempTree& tree, const std::string& text) {
+    FXFolder::SetMountInfoPath(tree.MakeFile("mountinfo", text));
+  }
+  ~CMountInfoFile() { FXFolder::SetMountInfoPath(""); }
+};
+
+std::vector<SLogicalVolume> Parse(const std::string& text) {
+  std::vector<SLogicalVolume> volumes;
+  FXFolder::ParseMountInfo(text, volumes);
+  return volumes;
+}
+
+std::vector<std::string> MountPoints(const std::vector<SLogicalVolume>& volumes) {
+  std::vector<std::string> out;
+  for (const auto& v : volumes) out.push_back(v.m_strMountPoint);
+  return out;
+}
+}  // namespace
+
+// ---- mountinfo lines ------------------------------------------------------------------------
+
+struct SLineRow {
+  const char* name;
+  std::string line;
+  bool ok;
+  std::string mountPoint;
+  std::string root;
+  std::string fsType;
+  std::string source;
+  std::string superOptions;
+  size_t optionalFields;
+};
+
+class MountInfoLine : public ::testing::TestWithParam<SLineRow> {};
+
+TEST_P(MountInfoLine, ParsesOrRefuses) {
+  const SLineRow& row = GetParam();
+  SLogicalVolume volume;
+  bool ok = FXFolder::ParseMountInfoLine(row.line, volume);
+  ASSERT_EQ(ok, row.ok);
+  if (!ok) return;
+  EXPECT_EQ(volume.m_strMountPoint, row.mountPoint);
+  EXPECT_EQ(volume.m_strRoot, row.root);
+  EXPECT_EQ(volume.m_strFSType, row.fsType);
+  EXPECT_EQ(volume.m_strMountSource, row.source);
+  EXPECT_EQ(volume.m_strSuperOptions, row.superOptions);
+  EXPECT_EQ(volume.m_lstOptionalFields.size(), row.optionalFields);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, MountInfoLine,
+    ::testing::Values(
+        SLineRow{"Plain", "27 1 254:0 / / rw,relatime - ext4 /dev/vda rw,discard", true, "/", "/",
+                 "ext4", "/dev/vda", "rw,discard", 0},
+        SLineRow{"OneOptionalField",
+                 "36 35 98:0 /mnt1 /mnt/parent rw,noatime master:1 - ext3 /dev/root rw,errors=continue",
+                 true, "/mnt/parent", "/mnt1", "ext3", "/dev/root", "rw,errors=continue", 1},
+        SLineRow{"SeveralOptionalFields",
+                 "40 27 0:40 / /srv rw shared:5 master:2 propagate_from:1 - nfs4 srv:/export rw,vers=4.2",
+                 true, "/srv", "/", "nfs4", "srv:/export", "rw,vers=4.2", 3},
+        SLineRow{"EscapedBlankTabNewlineBackslash",
+                 "50 27 8:1 / /mnt/a\\040b\\011c\\012d\\134e rw - ext4 /dev/sd\\040x rw", true,
+                 "/mnt/a b\tc\nd\\e", "/", "ext4", "/dev/sd x", "rw", 0},
+        SLineRow{"EscapedNonUtf8Byte", "51 27 8:2 / /mnt/\\377\\376 rw - xfs /dev/sdb rw", true,
+                 "/mnt/\xff\xfe", "/", "xfs", "/dev/sdb", "rw", 0},
+        SLineRow{"IncompleteEscapeKept", "52 27 8:3 / /mnt/x\\04 rw - xfs /dev/sdc rw", true,
+                 "/mnt/x\\04", "/", "xfs", "/dev/sdc", "rw", 0},
+        SLineRow{"NonOctalEscapeKept", "53 27 8:3 / /mnt/x\\9ab rw - xfs /dev/sdc rw", true,
+                 "/mnt/x\\9ab", "/", "xfs", "/dev/sdc", "rw", 0},
+        SLineRow{"SourceAndSuperOptionsMissing", "54 27 0:44 / /old rw - ext2", true, "/old", "/",
+                 "ext2", "", "", 0},
+        SLineRow{"BindOfSubfolder", "55 27 254:0 /var/lib /srv/lib rw - ext4 /dev/vda rw", true,
+                 "/srv/lib", "/var/lib", "ext4", "/dev/vda", "rw", 0},
+        SLineRow{"NoSeparator", "60 27 8:1 / /x rw ext4 /dev/sda1 rw", false, "", "", "", "", "", 0},
+        SLineRow{"SeparatorLast", "61 27 8:1 / /x rw -", false, "", "", "", "", "", 0},
+        SLineRow{"TooFewFields", "62 27 8:1 /", false, "", "", "", "", "", 0},
+        SLineRow{"MountIdNotNumber", "x 27 8:1 / /x rw - ext4 /dev/sda1 rw", false, "", "", "", "",
+                 "", 0},
+        SLineRow{"DeviceWithoutColon", "63 27 8-1 / /x rw - ext4 /dev/sda1 rw", false, "", "", "",
+                 "", "", 0},
+        SLineRow{"DeviceMinorMissing", "64 27 8: / /x rw - ext4 /dev/sda1 rw", false, "", "", "", "",
+                 "", 0},
+        SLineRow{"RelativeMountPoint", "65 27 8:1 / x rw - ext4 /dev/sda1 rw", false, "", "", "", "",
+                 "", 0},
+        SLineRow{"Garbage", "garbage", false, "", "", "", "", "", 0}),
+    [](const ::testing::TestParamInfo<SLineRow>& info) { return std::string(info.param.name); });
+
+TEST(MountInfo, BadLinesAreSkippedWithOneFailureLineEach) {
+  CLogCapture log;
+  std::vector<SLogicalVolume> volumes;
+  size_t skipped = FXFolder::ParseMountInfo(
+      "27 1 254:0 / / rw - ext4 /dev/vda rw\n"
+      "garbage\n"
+      "\n"
+      "22 27 0:21 / /proc rw - proc proc rw\r\n"
+      "23 27 0:22 / /sys rw\ttoo few\n"
+      "24 27 0:6 / /dev rw - devtmpfs devtmpfs rw",
+      volumes);
+  EXPECT_EQ(skipped, 2u);
+  EXPECT_EQ(MountPoints(volumes), (std::vector<std::string>{"/", "/proc", "/dev"}));
+  EXPECT_EQ(volumes[1].m_strSuperOptions, "rw");  // CR removed
+  EXPECT_EQ(log->Count("Skipping malformed mountinfo line 2: garbage", -1), 1u);
+  EXPECT_EQ(log->Count("Skipping malformed mountinfo line 5: 23 27 0:22 / /sys rw\\ttoo few", -1), 1u);
+  EXPECT_EQ(log->CountContaining("Skipping malformed"), 2u);
+}
+
+TEST(MountInfo, MissingSourceFileIsAnErrnoError) {
+  CTempTree tree;
+  std::vector<SLogicalVolume> volumes;
+  CQiError error = FXFolder::ReadMountInfoFile(tree.Path("nothing"), volumes);
+  EXPECT_TRUE(error.IsErrNo(ENOENT));
+  EXPECT_EQ(error.GetMessage(), "Cannot open mount table, Path=" + tree.Path("nothing"));
+  EXPECT_TRUE(FXFolder::ReadMountInfoFile("", volumes).IsWin32(QiErrorCode::InvalidParameter));
+}
+
+TEST(MountInfo, TheMachinesTableParsesAndHoldsTheRoot) {
+  CLogCapture log;
+  std::vector<SLogicalVolume> volumes;
+  ASSERT_TRUE(FXFolder::getLogicalVolumeList(volumes).IsSuccess());
+  EXPECT_EQ(log->CountContaining("Skipping malformed"), 0u);
+  std::vector<SLogicalVolume> visible = FXFolder::FilterVisibleVolumes(volumes);
+  size_t roots = 0;
+  for (const auto& v : visible) roots += v.m_strMountPoint == "/";
+  EXPECT_EQ(roots, 1u);
+
+  std::string volume;
+  ASSERT_TRUE(MountPathInfo::GetVolumeName("/", volume).IsSuccess());
+  EXPECT_EQ(volume, "/");
+  ASSERT_TRUE(FXPathVolume::ZRGetVolumeNameForVolumeMountPoint("/proc/self/status", volume).IsSuccess());
+  EXPECT_EQ(volume, "/proc");
+  std::vector<SContentEntry> entries;
+  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes("/", entries).IsSuccess());
+  ASSERT_FALSE(entries.empty());
+  EXPECT_EQ(entries[0].m_strLocalMountPath, "/");
+  EXPECT_TRUE(entries[0].m_bContentPath);
+  for (size_t i = 1; i < entries.size(); ++i) {
+    EXPECT_NE(entries[i].m_strLocalMountPath, "/proc");
+    EXPECT_NE(entries[i].m_strLocalMountPath, "/sys");
+    EXPECT_FALSE(FXPath::IsAncestorOf("/proc", entries[i].m_strLocalMountPath, true));
+  }
+}
+
+// ---- reachable mounts -----------------------------------------------------------------------
+
+TEST(MountInfo, StackedMountsKeepOnlyTheTopAndHiddenChildrenAreDropped) {
+  std::vector<SLogicalVolume> volumes = Parse(
+      "27 1 254:0 / / rw - ext4 /dev/vda rw\n"
+      "24 27 0:6 / /dev rw - devtmpfs devtmpfs rw\n"
+      "26 24 0:24 / /dev/pts rw - devpts devpts rw\n"
+      "29 26 0:26 / /dev/pts rw - devpts devpts rw\n"  // on top of 26
+      "40 27 8:1 / /a rw - ext4 /dev/sda1 rw\n"
+      "41 40 8:2 / /a/b rw - ext4 /dev/sda2 rw\n"
+      "42 40 8:3 / /a rw - xfs /dev/sda3 rw\n"        // over /a: hides 40 and /a/b
+      "43 42 8:4 / /a/c rw - ext4 /dev/sda4 rw\n");
+  std::vector<SLogicalVolume> visible = FXFolder::FilterVisibleVolumes(volumes);
+  EXPECT_EQ(MountPoints(visible), (std::vector<std::string>{"/", "/dev", "/dev/pts", "/a", "/a/c"}));
+  EXPECT_EQ(visible[2].m_iMountId, 29);
+  EXPECT_EQ(visible[3].m_iMountId, 42);
+
+  SLogicalVolume volume;
+  ASSERT_TRUE(MountPathInfo::FindVolume("/a/b/file", volumes, volume).IsSuccess());
+  EXPECT_EQ(volume.m_iMountId, 42);
+}
+
+// ---- content expansion over a recorded table -------------------------------------------------
+
+namespace {
+const char* const kRecordedTable =
+    "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+    "2 1 0:5 / /proc rw - proc proc rw\n"
+    "3 1 0:6 / /sys rw - sysfs sysfs rw\n"
+    "4 3 0:7 / /sys/fs/cgroup rw - tmpfs tmpfs rw\n"
+    "5 1 0:8 / /dev rw - devtmpfs devtmpfs rw\n"
+    "6 5 0:9 / /dev/shm rw - tmpfs tmpfs rw\n"
+    "7 1 8:2 / /data rw - ext4 /dev/sda2 rw\n"
+    "8 7 8:3 / /data/b rw - xfs /dev/sda3 rw\n"
+    "9 7 0:40 / /data/a-net rw - nfs4 srv:/x rw\n"
+    "10 7 8:17 / /data/a rw - ext4 /dev/sdb1 rw\n"
+    "11 10 8:18 / /data/a/deep rw - ext4 /dev/sdb2 rw\n"
+    "12 7 0:41 / /data/bin rw - binfmt_misc binfmt_misc rw\n"
+    "13 12 8:19 / /data/bin/under rw - ext4 /dev/sdb3 rw\n"
+    "14 1 0:43 / /tmp rw - tmpfs tmpfs rw\n"
+    "15 7 8:20 / /data/my\\040space rw - ext4 /dev/sdc rw\n"
+    "16 7 8:21 / /data/\\377 rw - ext4 /dev/sdd rw\n";
+
+struct SExpandRow {
+  const char* name;
+  std::string content;
+  // local mount path and volume, own entry first
+  std::vector<std::pair<std::string, std::string>> expected;
+};
+}  // namespace
+
+class ExpandContent : public ::testing::TestWithParam<SExpandRow> {};
+
+TEST_P(ExpandContent, OwnEntryFirstThenNestedMountsInPathOrder) {
+  const SExpandRow& row = GetParam();
+  std::vector<SContentEntry> entries;
+  CQiError error = MountPathInfo::expandContentPathByVolumes(row.content, Parse(kRecordedTable), entries);
+  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+  std::vector<std::pair<std::string, std::string>> got;
+  for (const auto& e : entries) {
+    got.emplace_back(e.m_strLocalMountPath, e.m_strVolumeName);
+    EXPECT_EQ(e.m_strSourceMountPath, e.m_strLocalMountPath);
+  }
+  EXPECT_EQ(got, row.expected);
+  ASSERT_FALSE(entries.empty());
+  EXPECT_TRUE(entries[0].m_bContentPath);
+  for (size_t i = 1; i < entries.size(); ++i) EXPECT_FALSE(entries[i].m_bContentPath);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Recorded, ExpandContent,
+    ::testing::Values(
+        SExpandRow{"Folder",
+                   "/data",
+                   {{"/data", "/data"},
+                    {"/data/a", "/data/a"},
+                    {"/data/a/deep", "/data/a/deep"},
+                    {"/data/a-net", "/data/a-net"},
+                    {"/data/b", "/data/b"},
+                    {"/data/my space", "/data/my space"},
+                    {"/data/\xff", "/data/\xff"}}},
+        SExpandRow{"TrailingDelimiters",
+                   "/data/a//",
+                   {{"/data/a", "/data/a"}, {"/data/a/deep", "/data/a/deep"}}},
+        SExpandRow{"PlainFolderInsideAVolume", "/data/a/x", {{"/data/a/x", "/data/a"}}},
+        SExpandRow{"Root",
+                   "/",
+                   {{"/", "/"},
+                    {"/data", "/data"},
+                    {"/data/a", "/data/a"},
+                    {"/data/a/deep", "/data/a/deep"},
+                    {"/data/a-net", "/data/a-net"},
+                    {"/data/b", "/data/b"},
+                    {"/data/my space", "/data/my space"},
+                    {"/data/\xff", "/data/\xff"},
+                    {"/tmp", "/tmp"}}},
+        SExpandRow{"PseudoFileSystemAsContent", "/proc", {{"/proc", "/proc"}}},
+        SExpandRow{"ComponentBoundary", "/dat", {{"/dat", "/"}}},
+        SExpandRow{"NetworkVolume", "/data/a-net/sub", {{"/data/a-net/sub", "/data/a-net"}}},
+        SExpandRow{"NonUtf8Name", "/data/\xff/x\xfe", {{"/data/\xff/x\xfe", "/data/\xff"}}}),
+    [](const ::testing::TestParamInfo<SExpandRow>& info) { return std::string(info.param.name); });
+
+struct SBadPathRow {
+  const char* name;
+  std::string path;
+  bool win32;
+  uint32_t code;
+  std::string message;
+};
+
+class ExpandBadPath : public ::testing::TestWithParam<SBadPathRow> {};
+
+TEST_P(ExpandBadPath, ClearErrorNoEntries) {
+  const SBadPathRow& row = GetParam();
+  std::vector<SContentEntry> entries{{"keep", "keep", "keep", true}};
+  CQiError recorded = MountPathInfo::expandContentPathByVolumes(row.path, Parse(kRecordedTable), entries);
+  CQiError live = MountPathInfo::expandContentPathByVolumes(row.path, entries);
+  std::string volume = "keep";
+  CQiError lookup = MountPathInfo::GetVolumeName(row.path, volume);
+  for (const CQiError* error : {&recorded, &live, &lookup}) {
+    ASSERT_TRUE(error->IsError());
+    EXPECT_EQ(error->IsWin32(), row.win32);
+    EXPECT_EQ(error->GetCode(), row.code);
+    EXPECT_EQ(error->GetMessage().substr(0, row.message.size()), row.message);
+  }
+  EXPECT_EQ(entries.size(), 1u);
+  EXPECT_EQ(volume, "keep");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ExpandBadPath,
+    ::testing::Values(SBadPathRow{"Empty", "", true, 87, "Empty path"},
+                      SBadPathRow{"Relative", "data/x", true, 87, "Path is not absolute, Path=data/x"},
+                      SBadPathRow{"NulByte", std::string("/data\0x", 7), true, 87, "Path holds a NUL byte"},
+                      SBadPathRow{"LongerThanPathMax", "/" + std::string(PATH_MAX, 'a'), false,
+                                  ENAMETOOLONG, "Path is longer than PATH_MAX (4096 bytes)"}),
+    [](const ::testing::TestParamInfo<SBadPathRow>& info) { return std::string(info.param.name); });
+
+TEST(ExpandContentErrors, NoVolumeHoldsThePath) {
+  std::vector<SContentEntry> entries;
+  CQiError error = MountPathInfo::expandContentPathByVolumes(
+      "/x", Parse("7 1 8:2 / /data rw - ext4 /dev/sda2 rw\n"), entries);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::NotFound));
+  EXPECT_EQ(error.GetMessage(), "No mounted volume holds the path, Path=/x");
+}
+
+// ---- content expansion on a real tree ---------------------------------------------------------
+
+class ExpandRealTree : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_tree.MakeDir("real/sub");
+    m_tree.MakeDir("real/plain");
+    m_tree.MakeSymlink("link", m_tree.Path("real"));
+    // The table says "real/sub" is a mount of its own; the paths exist, so resolution is real.
+    m_pTable = std::make_unique<CMountInfoFile>(
+        m_tree, "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                "2 1 8:2 / " + m_tree.Path("real/sub") + " rw - xfs /dev/sda2 rw\n");
+  }
+  CTempTree m_tree;
+  std::unique_ptr<CMountInfoFile> m_pTable;
+};
+
+TEST_F(ExpandRealTree, LinkedContentKeepsTheCallersForm) {
+  std::vector<SContentEntry> entries;
+  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes(m_tree.Path("link/"), entries).IsSuccess());
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].m_strLocalMountPath, m_tree.Path("link"));
+  EXPECT_EQ(entries[0].m_strVolumeName, "/");
+  EXPECT_EQ(entries[1].m_strLocalMountPath, m_tree.Path("link/sub"));
+  EXPECT_EQ(entries[1].m_strVolumeName, m_tree.Path("real/sub"));
+
+  std::string volume;
+  ASSERT_TRUE(MountPathInfo::GetVolumeName(m_tree.Path("link/sub/f"), volume).IsSuccess());
+  EXPECT_EQ(volume, m_tree.Path("real/sub"));
+}
+
+TEST_F(ExpandRealTree, MissingContentStillFindsItsVolume) {
+  std::vector<SContentEntry> entries;
+  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes(m_tree.Path("link/sub/gone/x"), entries)
+                  .IsSuccess());
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].m_strVolumeName, m_tree.Path("real/sub"));
+  std::string real;
+  ASSERT_TRUE(MountPathInfo::ResolvePath(m_tree.Path("link/gone/../sub/./x"), real).IsSuccess());
+  EXPECT_EQ(real, m_tree.Path("real/sub/x"));
+}
+
+TEST_F(ExpandRealTree, MapperGivesSourcePathsAndItsRefusalIs87) {
+  CPrefixContentMapper mapper;
+  ASSERT_TRUE(mapper.AddMapping("/host/share", m_tree.Path("link")).IsSuccess());
+  std::vector<SContentEntry> entries;
+  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes(m_tree.Path("link"), entries, &mapper).IsSuccess());
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].m_strSourceMountPath, "/host/share");
+  EXPECT_EQ(entries[1].m_strSourceMountPath, "/host/share/sub");
+
+  CQiError error = MountPathInfo::expandContentPathByVolumes(m_tree.Path("real"), entries, &mapper);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
+  EXPECT_EQ(error.GetMessage(),
+            "Failed to convert proxy path to host path, LocalMountPath=" + m_tree.Path("real"));
+}
+
+TEST_F(ExpandRealTree, UnreadableFolderOnTheWayIsAnErrnoError) {
+  m_tree.MakeDir("closed/inner", 0755);
+  chmod(m_tree.Path("closed").c_str(), 0700);
+  struct SArgs {
+    std::string path;
+  } args{m_tree.Path("closed/inner")};
+  int status = RunAsNobody(
+      [](void* p) -> int {
+        std::vector<SContentEntry> entries;
+        CQiError error =
+            MountPathInfo::expandContentPathByVolumes(static_cast<SArgs*>(p)->path, entries);
+        return error.IsErrNo(EACCES) ? 0 : 1;
+      },
+      &args);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(SkipFSTypes, WholeNamesAndSubstringSearch) {
+  const std::string& ignored = skipFS::GetIgnoreFSTypes();
+  for (const char* type : {"proc", "sysfs", "devpts", "devtmpfs", "cgroup", "cgroup2", "securityfs",
+                           "debugfs", "tracefs", "pstore", "bpf", "configfs", "fusectl", "mqueue",
+                           "hugetlbfs", "binfmt_misc", "autofs", "rpc_pipefs", "nsfs", "efivarfs"}) {
+    EXPECT_TRUE(skipFS::IsIgnoredFSType(type)) << type;
+    EXPECT_NE(ignored.find(type), std::string::npos) << type;
+  }
+  // Real file systems never match as a substring, so the engines' search keeps them.
+  for (const char* type : {"ext2", "ext3", "ext4", "xfs", "btrfs", "zfs", "jfs", "reiserfs", "nfs",
+                           "nfs4", "cifs", "smb3", "smbfs", "vfat", "msdos", "exfat", "ntfs", "ntfs3",
+                           "fuseblk", "iso9660", "udf", "hfs", "hfsplus", "f2fs", "ocfs2", "gfs2",
+                           "gpfs", "lustre", "ceph", "glusterfs", "overlay", "squashfs", "erofs",
+                           "ramfs", "romfs", "ufs", "9p", "virtiofs", "nilfs2", "bcachefs",
+                           "fuse.sshfs", "fuse.glusterfs"}) {
+    EXPECT_FALSE(skipFS::IsIgnoredFSType(type)) << type;
+    EXPECT_EQ(ignored.find(type), std::string::npos) << type;
+  }
+  // Known overlaps of the substring search, kept on purpose (see SkipFS.h).
+  EXPECT_NE(ignored.find("tmpfs"), std::string::npos);
+  EXPECT_FALSE(skipFS::IsIgnoredFSType("tmpfs"));
+  EXPECT_FALSE(skipFS::IsIgnoredFSType(""));
+  EXPECT_TRUE(skipFS::IsNetworkFSType("nfs4"));
+  EXPECT_TRUE(skipFS::IsNetworkFSType("fuse.sshfs"));
+  EXPECT_FALSE(skipFS::IsNetworkFSType("nfsd"));
+  EXPECT_FALSE(skipFS::IsNetworkFSType("ext4"));
+}
