@@ -1,0 +1,189 @@
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "Platform/ZrGrEnt.h"
+#include "Platform/ZrPwEnt.h"
+#include "Support/TempTree.h"
+
+namespace {
+
+enum class EDatabase { User, Group };
+
+struct SNameCase {
+  const char* name;
+  EDatabase database;
+  uint32_t id;
+  const char* expected;
+};
+
+void PrintTo(const SNameCase& c, std::ostream* out) { *out << c.name; }
+
+std::string LookUp(EDatabase database, uint32_t id) {
+  return database == EDatabase::User ? ZrPwEnt::GetUserName(static_cast<uid_t>(id))
+                                     : ZrGrEnt::GetGroupName(static_cast<gid_t>(id));
+}
+
+class UserGroupNameTable : public ::testing::TestWithParam<SNameCase> {};
+
+TEST_P(UserGroupNameTable, AnswersTheSystemsNameOrEmpty) {
+  const SNameCase& c = GetParam();
+  EXPECT_EQ(LookUp(c.database, c.id), c.expected);
+  // The second answer comes from the cache and is the same.
+  EXPECT_EQ(LookUp(c.database, c.id), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, UserGroupNameTable,
+    ::testing::Values(SNameCase{"RootUser", EDatabase::User, 0, "root"},
+                      SNameCase{"NobodyUser", EDatabase::User, 65534, "nobody"},
+                      SNameCase{"MissingUser", EDatabase::User, 4000000000u, ""},
+                      SNameCase{"MinusOneUser", EDatabase::User, 4294967295u, ""},
+                      SNameCase{"RootGroup", EDatabase::Group, 0, "root"},
+                      SNameCase{"NoGroup", EDatabase::Group, 65534, "nogroup"},
+                      SNameCase{"MissingGroup", EDatabase::Group, 4000000000u, ""},
+                      SNameCase{"MinusOneGroup", EDatabase::Group, 4294967295u, ""}),
+    [](const ::testing::TestParamInfo<SNameCase>& info) { return info.param.name; });
+
+// The system's own answer, for comparison.
+std::string SystemUserName(uid_t uid) {
+  std::vector<char> buffer(1 << 16);
+  struct passwd entry;
+  struct passwd* result = nullptr;
+  getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result);
+  return result != nullptr ? result->pw_name : "";
+}
+
+std::string SystemGroupName(gid_t gid) {
+  std::vector<char> buffer(1 << 16);
+  struct group entry;
+  struct group* result = nullptr;
+  getgrgid_r(gid, &entry, buffer.data(), buffer.size(), &result);
+  return result != nullptr ? result->gr_name : "";
+}
+
+// Many threads ask for the same and different ids at once while another keeps emptying the
+// caches: every answer is the system's (run under ThreadSanitizer too).
+TEST(UserGroup, ManyThreadsAtOnce) {
+  std::vector<uint32_t> ids = {0, 1, 2, 3, 8, 33, 65534, 1000, 4000000000u, 4294967295u};
+  std::vector<std::string> users, groups;
+  for (uint32_t id : ids) {
+    users.push_back(SystemUserName(id));
+    groups.push_back(SystemGroupName(id));
+  }
+  std::atomic<int> mismatches{0};
+  std::atomic<bool> done{false};
+  std::thread clearer([&] {
+    while (!done.load()) {
+      ZrPwEnt::ClearCache();
+      ZrGrEnt::ClearCache();
+      std::this_thread::yield();
+    }
+  });
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 8; ++t) {
+    workers.emplace_back([&, t] {
+      for (int round = 0; round < 300; ++round) {
+        for (size_t i = 0; i < ids.size(); ++i) {
+          size_t k = (i + static_cast<size_t>(t)) % ids.size();
+          if (ZrPwEnt::GetUserName(ids[k]) != users[k]) ++mismatches;
+          if (ZrGrEnt::GetGroupName(ids[k]) != groups[k]) ++mismatches;
+        }
+      }
+    });
+  }
+  for (std::thread& w : workers) w.join();
+  done = true;
+  clearer.join();
+  EXPECT_EQ(mismatches.load(), 0);
+}
+
+// The look-ups against a user and group database of the test's own making: a private mount
+// namespace in a child process lays temporary files over /etc/passwd and /etc/group. Needs root
+// and the right to create mount namespaces; skipped otherwise.
+constexpr int kSkip = 250;
+
+bool WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  return static_cast<bool>(out);
+}
+
+struct SDatabaseFiles {
+  std::string passwd;
+  std::string group;
+};
+
+// Runs in the child. Returns 0, kSkip, or the number of the first failed check.
+int CheckAgainstOwnDatabase(const SDatabaseFiles& files) {
+  int check = 0;
+#define CHECK_OR_RETURN(condition) \
+  ++check;                         \
+  if (!(condition)) return check
+  if (unshare(CLONE_NEWNS) != 0) return kSkip;
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return kSkip;
+
+  // Entries larger than the first buffer: a user with a 200 KB comment field and a group with
+  // 3000 members (about 90 KB) make the look-ups grow their buffers.
+  std::string passwd = "root:x:0:0:root:/root:/bin/sh\nbiggecos:x:4243:4243:" +
+                       std::string(200000, 'g') + ":/home/b:/bin/sh\n";
+  std::string group = "root:x:0:\nbigteam:x:4242:";
+  for (int i = 0; i < 3000; ++i) group += "member_with_a_long_name_" + std::to_string(i) + ",";
+  group += "last\n";
+  CHECK_OR_RETURN(WriteFile(files.passwd, passwd));
+  CHECK_OR_RETURN(WriteFile(files.group, group));
+  if (mount(files.passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) return kSkip;
+  if (mount(files.group.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) return kSkip;
+
+  ZrPwEnt::ClearCache();
+  ZrGrEnt::ClearCache();
+  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4243) == "biggecos");
+  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4242) == "bigteam");
+  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4244) == "");
+  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4244) == "");
+
+  // The database changes under the cache (same files, rewritten in place).
+  CHECK_OR_RETURN(WriteFile(files.passwd, "renamed:x:4243:1::/:/bin/sh\nlate:x:4244:1::/:/bin/sh\n"));
+  CHECK_OR_RETURN(WriteFile(files.group, "renamed:x:4242:\nlate:x:4244:\n"));
+  // Names and misses alike are answered from the cache...
+  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4243) == "biggecos");
+  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4242) == "bigteam");
+  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4244) == "");
+  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4244) == "");
+  // ...until it is emptied.
+  ZrPwEnt::ClearCache();
+  ZrGrEnt::ClearCache();
+  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4243) == "renamed");
+  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4242) == "renamed");
+  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4244) == "late");
+  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4244) == "late");
+  return 0;
+#undef CHECK_OR_RETURN
+}
+
+TEST(UserGroup, LargeEntriesAndCachingAgainstOwnDatabase) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to lay files over /etc/passwd";
+  CTempTree tree;
+  SDatabaseFiles files{tree.MakeFile("passwd"), tree.MakeFile("group")};
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) _exit(CheckAgainstOwnDatabase(files));
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status)) << "child ended by signal " << WTERMSIG(status);
+  if (WEXITSTATUS(status) == kSkip) GTEST_SKIP() << "mount namespaces are not available";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "check number " << WEXITSTATUS(status)
+                                    << " of CheckAgainstOwnDatabase failed";
+}
+
+}  // namespace
