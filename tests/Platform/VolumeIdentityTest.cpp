@@ -1,0 +1,257 @@
+// Volume unique ids and physical-media ids over a fake /sys and /dev tree.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "Platform/CaptureLogWriter.h"
+#include "Platform/FXFolder.h"
+#include "Platform/FXString.h"
+#include "Platform/VolumeIdentity.h"
+#include "Support/TempTree.h"
+
+namespace {
+// A fake kernel tree:
+//   sda (8:0) with partitions sda1 (8:1) and sda2 (8:2); sdb (8:16) with sdb1 (8:17);
+//   sdc (8:32), a whole disk used without partitions; sdd (8:48) with sdd1 (8:49);
+//   dm-0 (253:0) on sda2, dm-1 (253:1) on dm-0 (an LV on a crypt device);
+//   md0 (9:0) on sdd1 and sdb1 (RAID over two disks);
+//   dm-2 (253:2) and dm-3 (253:3) each naming the other as slave (a broken tree).
+//   /dev/disk/by-uuid links for sda1 and dm-1, /dev/mapper/vg-lv -> ../dm-1.
+class CFakeKernelTree {
+ public:
+  CFakeKernelTree() {
+    Disk("pci0/block/sda", "8:0");
+    Partition("pci0/block/sda/sda1", "8:1");
+    Partition("pci0/block/sda/sda2", "8:2");
+    Disk("pci0/block/sdb", "8:16");
+    Partition("pci0/block/sdb/sdb1", "8:17");
+    Disk("pci0/block/sdc", "8:32");
+    Disk("pci0/block/sdd", "8:48");
+    Partition("pci0/block/sdd/sdd1", "8:49");
+    Disk("virtual/block/dm-0", "253:0");
+    Slave("virtual/block/dm-0", "sda2", "../../../../pci0/block/sda/sda2");
+    Disk("virtual/block/dm-1", "253:1");
+    Slave("virtual/block/dm-1", "dm-0", "../../dm-0");
+    Disk("virtual/block/md0", "9:0");
+    Slave("virtual/block/md0", "sdd1", "../../../../pci0/block/sdd/sdd1");
+    Slave("virtual/block/md0", "sdb1", "../../../../pci0/block/sdb/sdb1");
+    Disk("virtual/block/dm-2", "253:2");
+    Disk("virtual/block/dm-3", "253:3");
+    Slave("virtual/block/dm-2", "dm-3", "../../dm-3");
+    Slave("virtual/block/dm-3", "dm-2", "../../dm-2");
+
+    for (const char* node : {"sda1", "sda2", "dm-0", "dm-1"}) m_tree.MakeFile(std::string("dev/") + node);
+    m_tree.MakeSymlink("dev/disk/by-uuid/1111-aaaa", "../../sda1");
+    m_tree.MakeSymlink("dev/disk/by-uuid/2222-bbbb", "../../dm-1");
+    m_tree.MakeSymlink("dev/mapper/vg-lv", "../dm-1");
+  }
+
+  std::string SysRoot() const { return m_tree.Path("sys"); }
+  std::string DevRoot() const { return m_tree.Path("dev"); }
+  CTempTree& Tree() { return m_tree; }
+
+ private:
+  void Register(const std::string& device, const std::string& number) {
+    std::string name = device.substr(device.rfind('/') + 1);
+    m_tree.MakeSymlink("sys/dev/block/" + number, "../../devices/" + device);
+    m_tree.MakeSymlink("sys/class/block/" + name, "../../devices/" + device);
+  }
+  void Disk(const std::string& device, const std::string& number) {
+    m_tree.MakeFile("sys/devices/" + device + "/dev", number + "\n");
+    Register(device, number);
+  }
+  void Partition(const std::string& device, const std::string& number) {
+    Disk(device, number);
+    m_tree.MakeFile("sys/devices/" + device + "/partition", "1\n");
+  }
+  void Slave(const std::string& device, const std::string& slave, const std::string& target) {
+    m_tree.MakeSymlink("sys/devices/" + device + "/slaves/" + slave, target);
+  }
+
+  CTempTree m_tree;
+};
+
+SLogicalVolume Volume(const std::string& line) {
+  SLogicalVolume volume;
+  EXPECT_TRUE(FXFolder::ParseMountInfoLine(line, volume)) << line;
+  return volume;
+}
+
+struct SIdentityRow {
+  const char* name;
+  std::string line;
+  std::string uniqueId;
+  std::string physicalMediaId;
+};
+}  // namespace
+
+class VolumeIdentityTable : public ::testing::TestWithParam<SIdentityRow> {
+ protected:
+  static void SetUpTestSuite() { s_pKernel = new CFakeKernelTree(); }
+  static void TearDownTestSuite() {
+    delete s_pKernel;
+    s_pKernel = nullptr;
+  }
+  static CFakeKernelTree* s_pKernel;
+};
+CFakeKernelTree* VolumeIdentityTable::s_pKernel = nullptr;
+
+TEST_P(VolumeIdentityTable, UniqueAndPhysicalMediaIds) {
+  CVolumeIdentity identity(s_pKernel->SysRoot(), s_pKernel->DevRoot());
+  SLogicalVolume volume = Volume(GetParam().line);
+  std::string uniqueId, mediaId;
+  ASSERT_TRUE(identity.GetVolumeUniqueId(volume, uniqueId).IsSuccess());
+  ASSERT_TRUE(identity.GetPhysicalMediaId(volume, mediaId).IsSuccess());
+  EXPECT_EQ(uniqueId, GetParam().uniqueId);
+  EXPECT_EQ(mediaId, GetParam().physicalMediaId);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FakeKernel, VolumeIdentityTable,
+    ::testing::Values(
+        // Two partitions of one disk share the medium; the UUID is used where a link names it.
+        SIdentityRow{"PartitionWithUuid", "1 0 8:1 / / rw - ext4 /dev/sda1 rw", "1111-aaaa", "/dev/sda"},
+        SIdentityRow{"PartitionWithoutUuid", "2 1 8:2 / /var rw - xfs /dev/sda2 rw", "dev-8:2", "/dev/sda"},
+        SIdentityRow{"BindOfASubfolder", "3 1 8:2 /lib /srv/lib rw - xfs /dev/sda2 rw", "dev-8:2:/lib",
+                     "/dev/sda"},
+        // A logical volume on a crypt device on sda2 lies on sda too.
+        SIdentityRow{"StackedDeviceMapper", "4 1 253:1 / /home rw - ext4 /dev/mapper/vg-lv rw",
+                     "2222-bbbb", "/dev/sda"},
+        SIdentityRow{"DeviceMapperOnAPartition", "5 1 253:0 / /crypt rw - ext4 /dev/dm-0 rw", "dev-253:0",
+                     "/dev/sda"},
+        // RAID over sdd1 and sdb1: the disk with the lowest number, whatever the listing order.
+        SIdentityRow{"RaidOverTwoDisks", "6 1 9:0 / /raid rw - ext4 /dev/md0 rw", "dev-9:0", "/dev/sdb"},
+        SIdentityRow{"WholeDisk", "7 1 8:32 / /whole rw - ext4 /dev/sdc rw", "dev-8:32", "/dev/sdc"},
+        // btrfs reports an anonymous device number; the source names the device node.
+        SIdentityRow{"AnonymousNumberSourceNode", "8 1 0:50 /@data /btr rw - btrfs /dev/mapper/vg-lv rw",
+                     "2222-bbbb:/@data", "/dev/sda"},
+        SIdentityRow{"NetworkNfs", "9 1 0:60 / /net rw - nfs4 srv:/export rw", "nfs4:srv:/export", "UNC"},
+        SIdentityRow{"NetworkSshfs", "10 1 0:61 / /ssh rw - fuse.sshfs u@h:/home rw", "fuse.sshfs:u@h:/home",
+                     "UNC"},
+        SIdentityRow{"Tmpfs", "11 1 0:24 / /run rw - tmpfs tmpfs rw", "dev-0:24", "dev-0:24"},
+        SIdentityRow{"Overlay", "12 1 0:70 / /ovl rw - overlay overlay rw", "dev-0:70", "dev-0:70"},
+        SIdentityRow{"UnknownBlockNumber", "13 1 8:99 / /odd rw - ext4 /dev/sdz rw", "dev-8:99", "dev-8:99"}),
+    [](const ::testing::TestParamInfo<SIdentityRow>& info) { return std::string(info.param.name); });
+
+TEST(VolumeIdentity, LoopingSlavesFallBackToTheDeviceItself) {
+  CFakeKernelTree kernel;
+  CVolumeIdentity identity(kernel.SysRoot(), kernel.DevRoot());
+  auto writer = std::make_shared<CCaptureLogWriter>();
+  CLogWriterInterface::SetProcessLogWriter(writer);
+  std::string mediaId;
+  ASSERT_TRUE(identity.GetPhysicalMediaId(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), mediaId)
+                  .IsSuccess());
+  CLogWriterInterface::SetProcessLogWriter(nullptr);
+  EXPECT_EQ(mediaId, "/dev/dm-2");
+  EXPECT_EQ(writer->CountContaining("Cannot find the disk under block device dm-2 of volume [/loop]", 1), 1u);
+
+  CVolumeIdentity::SBlockDevice device;
+  ASSERT_TRUE(identity.FindBlockDevice(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), device).IsSuccess());
+  std::vector<CVolumeIdentity::SBlockDevice> disks;
+  CQiError error = identity.FindWholeDisks(device, disks);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidData));
+  EXPECT_NE(error.GetMessage().find("Block devices stacked too deep"), std::string::npos);
+}
+
+TEST(VolumeIdentity, WithoutSysAndDevEveryBlockVolumeUsesItsNumber) {
+  CTempTree empty;
+  CVolumeIdentity identity(empty.Path("no-sys"), empty.Path("no-dev"));
+  std::string uniqueId, mediaId;
+  SLogicalVolume volume = Volume("1 0 8:1 / / rw - ext4 /dev/sda1 rw");
+  ASSERT_TRUE(identity.GetVolumeUniqueId(volume, uniqueId).IsSuccess());
+  ASSERT_TRUE(identity.GetPhysicalMediaId(volume, mediaId).IsSuccess());
+  EXPECT_EQ(uniqueId, "dev-8:1");
+  EXPECT_EQ(mediaId, "dev-8:1");
+}
+
+// ---- by volume name, through the mount table ---------------------------------------------------
+
+class VolumeIdentityByName : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    FXFolder::SetMountInfoPath(m_kernel.Tree().MakeFile(
+        "mountinfo",
+        "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+        "2 1 8:2 / /var rw - xfs /dev/sda2 rw\n"
+        "3 1 0:60 / /fsscan-test-net rw - nfs4 srv:/export rw\n"
+        "4 1 9:0 / /fsscan-test-raid rw - ext4 /dev/md0 rw\n"));
+  }
+  void TearDown() override { FXFolder::SetMountInfoPath(""); }
+  CFakeKernelTree m_kernel;
+};
+
+struct SByNameRow {
+  const char* name;
+  std::string volumeName;
+  std::string uniqueId;
+  std::string physicalMediaId;
+};
+
+class VolumeIdentityByNameTable : public VolumeIdentityByName,
+                                  public ::testing::WithParamInterface<SByNameRow> {};
+
+TEST_P(VolumeIdentityByNameTable, LooksUpTheMountOfTheName) {
+  CVolumeIdentity identity(m_kernel.SysRoot(), m_kernel.DevRoot());
+  std::string uniqueId, mediaId;
+  CQiError error = identity.GetVolumeUniqueId(GetParam().volumeName, uniqueId);
+  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+  ASSERT_TRUE(identity.GetPhysicalMediaId(GetParam().volumeName, mediaId).IsSuccess());
+  EXPECT_EQ(uniqueId, GetParam().uniqueId);
+  EXPECT_EQ(mediaId, GetParam().physicalMediaId);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, VolumeIdentityByNameTable,
+    ::testing::Values(SByNameRow{"Root", "/", "1111-aaaa", "/dev/sda"},
+                      SByNameRow{"TrailingDelimiter", "/var/", "dev-8:2", "/dev/sda"},
+                      SByNameRow{"PathInsideAVolume", "/var/tmp/x/y", "dev-8:2", "/dev/sda"},
+                      SByNameRow{"Network", "/fsscan-test-net/", "nfs4:srv:/export", "UNC"},
+                      SByNameRow{"MissingPathOnANetworkVolume", "/fsscan-test-net/a/b",
+                                 "nfs4:srv:/export", "UNC"},
+                      SByNameRow{"Raid", "/fsscan-test-raid", "dev-9:0", "/dev/sdb"}),
+    [](const ::testing::TestParamInfo<SByNameRow>& info) { return std::string(info.param.name); });
+
+TEST_F(VolumeIdentityByName, BadNamesAreClearErrors) {
+  CVolumeIdentity identity(m_kernel.SysRoot(), m_kernel.DevRoot());
+  std::string id = "keep";
+  CQiError error = identity.GetVolumeUniqueId("", id);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
+  EXPECT_EQ(error.GetMessage(), "Empty path");
+  error = identity.GetPhysicalMediaId("var", id);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
+  EXPECT_EQ(error.GetMessage(), "Path is not absolute, Path=var");
+  error = identity.GetPhysicalMediaId(std::string("/var\0x", 6), id);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
+  error = identity.GetVolumeUniqueId("/" + std::string(5000, 'v'), id);
+  EXPECT_TRUE(error.IsErrNo(ENAMETOOLONG));
+  EXPECT_EQ(id, "keep");
+  // A name whose volume is found through a non-UTF-8 path works like any other.
+  ASSERT_TRUE(identity.GetVolumeUniqueId("/var/\xff\xfe", id).IsSuccess());
+  EXPECT_EQ(id, "dev-8:2");
+}
+
+TEST(VolumeIdentity, TheMachinesRootVolumeHasIds) {
+  CVolumeIdentity identity = CVolumeIdentity::GetDefault();
+  EXPECT_EQ(identity.GetSysRoot(), "/sys");
+  std::string name, uniqueId, mediaId;
+  ASSERT_TRUE(identity.GetVolumeName("/", name).IsSuccess());
+  EXPECT_EQ(name, "/");
+  ASSERT_TRUE(identity.GetVolumeUniqueId(name, uniqueId).IsSuccess());
+  ASSERT_TRUE(identity.GetPhysicalMediaId(name, mediaId).IsSuccess());
+  EXPECT_FALSE(uniqueId.empty());
+  EXPECT_TRUE(FXString::StartsWith(mediaId, "/dev/") || FXString::StartsWith(mediaId, "dev-") ||
+              mediaId == "UNC")
+      << mediaId;
+}
+
+TEST(VolumeIdentity, DefaultRootsCanBeRedirected) {
+  CFakeKernelTree kernel;
+  CVolumeIdentity::SetDefaultRoots(kernel.SysRoot(), kernel.DevRoot());
+  std::string mediaId;
+  ASSERT_TRUE(CVolumeIdentity::GetDefault()
+                  .GetPhysicalMediaId(Volume("1 0 8:17 / /x rw - ext4 /dev/sdb1 rw"), mediaId)
+                  .IsSuccess());
+  EXPECT_EQ(mediaId, "/dev/sdb");
+  CVolumeIdentity::SetDefaultRoots("", "");
+  EXPECT_EQ(CVolumeIdentity::GetDefault().GetDevRoot(), "/dev");
+}
