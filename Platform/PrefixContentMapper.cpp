@@ -25,8 +25,8 @@ std::string_view Remainder(std::string_view path, std::string_view prefix) {
 
 CQiError CPrefixContentMapper::AddMapping(const std::string& hostPrefix,
                                           const std::string& proxyPrefix) {
-  QI_RETURN_IF_ERROR(ValidateAbsolute(hostPrefix, "host prefix"));
-  QI_RETURN_IF_ERROR(ValidateAbsolute(proxyPrefix, "proxy prefix"));
+  QI_RETURN_IF_ERROR(ValidateAbsolute(hostPrefix, "Host prefix"));
+  QI_RETURN_IF_ERROR(ValidateAbsolute(proxyPrefix, "Proxy prefix"));
   std::string host = FXPath::RemoveTrailingDelimiters(hostPrefix);
   std::string proxy = FXPath::RemoveTrailingDelimiters(proxyPrefix);
   std::unique_lock<std::shared_mutex> lock(m_mtxMappings);
@@ -49,7 +49,7 @@ std::vector<std::pair<std::string, std::string>> CPrefixContentMapper::GetMappin
 
 CQiError CPrefixContentMapper::Convert(const std::string& path, bool fromHost,
                                        std::string& result) const {
-  QI_RETURN_IF_ERROR(ValidateAbsolute(path, "path"));
+  QI_RETURN_IF_ERROR(ValidateAbsolute(path, "Path"));
   std::string clean = FXPath::RemoveTrailingDelimiters(path);
   std::shared_lock<std::shared_mutex> lock(m_mtxMappings);
   const std::pair<std::string, std::string>* best = nullptr;
