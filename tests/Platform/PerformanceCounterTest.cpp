@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Platform/AutoTimeCounter.h"
+#include "Platform/CaptureLogWriter.h"
+#include "Platform/FXEvent.h"
+#include "Platform/ScanPerformanceCounter.h"
+#include "Platform/ScanPerformanceCounterSet.h"
+
+namespace {
+using EType = EScanPerfCounterType;
+
+class PerformanceCounterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CScanPerformanceCounter::ResetAll();
+    writer = std::make_shared<CCaptureLogWriter>(1);
+    CLogWriterInterface::SetProcessLogWriter(writer);
+  }
+  void TearDown() override {
+    CLogWriterInterface::SetProcessLogWriter(nullptr);
+    CScanPerformanceCounter::ResetAll();
+  }
+  std::vector<std::string> Texts() const {
+    std::vector<std::string> lst;
+    for (const auto& e : writer->GetEntries()) lst.push_back(e.text);
+    return lst;
+  }
+  std::shared_ptr<CCaptureLogWriter> writer;
+};
+}  // namespace
+
+struct NameRow {
+  EType eType;
+  int iIndex;
+  const char* szName;
+};
+class PerformanceCounterNames : public ::testing::TestWithParam<NameRow> {};
+
+TEST_P(PerformanceCounterNames, TypeIndexAndNameAgree) {
+  const NameRow& row = GetParam();
+  EXPECT_EQ(static_cast<int>(row.eType), row.iIndex);
+  EXPECT_STREQ(CScanPerformanceCounter::GetTypeName(row.eType), row.szName);
+  EType eFound = EType::TIME_TOTAL_SCAN;
+  ASSERT_TRUE(CScanPerformanceCounter::FindType(row.szName, eFound));
+  EXPECT_EQ(eFound, row.eType);
+  EXPECT_EQ(CScanPerformanceCounter::GetCounter(row.eType).GetType(), row.eType);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, PerformanceCounterNames,
+    ::testing::Values(NameRow{EType::TIME_TOTAL_SCAN, 0, "TIME_TOTAL_SCAN"},
+                      NameRow{EType::TIME_SCANNER_RUN, 3, "TIME_SCANNER_RUN"},
+                      NameRow{EType::TIME_ITEMEVALUATOR_ISSELECTED, 17,
+                              "TIME_ITEMEVALUATOR_ISSELECTED"},
+                      NameRow{EType::TIME_ADD_TO_COLLECT, 18, "TIME_ADD_TO_COLLECT"},
+                      NameRow{EType::TIME_ANCESTOR_PROCESSING, 19, "TIME_ANCESTOR_PROCESSING"},
+                      NameRow{EType::TIME_ADD_TO_DIRCHANGE, 20, "TIME_ADD_TO_DIRCHANGE"},
+                      NameRow{EType::TIME_LONG_PATH, 28, "TIME_LONG_PATH"}));
+
+TEST(PerformanceCounterNamesTest, All29NamesAreDistinctAndFound) {
+  std::set<std::string> setNames;
+  for (size_t i = 0; i < kScanPerfCounterTypeCount; ++i) {
+    const auto eType = static_cast<EType>(i);
+    const std::string strName = CScanPerformanceCounter::GetTypeName(eType);
+    EXPECT_EQ(strName.rfind("TIME_", 0), 0u) << strName;
+    EType eFound = EType::TIME_TOTAL_SCAN;
+    EXPECT_TRUE(CScanPerformanceCounter::FindType(strName, eFound));
+    EXPECT_EQ(eFound, eType);
+    setNames.insert(strName);
+  }
+  EXPECT_EQ(setNames.size(), 29u);
+  EType eFound = EType::TIME_SORT;
+  EXPECT_FALSE(CScanPerformanceCounter::FindType("TIME_NOTHING", eFound));
+  EXPECT_EQ(eFound, EType::TIME_SORT);
+}
+
+TEST_F(PerformanceCounterTest, CountersAccumulateFromManyThreads) {
+  constexpr int kThreads = 8;
+  constexpr int kAdds = 10000;
+  CScanPerformanceCounter& counter = CScanPerformanceCounter::GetCounter(EType::TIME_STAT);
+  std::vector<std::thread> lstThreads;
+  for (int t = 0; t < kThreads; ++t)
+    lstThreads.emplace_back([&] {
+      for (int i = 0; i < kAdds; ++i) {
+        counter.Add(3);
+        CAutoTimeCounter timer(EType::TIME_PROCESS_ITEM);
+      }
+    });
+  for (auto& t : lstThreads) t.join();
+  EXPECT_EQ(counter.GetSamples(), uint64_t{kThreads} * kAdds);
+  EXPECT_EQ(counter.GetTotalNanoseconds(), uint64_t{3} * kThreads * kAdds);
+  EXPECT_EQ(CScanPerformanceCounter::GetCounter(EType::TIME_PROCESS_ITEM).GetSamples(),
+            uint64_t{kThreads} * kAdds);
+}
+
+TEST_F(PerformanceCounterTest, AutoTimeCounterAddsOneSampleOnce) {
+  CScanPerformanceCounter counter(EType::TIME_SORT);
+  {
+    CAutoTimeCounter timer(counter);
+    timer.Stop();
+    timer.Stop();
+  }  // nothing more at scope exit
+  EXPECT_EQ(counter.GetSamples(), 1u);
+  { CAutoTimeCounter timer(counter); }
+  EXPECT_EQ(counter.GetSamples(), 2u);
+  { CAutoTimeCounter noOp(static_cast<CScanPerformanceCounter*>(nullptr)); }
+  EXPECT_EQ(counter.GetSamples(), 2u);
+}
+
+TEST_F(PerformanceCounterTest, ThreadSetsAreSeparatePerThreadAndVolume) {
+  CScanPerformanceCounterSet& mainData = CScanPerformanceCounter::GetThreadCounter("/data");
+  CScanPerformanceCounterSet& mainHome = CScanPerformanceCounter::GetThreadCounter("/home");
+  EXPECT_NE(&mainData, &mainHome);
+  EXPECT_EQ(&CScanPerformanceCounter::GetThreadCounter("/data"), &mainData);
+  EXPECT_EQ(mainData.GetVolumeName(), "/data");
+  EXPECT_EQ(mainData.GetThreadId(), static_cast<long>(gettid()));
+
+  CScanPerformanceCounterSet* pOtherData = nullptr;
+  std::thread other([&] {
+    pOtherData = &CScanPerformanceCounter::GetThreadCounter("/data");
+    pOtherData->Get(EType::TIME_FINDFIRST).Add(5);
+  });
+  other.join();
+  EXPECT_NE(pOtherData, &mainData);
+
+  mainData[EType::TIME_FINDFIRST].Add(7);
+  mainHome[EType::TIME_FINDFIRST].Add(11, 2);
+  EXPECT_EQ(mainData.Get(EType::TIME_FINDFIRST).GetTotalNanoseconds(), 7u);
+  EXPECT_EQ(mainHome.Get(EType::TIME_FINDFIRST).GetSamples(), 2u);
+  // Per-thread timers do not touch the per-scan ones.
+  EXPECT_EQ(CScanPerformanceCounter::GetCounter(EType::TIME_FINDFIRST).GetSamples(), 0u);
+}
+
+TEST_F(PerformanceCounterTest, LogAllCountersWritesOneLinePerUsedTimer) {
+  CScanPerformanceCounter::GetCounter(EType::TIME_ADD_TO_COLLECT).Add(1000000, 1);
+  CScanPerformanceCounter::GetCounter(EType::TIME_ADD_TO_COLLECT).Add(2000000, 1);
+  CScanPerformanceCounter::GetCounter(EType::TIME_SCANNER_RUN).Add(4500000000ULL, 1);
+  CScanPerformanceCounter::GetCounter(EType::TIME_STAT).Add(999, 3);
+  CScanPerformanceCounter::LogAllCounters();
+  EXPECT_EQ(Texts(), (std::vector<std::string>{
+                         "Counter=TIME_SCANNER_RUN, Total=4500 ms, Samples=1, Average=4500000 us",
+                         "Counter=TIME_STAT, Total=0 ms, Samples=3, Average=0 us",
+                         "Counter=TIME_ADD_TO_COLLECT, Total=3 ms, Samples=2, Average=1500 us"}));
+  for (const auto& e : writer->GetEntries()) EXPECT_EQ(e.level, 1);
+}
+
+TEST_F(PerformanceCounterTest, NothingIsLoggedBelowLevelOneOrWithoutSamples) {
+  CScanPerformanceCounter::LogAllCounters();
+  EXPECT_TRUE(Texts().empty());
+  CScanPerformanceCounter::GetCounter(EType::TIME_SORT).Add(5);
+  writer->SetLevel(0);
+  CScanPerformanceCounter::LogAllCounters();
+  EXPECT_TRUE(Texts().empty());
+}
+
+TEST_F(PerformanceCounterTest, LogThreadCountersNamesVolumeAndThread) {
+  FXEvent logged(FXEvent::EResetMode::Manual), used(FXEvent::EResetMode::Manual);
+  long lWorkerTid = 0;
+  std::thread worker([&] {
+    lWorkerTid = static_cast<long>(gettid());
+    CScanPerformanceCounter::GetThreadCounter("/export")[EType::TIME_WAIT_FOR_FOLDER].Add(6000000,
+                                                                                          4);
+    used.Set();
+    (void)logged.Wait(30000);  // alive while the test logs its counters
+  });
+  ASSERT_EQ(used.Wait(30000), FXEvent::EWaitResult::Signalled);
+  CScanPerformanceCounter::GetThreadCounter("/data")[EType::TIME_FINDNEXT].Add(2000000, 1);
+  CScanPerformanceCounter::LogThreadCounters();
+  logged.Set();
+  worker.join();
+
+  char szWorker[200], szMain[200];
+  snprintf(szWorker, sizeof(szWorker),
+           "Volume=/export, ThreadId=%ld, Counter=TIME_WAIT_FOR_FOLDER, Total=6 ms, Samples=4, "
+           "Average=1500 us",
+           lWorkerTid);
+  snprintf(szMain, sizeof(szMain),
+           "Volume=/data, ThreadId=%ld, Counter=TIME_FINDNEXT, Total=2 ms, Samples=1, "
+           "Average=2000 us",
+           static_cast<long>(gettid()));
+  EXPECT_EQ(Texts(), (std::vector<std::string>{szMain, szWorker}));  // ordered by volume
+
+  // The worker's set went away with its thread.
+  writer->Clear();
+  CScanPerformanceCounter::LogThreadCounters();
+  EXPECT_EQ(Texts(), (std::vector<std::string>{szMain}));
+}
+
+TEST_F(PerformanceCounterTest, ResetAllZeroesScanAndThreadTimers) {
+  CScanPerformanceCounter::GetCounter(EType::TIME_DB_LOOKUP).Add(10);
+  CScanPerformanceCounterSet& set = CScanPerformanceCounter::GetThreadCounter("/vol");
+  set[EType::TIME_DB_INSERT].Add(10);
+  CScanPerformanceCounter::ResetAll();
+  EXPECT_EQ(CScanPerformanceCounter::GetCounter(EType::TIME_DB_LOOKUP).GetSamples(), 0u);
+  EXPECT_EQ(set.Get(EType::TIME_DB_INSERT).GetTotalNanoseconds(), 0u);
+  CScanPerformanceCounter::LogAllCounters();
+  CScanPerformanceCounter::LogThreadCounters();
+  EXPECT_TRUE(Texts().empty());
+}
