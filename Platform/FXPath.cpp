@@ -63,7 +63,7 @@ CQiError FXPath::SplitParent(std::string_view path, std::string& parent, std::st
   std::string_view p = StripTrailing(path);
   if (p == "/") {
     parent.clear();
-    name = "/";
+    name.assign(1, kDelimiter);
     return CQiError();
   }
   size_t pos = p.rfind('/');
@@ -71,7 +71,7 @@ CQiError FXPath::SplitParent(std::string_view path, std::string& parent, std::st
     parent.clear();
     name.assign(p);
   } else if (pos == 0) {
-    parent = "/";
+    parent.assign(1, kDelimiter);
     name.assign(p.substr(1));
   } else {
     parent.assign(p.substr(0, pos));
