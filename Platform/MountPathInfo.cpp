@@ -22,7 +22,7 @@ std::string ApplyComponents(std::string base, std::string_view rest) {
     if (part.empty() || part == ".") continue;
     if (part == "..") {
       base = FXPath::GetParent(base);
-      if (base.empty()) base = "/";
+      if (base.empty()) base.push_back(FXPath::kDelimiter);
       continue;
     }
     FXPath::AppendInPlace(base, part);
