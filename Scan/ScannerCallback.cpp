@@ -1,5 +1,7 @@
 #include "Scan/ScannerCallback.h"
 
+#include "Platform/FXErrorUtil.h"
+
 CScannerCallback::CScannerCallback() = default;
 
 // Members are released in reverse order: scanner options, post-processing options, bag.

@@ -33,7 +33,6 @@
 #include <vector>
 
 #include "Platform/Bag.h"
-#include "Platform/FXErrorUtil.h"
 #include "Platform/QiError.h"
 #include "Scan/AbortOperationCheck.h"
 #include "Scan/CollectType.h"

@@ -204,6 +204,21 @@ TEST_F(FailedFilesScannerFixture, BaseHandlerRefusesWithNotSupported) {
   EXPECT_TRUE(Run().IsWin32(50));
 }
 
+// Lines that cannot name a file are skipped like vanished paths, never a crash.
+TEST_F(FailedFilesScannerFixture, UnusablePathsAreSkipped) {
+  const std::string root = m_tree.MakeDir("A");
+  const std::string ok = m_tree.MakeFile("A/ok", "");
+  const std::string withNul = root + std::string("/x\0y", 4);
+  const std::string tooLong = root + "/" + std::string(5000, 'n');
+  WriteList(withNul + "\n" + tooLong + "\n" + ok + "\n");
+  auto handler = std::make_shared<CRecordingHandler>();
+  m_pCallback->m_vRoots = {{root, handler}};
+  ASSERT_TRUE(Run().IsSuccess());
+  EXPECT_EQ((std::vector<std::string>{ok}), handler->Paths());
+  EXPECT_EQ(1u, m_pLog->CountContaining("] skipped (errono:22)", 4));
+  EXPECT_EQ(1u, m_pLog->CountContaining("] skipped (errono:36)", 4));
+}
+
 TEST_F(FailedFilesScannerFixture, EmptyListDoesNothing) {
   WriteList("\n \r\n\t\n");
   EXPECT_TRUE(Run().IsSuccess());

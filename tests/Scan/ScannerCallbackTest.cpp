@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Platform/Bag.h"
+#include "Platform/FXErrorUtil.h"
 #include "Scan/AbortOperationCheck.h"
 #include "Scan/ConsumerOutputHandler.h"
 #include "Scan/ItemConsumer.h"
