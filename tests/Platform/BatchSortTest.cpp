@@ -1,0 +1,369 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Platform/BatchSort.h"
+#include "Platform/ZrProcess.h"
+#include "Support/TempTree.h"
+
+namespace {
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+std::vector<std::string> ListFolder(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(path.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The reference: GNU sort in the C locale.
+std::string SortWithCoreutils(const std::string& input, const std::string& output) {
+  ZrProcess process;
+  if (process.Start("LC_ALL=C sort -o '" + output + "' '" + input + "'").IsError()) return "<start>";
+  if (process.WaitForExit(300000).IsError() || process.GetExitCode() != 0)
+    return "<sort failed: " + process.GetStderr() + ">";
+  return ReadFile(output);
+}
+
+std::string Join(const std::vector<std::string>& lines, bool finalFeed = true) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  if (!finalFeed && !text.empty()) text.pop_back();
+  return text;
+}
+
+std::string RandomBytesLines(size_t count, size_t maxLength, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::vector<std::string> lines;
+  for (size_t i = 0; i < count; ++i) {
+    std::string line(random() % (maxLength + 1), '\0');
+    for (char& c : line) {
+      unsigned byte = random() % 255;  // 0x00..0xfe, then skip the line feed
+      c = static_cast<char>(byte >= '\n' ? byte + 1 : byte);
+    }
+    lines.push_back(line);
+  }
+  return Join(lines);
+}
+
+std::string PathLines(size_t count, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::string text;
+  char line[128];
+  for (size_t i = 0; i < count; ++i) {
+    snprintf(line, sizeof(line), "/data/proj%02u/dir%03u/sub%02u/file_%06u.txt\n",
+             static_cast<unsigned>(random() % 20), static_cast<unsigned>(random() % 100),
+             static_cast<unsigned>(random() % 30), static_cast<unsigned>(random() % 1000000));
+    text += line;
+  }
+  return text;
+}
+
+std::string MakeEmpty() { return ""; }
+std::string MakeOneLine() { return "only line\n"; }
+std::string MakeOneLineNoFeed() { return "only line"; }
+std::string MakeEmptyLines() { return "\n\n\n"; }
+std::string MakeNoFinalFeed() { return "pear\napple\nfig\napple"; }
+std::string MakePrefixesAndNul() {
+  std::vector<std::string> lines = {std::string("a\0", 2), "a", std::string("a\0\0", 3), "ab",
+                                    "", std::string("\0", 1), "a\x01", "\xff", std::string("a\0b", 3),
+                                    "a", "", "\x7f", "\x80"};
+  return Join(lines);
+}
+std::string MakeAllBytes() { return RandomBytesLines(20000, 40, 7); }
+std::string MakeCarriageReturns() {
+  return Join({"b\r", "a\r\r", "a", "a\r", "\r", "b", "\rz", "a\rb"});
+}
+std::string MakeInvalidUtf8() {
+  return Join({"\xc3\x28", "\xff\xfe", "caf\xc3\xa9", "cafe", "\xe2\x82", "\xc3\xa9t\xc3\xa9",
+               "\xed\xa0\x80"});
+}
+std::string MakeSharedLongPrefixes() {
+  std::mt19937 random(11);
+  std::string prefix(300, 'x');
+  std::vector<std::string> lines;
+  for (int i = 0; i < 6000; ++i) {
+    std::string line = prefix;
+    line.resize(290 + random() % 20, 'x');  // some end inside the shared run of x
+    if (random() % 2) line += "/dir" + std::to_string(random() % 50);
+    if (random() % 3 == 0) line += std::string(random() % 3, '\0');
+    lines.push_back(line);
+  }
+  return Join(lines);
+}
+// Few distinct bytes, NUL among them, and short lines: many lines are prefixes of others or
+// differ from them only by a trailing NUL, deep into the radix passes.
+std::string MakeTinyAlphabet() {
+  std::mt19937 random(13);
+  const char alphabet[] = {'\0', '\x01', 'a', '\xff'};
+  std::vector<std::string> lines;
+  for (int i = 0; i < 120000; ++i) {
+    std::string line(random() % 13, '\0');
+    for (char& ch : line) ch = alphabet[random() % 4];
+    lines.push_back(line);
+  }
+  return Join(lines);
+}
+std::string MakeDuplicates() {
+  std::mt19937 random(5);
+  std::vector<std::string> lines;
+  for (int i = 0; i < 10000; ++i) lines.push_back("value-" + std::to_string(random() % 50));
+  return Join(lines);
+}
+std::string MakePaths() { return PathLines(40000, 3); }
+std::string MakeManyPaths() { return PathLines(150000, 4); }
+std::string MakeLongLines() {
+  std::mt19937 random(9);
+  std::vector<std::string> lines;
+  for (int i = 0; i < 24; ++i) {
+    std::string line(100000 + random() % 200000, static_cast<char>('a' + random() % 3));
+    line[line.size() / 2] = static_cast<char>('a' + random() % 26);
+    lines.push_back(line);
+    lines.push_back("short" + std::to_string(i));
+  }
+  return Join(lines, false);
+}
+
+struct SSortCase {
+  const char* name;
+  std::string (*make)();
+  size_t memory;      // 0: default
+  size_t fanIn;       // 0: default
+  unsigned threads;   // 0: default
+  bool expectRuns;    // sorted through runs in the scratch folder
+  bool expectMerges;  // with intermediate merges
+};
+void PrintTo(const SSortCase& c, std::ostream* os) { *os << c.name; }
+
+
+class BatchSortCompare : public ::testing::TestWithParam<SSortCase> {};
+
+TEST_P(BatchSortCompare, MatchesCoreutilsSortByteForByte) {
+  const SSortCase& c = GetParam();
+  CTempTree tree;
+  std::string content = c.make();
+  std::string input = tree.MakeFile("in/lines.txt", content);
+  std::string output = tree.Path("out/sorted.txt");
+  std::string expectedPath = tree.Path("ref/sorted.txt");
+  tree.MakeDir("out");
+  tree.MakeDir("ref");
+  std::string scratch = tree.MakeDir("scratch");
+
+  BBatchSortOptions options;
+  if (c.memory != 0) options.uMemoryBytes = c.memory;
+  options.uMaxMergeFanIn = c.fanIn;
+  options.uThreads = c.threads;
+  SBatchSortStats stats;
+  CQiError error = BatchSort(input, output, scratch, options, &stats);
+  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+
+  std::string expected = SortWithCoreutils(input, expectedPath);
+  std::string actual = ReadFile(output);
+  EXPECT_EQ(actual.size(), expected.size());
+  EXPECT_TRUE(actual == expected) << "output differs from LC_ALL=C sort";
+  EXPECT_EQ(ReadFile(input), content);  // the input is left alone
+
+  EXPECT_EQ(stats.uBytes, content.size());
+  EXPECT_EQ(stats.uLines, static_cast<uint64_t>(std::count(expected.begin(), expected.end(), '\n')));
+  EXPECT_EQ(stats.uRuns > 0, c.expectRuns) << stats.uRuns;
+  EXPECT_EQ(stats.uMergePasses > 0, c.expectMerges) << stats.uMergePasses;
+  // Nothing temporary is left anywhere.
+  EXPECT_TRUE(ListFolder(scratch).empty());
+  EXPECT_EQ(ListFolder(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
+}
+
+constexpr size_t kSmall = size_t{64} << 10;
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, BatchSortCompare,
+    ::testing::Values(
+        SSortCase{"Empty", MakeEmpty, 0, 0, 0, false, false},
+        SSortCase{"OneLine", MakeOneLine, 0, 0, 0, false, false},
+        SSortCase{"OneLineWithoutLineFeed", MakeOneLineNoFeed, 0, 0, 0, false, false},
+        SSortCase{"OnlyEmptyLines", MakeEmptyLines, 0, 0, 0, false, false},
+        SSortCase{"LastLineWithoutLineFeed", MakeNoFinalFeed, 0, 0, 0, false, false},
+        SSortCase{"PrefixesAndNulBytes", MakePrefixesAndNul, 0, 0, 0, false, false},
+        SSortCase{"AllBytesButLineFeed", MakeAllBytes, 0, 0, 0, false, false},
+        SSortCase{"CarriageReturns", MakeCarriageReturns, 0, 0, 0, false, false},
+        SSortCase{"InvalidUtf8", MakeInvalidUtf8, 0, 0, 0, false, false},
+        SSortCase{"SharedLongPrefixes", MakeSharedLongPrefixes, 0, 0, 0, false, false},
+        SSortCase{"Duplicates", MakeDuplicates, 0, 0, 0, false, false},
+        SSortCase{"TinyAlphabetOneThread", MakeTinyAlphabet, 0, 0, 1, false, false},
+        SSortCase{"TinyAlphabetTwoThreads", MakeTinyAlphabet, 0, 0, 2, false, false},
+        SSortCase{"TinyAlphabetInRuns", MakeTinyAlphabet, kSmall * 4, 1000, 2, true, false},
+        SSortCase{"PathsInMemoryOneThread", MakeManyPaths, 0, 0, 1, false, false},
+        SSortCase{"PathsInMemoryTwoThreads", MakeManyPaths, 0, 0, 2, false, false},
+        SSortCase{"PathsRunsMergedInOnePass", MakePaths, kSmall, 1000, 0, true, false},
+        SSortCase{"PathsMultiPassFanInTwo", MakePaths, kSmall, 2, 0, true, true},
+        SSortCase{"PathsMultiPassFanInThree", MakePaths, kSmall, 3, 2, true, true},
+        SSortCase{"AllBytesInRuns", MakeAllBytes, kSmall, 1000, 2, true, false},
+        SSortCase{"SharedLongPrefixesInRuns", MakeSharedLongPrefixes, kSmall, 4, 0, true, true},
+        SSortCase{"DuplicatesInRuns", MakeDuplicates, kSmall, 1000, 0, true, false},
+        SSortCase{"LinesLongerThanTheMemoryBound", MakeLongLines, kSmall, 1000, 0, true, false},
+        SSortCase{"PathsManyRunsTwoThreads", MakeManyPaths, size_t{1} << 20, 0, 2, true, false}),
+    [](const ::testing::TestParamInfo<SSortCase>& info) { return info.param.name; });
+
+TEST(BatchSort, InputMayBeTheOutput) {
+  CTempTree tree;
+  std::string path = tree.MakeFile("lines.txt", "c\nb\na\n");
+  std::string scratch = tree.MakeDir("scratch");
+  ASSERT_TRUE(BatchSort(path, path, scratch).IsSuccess());
+  EXPECT_EQ(ReadFile(path), "a\nb\nc\n");
+  EXPECT_EQ(ListFolder(tree.Root()), (std::vector<std::string>{"lines.txt", "scratch"}));
+}
+
+TEST(BatchSort, ReplacesAnExistingOutput) {
+  CTempTree tree;
+  std::string input = tree.MakeFile("in.txt", "2\n1\n");
+  std::string output = tree.MakeFile("out.txt", "old old old old\n");
+  ASSERT_TRUE(BatchSort(input, output, tree.MakeDir("scratch")).IsSuccess());
+  EXPECT_EQ(ReadFile(output), "1\n2\n");
+}
+
+// --- Errors ------------------------------------------------------------------------------------
+
+struct SErrorCase {
+  const char* name;
+  int broken;  // which argument is broken, see the switch below
+  bool win32;
+  int code;
+  const char* message;  // the raising place's text; {in}, {out}, {scratch} are replaced
+};
+void PrintTo(const SErrorCase& c, std::ostream* os) { *os << c.name; }
+
+
+class BatchSortError : public ::testing::TestWithParam<SErrorCase> {};
+
+std::string Fill(std::string text, const std::string& in, const std::string& out,
+                 const std::string& scratch, const std::string& outFolder) {
+  auto replace = [&text](const std::string& key, const std::string& value) {
+    for (size_t pos; (pos = text.find(key)) != std::string::npos;) text.replace(pos, key.size(), value);
+  };
+  replace("{in}", in);
+  replace("{out}", out);
+  replace("{scratch}", scratch);
+  replace("{outFolder}", outFolder);
+  return text;
+}
+
+TEST_P(BatchSortError, FailsClearlyAndLeavesNothingBehind) {
+  const SErrorCase& c = GetParam();
+  CTempTree tree;
+  std::string input = tree.MakeFile("in.txt", PathLines(2000, 1));
+  std::string outFolder = tree.MakeDir("out");
+  std::string output = tree.MakeFile("out/sorted.txt", "previous output\n");
+  std::string scratch = tree.MakeDir("scratch");
+  switch (c.broken) {
+    case 0: input = tree.Path("missing.txt"); break;
+    case 1: input = tree.MakeDir("a-folder"); break;
+    case 2: scratch = tree.Path("no-scratch"); break;
+    case 3: scratch = tree.MakeFile("scratch-file"); break;
+    case 4: output = tree.Path("no-folder/sorted.txt"); outFolder = tree.Path("no-folder"); break;
+    case 5: input.clear(); break;
+    case 6: output = std::string("/tmp/a\0b", 8); break;
+    case 7: scratch = "/" + std::string(PATH_MAX, 's'); break;
+  }
+  BBatchSortOptions options;
+  options.uMemoryBytes = kSmall;  // would need runs
+  CQiError error = BatchSort(input, output, scratch, options);
+  ASSERT_TRUE(error.IsError());
+  if (c.win32) {
+    EXPECT_TRUE(error.IsWin32(static_cast<uint32_t>(c.code))) << error.AsString();
+  } else {
+    EXPECT_TRUE(error.IsErrNo(c.code)) << error.AsString();
+  }
+  if (c.broken != 7) {
+    EXPECT_EQ(error.GetMessage(), Fill(c.message, input, output, scratch, outFolder));
+  } else {
+    EXPECT_EQ(error.GetMessage().rfind(c.message, 0), 0u) << error.GetMessage();
+  }
+  EXPECT_NE(error.AsString().find("Unable to sort ["), std::string::npos);
+  EXPECT_EQ(ReadFile(tree.Path("out/sorted.txt")), "previous output\n");
+  EXPECT_EQ(ListFolder(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
+  EXPECT_TRUE(ListFolder(tree.Path("scratch")).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Arguments, BatchSortError,
+    ::testing::Values(
+        SErrorCase{"InputMissing", 0, false, ENOENT, "Unable to open sort input [{in}]"},
+        SErrorCase{"InputIsAFolder", 1, false, EISDIR, "Sort input [{in}] is a folder"},
+        SErrorCase{"ScratchMissing", 2, false, ENOENT, "Sort scratch folder [{scratch}] cannot be used"},
+        SErrorCase{"ScratchIsAFile", 3, false, ENOTDIR, "Sort scratch folder [{scratch}] is not a folder"},
+        SErrorCase{"OutputFolderMissing", 4, false, ENOENT,
+                   "Unable to create a temporary sort output in [{outFolder}]"},
+        SErrorCase{"EmptyInputPath", 5, true, QiErrorCode::InvalidParameter, "Empty path"},
+        SErrorCase{"NulInOutputPath", 6, true, QiErrorCode::InvalidParameter, "Path holds a NUL byte"},
+        SErrorCase{"ScratchPathTooLong", 7, false, ENAMETOOLONG,
+                   "Sort scratch folder path is longer than"}),
+    [](const ::testing::TestParamInfo<SErrorCase>& info) { return info.param.name; });
+
+struct SNobodyArgs {
+  std::string input;
+  std::string output;
+  std::string scratch;
+};
+
+TEST(BatchSort, UnwritableOutputFolderFailsBeforeAnyWork) {
+  CTempTree tree;
+  SNobodyArgs args{tree.MakeFile("in.txt", "b\na\n"), tree.MakeDir("locked", 0555) + "/out.txt",
+                   tree.MakeDir("scratch", 0777)};
+  int status = RunAsNobody(
+      [](void* p) -> int {
+        auto* a = static_cast<SNobodyArgs*>(p);
+        CQiError error = BatchSort(a->input, a->output, a->scratch);
+        if (!error.IsErrNo(EACCES)) return 1;
+        if (error.GetMessage().find("Unable to create a temporary sort output in [") != 0) return 2;
+        return 0;
+      },
+      &args);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(ListFolder(tree.Path("locked")).empty());
+}
+
+TEST(BatchSort, UnwritableScratchFailsMidSortAndRemovesTheTemporaryOutput) {
+  CTempTree tree;
+  SNobodyArgs args{tree.MakeFile("in.txt", PathLines(20000, 2)), tree.MakeDir("out", 0777) + "/out.txt",
+                   tree.MakeDir("scratch", 0555)};
+  int status = RunAsNobody(
+      [](void* p) -> int {
+        auto* a = static_cast<SNobodyArgs*>(p);
+        BBatchSortOptions options;
+        options.uMemoryBytes = kSmall;
+        CQiError error = BatchSort(a->input, a->output, a->scratch, options);
+        if (!error.IsErrNo(EACCES)) return 1;
+        if (error.GetMessage() != "Unable to create a sort run in scratch folder [" + a->scratch + "]")
+          return 2;
+        return 0;
+      },
+      &args);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(ListFolder(tree.Path("out")).empty());
+  EXPECT_TRUE(ListFolder(tree.Path("scratch")).empty());
+}
+
+}  // namespace
