@@ -29,6 +29,7 @@ class CFilterSet::CPlainIndex {
     CFilterTermTestString levels(item);
     for (size_t i = 0; i + 1 < levels.GetLevelCount(); ++i)
       m_setAncestors.emplace(levels.GetPrefix(i));
+    m_uDepthMask |= DepthBit(levels.GetLevelCount() - 1);
     m_nMaxPathLength = std::max(m_nMaxPathLength, item.size());
     return true;
   }
@@ -39,7 +40,8 @@ class CFilterSet::CPlainIndex {
     if (!m_mapPaths.empty()) {
       for (size_t i = 0; i < levels; ++i) {
         const CFilterTermTestString::SLevel& level = test.GetLevel(i);
-        if (level.end > m_nMaxPathLength) break;  // no item is that long
+        if (level.end > m_nMaxPathLength) break;          // no item is that long
+        if ((m_uDepthMask & DepthBit(i)) == 0) continue;  // no item has that many levels
         const unsigned need =
             (i + 1 == levels) ? CFilterTerm::kMatchSelf : CFilterTerm::kMatchBelow;
         if ((matchBits & need) == 0) continue;
@@ -113,7 +115,14 @@ class CFilterSet::CPlainIndex {
     }
   };
 
+  // Bit n is set when some path item has n + 1 levels (the last bit stands for all deeper ones),
+  // so that levels of T at which no item can sit cost no lookup.
+  static uint64_t DepthBit(size_t levelIndex) {
+    return uint64_t{1} << std::min<size_t>(levelIndex, 63);
+  }
+
   bool m_bFold;
+  uint64_t m_uDepthMask = 0;
   size_t m_nMaxPathLength = 0;
   std::unordered_map<std::string, SInfo, SHash, SEqual> m_mapPaths;
   std::unordered_set<std::string, SHash, SEqual> m_setAncestors;

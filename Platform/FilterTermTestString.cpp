@@ -3,6 +3,9 @@
 #include "Platform/FXString.h"
 
 std::string CFilterTermTestString::NormalizePath(std::string_view path) {
+  // Most paths are normalized already: copy them whole.
+  if (path.find("//") == std::string_view::npos && (path.size() <= 1 || path.back() != '/'))
+    return std::string(path);
   std::string out;
   out.reserve(path.size());
   for (char c : path) {

@@ -575,6 +575,14 @@ TEST(FilterSet, DeepPathsBeyondTheInlineLevels) {
   EXPECT_FALSE(set->IsIn(CFilterTermTestString(item.substr(0, item.rfind('/')))));
   EXPECT_TRUE(set->IsMatchPossibleInFolder(CFilterTermTestString(item.substr(0, 50))));
   EXPECT_FALSE(set->IsMatchEntireFolder(CFilterTermTestString(deep)));
+
+  // Past 64 levels every depth shares one bit of the depth mask; lookups must still happen.
+  std::string deeper = deep + deep;  // 80 levels
+  std::string item70 = deeper.substr(0, deeper.find("/d30", deep.size()));
+  CFilterSetPtr deepSet = MakeSet({{I, item70}});
+  EXPECT_TRUE(deepSet->IsIn(CFilterTermTestString(deeper)));
+  EXPECT_TRUE(deepSet->IsIn(CFilterTermTestString(item70)));
+  EXPECT_FALSE(deepSet->IsIn(CFilterTermTestString(item70.substr(0, item70.rfind('/')))));
 }
 
 // ---------------------------------------------------------------------------------------------
