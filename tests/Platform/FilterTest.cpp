@@ -535,6 +535,34 @@ TEST(FilterSet, DefaultTermAndOptionsZeroBehaveAlike) {
   }
 }
 
+// A term asked directly answers as a set holding only that term: the set keeps plain items in
+// hash tables and the term compares strings, two ways to the same answer.
+TEST(FilterTerm, AnswersAsASetHoldingIt) {
+  const std::vector<std::string> items = {"/",        "/data",   "/data/a/b", "core",
+                                          "data/x",   "/Da\\ta", "/data/*",   "*.tmp",
+                                          "/d*/**/b", "**/x",    "/data/?"};
+  const std::vector<std::string> paths = {
+      "/",        "/data",     "/data/a",     "/data/a/b/c", "/database", "/x/core", "/core/y",
+      "data/x/y", "/Da\\ta/z", "/data/f.tmp", "/dq/r/b/s",   "/q/x",      "/DATA/a"};
+  for (const std::string& item : items) {
+    for (BFilterTermOptions options :
+         {BFilterTermOptions::None, BFilterTermOptions::CaseInsensitive}) {
+      auto term = std::make_shared<CFilterTerm>(options);
+      ASSERT_TRUE(term->LoadRaw(item).IsSuccess());
+      CFilterSet set;
+      ASSERT_TRUE(set.AddFilterTerm(I, term).IsSuccess());
+      for (const std::string& path : paths) {
+        CFilterTermTestString test(path);
+        for (unsigned bits = 1; bits <= 3; ++bits)
+          EXPECT_EQ(term->Matches(test, bits), set.IsIn(test, bits))
+              << item << " " << path << " bits=" << bits;
+        EXPECT_EQ(term->CouldMatchAtOrBelow(test), set.IsMatchPossibleInFolder(test))
+            << item << " " << path;
+      }
+    }
+  }
+}
+
 // ---------------------------------------------------------------------------------------------
 // Test strings.
 
