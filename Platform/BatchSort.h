@@ -6,19 +6,24 @@
 // line ends with a line feed, also when the input's last line had none; an empty input gives an
 // empty output.
 //
-// How: the input is read in large blocks into one memory arena of the given bound, which holds
-// both the line bytes and a 24-byte reference per line. When the whole input fits, it is sorted
-// there (CLineSorter, two threads by default) and written straight to the output, with no
-// temporary run at all. Otherwise each full arena is sorted and written as a run into the scratch
-// folder, and the runs are merged with a heap in one pass; when there are more runs than can be
-// merged at once (fan-in limited by memory and descriptors), groups of runs of the same size
-// class are merged into bigger runs first. Run files are unlinked as soon as they are created,
-// so they vanish on every exit path, even a crash. The output is written to a temporary file in
-// the output's folder and renamed over the output only when complete: a failed sort never leaves
-// a partial output, and the input may be the output.
+// How: the input is read in large blocks into one memory arena that holds both the line bytes
+// and a 24-byte reference per line. When the whole input fits, it is sorted there (CLineSorter,
+// two threads by default) and written straight to the output: no run is written at all.
+// Otherwise each full arena is sorted and written as a run into the scratch folder, front-coded
+// (CSortRunWriter: sorted lines share long prefixes, so runs take about half the bytes), and the
+// runs are merged with a heap in one pass. When there are more runs than can be merged at once
+// (the fan-in, limited by memory and descriptors), runs of one size class are merged into bigger
+// runs first, as soon as a class holds a full fan-in. Writes go through a helper thread
+// (CBackgroundWriter) so that the kernel's copy overlaps the sorting and merging. Runs are
+// unnamed files (O_TMPFILE; where the file system lacks it, named files unlinked at once), so
+// they vanish on every exit path, a crash included. The output is written to a temporary file
+// ".batchsort.XXXXXX" in the output's folder, removed on failure and renamed over the output
+// only when complete: a failed sort never leaves a partial output, and the input may be the
+// output. The output gets mode 0666 less the process's umask, like a file made by sort(1).
 //
-// Memory: the bound covers the arena (and the merge buffers); a single line longer than the
-// arena makes the arena grow to hold it.
+// Memory: the bound covers the arena and the I/O buffers; a single line longer than the arena
+// makes the arena grow to hold it. Merges that happen while the input is still being read (only
+// with more runs than the fan-in) use their buffers on top of the arena.
 //
 // Errors (CQiError): Win32 87 for an empty path or one holding a NUL byte, ENAMETOOLONG for a
 // path of PATH_MAX bytes or more; the errno of the failed call with the path for an input that
