@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "Platform/FXErrorUtil.h"
@@ -96,7 +97,11 @@ CQiError CBackgroundWriter::MakeRoom(size_t uBytes) {
   QI_RETURN_IF_ERROR(HandOver());
   if (uBytes > m_uCapacity[m_iCurrent]) {
     // One piece larger than a buffer: this buffer grows to hold it.
-    m_pBuffer[m_iCurrent].reset(new char[uBytes]);
+    char* bigger = new (std::nothrow) char[uBytes];
+    if (bigger == nullptr)
+      return QI_ERROR_ERRNO(ENOMEM, "Unable to allocate %zu bytes to write [%s]", uBytes,
+                            m_strPath.c_str());
+    m_pBuffer[m_iCurrent].reset(bigger);
     m_uCapacity[m_iCurrent] = uBytes;
   }
   return CQiError();

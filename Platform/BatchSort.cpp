@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -261,7 +262,10 @@ CQiError CBatchSorter::FillArena(bool& bFull) {
       }
       // One line longer than the arena: grow the arena to hold it.
       size_t bytes = m_uArenaBytes * 2;
-      std::unique_ptr<char[]> bigger(new char[bytes]);
+      std::unique_ptr<char[]> bigger(new (std::nothrow) char[bytes]);
+      if (!bigger)
+        return QI_ERROR_ERRNO(ENOMEM, "Unable to allocate %zu bytes for a line of sort input [%s]",
+                              bytes, m_strInput.c_str());
       memcpy(bigger.get(), arena, m_uDataEnd);
       m_pArena = std::move(bigger);
       m_uArenaBytes = bytes;
@@ -448,7 +452,9 @@ CQiError CBatchSorter::Run() {
     uint64_t worstCase = m_uInputSize * (1 + sizeof(SLineRef)) + kMinReadBytes * 2;
     if (worstCase < m_uArenaBytes) m_uArenaBytes = static_cast<size_t>(worstCase);
   }
-  m_pArena.reset(new char[m_uArenaBytes]);
+  m_pArena.reset(new (std::nothrow) char[m_uArenaBytes]);
+  if (!m_pArena)
+    return QI_ERROR_ERRNO(ENOMEM, "Unable to allocate %zu bytes of sort memory", m_uArenaBytes);
   m_uMinRoom = std::clamp<size_t>(m_uArenaBytes / 64, 1024, kMinReadBytes);
 
   for (;;) {

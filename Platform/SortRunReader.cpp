@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "Platform/FXErrorUtil.h"
 
@@ -21,7 +22,10 @@ CQiError CSortRunReader::Fill(size_t uBytes) {
   m_uPos = 0;
   m_uEnd = available;
   if (uBytes > m_uCapacity) {
-    std::unique_ptr<char[]> bigger(new char[uBytes]);
+    std::unique_ptr<char[]> bigger(new (std::nothrow) char[uBytes]);
+    if (!bigger)
+      return QI_ERROR_ERRNO(ENOMEM, "Unable to allocate %zu bytes to read a sort run in [%s]",
+                            uBytes, m_strName.c_str());
     memcpy(bigger.get(), m_pBuffer.get(), m_uEnd);
     m_pBuffer = std::move(bigger);
     m_uCapacity = uBytes;

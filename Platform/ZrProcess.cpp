@@ -30,6 +30,8 @@ constexpr int kKillReapTimeoutMs = 10000;
 constexpr int kFallbackPollMs = 10;
 // Most bytes read from one pipe per pump, so that a fast writer cannot hold a slice forever.
 constexpr size_t kMaxReadPerPump = 1 << 20;
+// Most bytes read from one pipe after the child has exited.
+constexpr size_t kMaxDrainBytes = 4 << 20;
 
 int MsUntil(Clock::time_point deadline) {
   auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -278,11 +280,13 @@ void ZrProcess::DrainAndClosePipes() {
   for (SStream* stream : {&m_stdout, &m_stderr}) {
     if (stream->iReadFd < 0) continue;
     std::string& sink = stream == &m_stdout ? m_strStdout : m_strStderr;
-    // Only what is in the pipe now: children the shell left running may keep it open.
-    for (;;) {
+    // Only what is in the pipe now (a pipe holds at most a few hundred KiB): children the
+    // shell left running may keep it open, and even keep writing.
+    for (size_t drained = 0; drained < kMaxDrainBytes;) {
       ssize_t got = read(stream->iReadFd, buffer, sizeof(buffer));
       if (got > 0) {
         if (m_pid > 0) sink.append(buffer, static_cast<size_t>(got));
+        drained += static_cast<size_t>(got);
         continue;
       }
       if (got < 0 && errno == EINTR) continue;

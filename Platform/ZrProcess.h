@@ -19,9 +19,12 @@
 // not hold pipes that other threads opened for their own children.
 //
 // Waiting is done in slices (Wait) so that the caller can test its abort flag between them;
-// WaitForExit wraps that loop with a time-out and an abort callback. Once the child has exited it
-// is reaped at once; the destructor kills (whole group, SIGKILL) and reaps a child that is still
-// running, so no zombie and no running child outlive the object.
+// WaitForExit wraps that loop with a time-out and an abort callback. The wait ends when the
+// shell exits, not when its output pipes close: what was written until then is collected, while
+// output of children it left running in the background ("cmd &") is not. Once the child has
+// exited it is reaped at once; the destructor kills (whole group, SIGKILL) and reaps a child
+// that is still running, so no zombie and no running child outlive the object. A normal exit
+// leaves background children alone; Kill and the destructor take the whole group down.
 //
 // Threads: one object is used by one thread at a time; distinct objects may be used from any
 // number of threads at once. KillPids is stateless and safe from any thread.

@@ -135,7 +135,9 @@ INSTANTIATE_TEST_SUITE_P(
         SCaptureCase{"StandardError", "echo out; echo err >&2", "out\n", "err\n"},
         SCaptureCase{"PipelineAndRedirection", "printf 'b\\na\\n' | sort | tr a-z A-Z", "A\nB\n", ""},
         SCaptureCase{"StdinIsDevNull", "cat; echo done", "done\n", ""},
-        SCaptureCase{"NoOutput", "true", "", ""}),
+        SCaptureCase{"NoOutput", "true", "", ""},
+        SCaptureCase{"BytesThatAreNotUtf8", "printf 'caf\351\n'; echo '\xff\xfe' >&2", "caf\xe9\n",
+                     "\xff\xfe\n"}),
     [](const ::testing::TestParamInfo<SCaptureCase>& info) { return info.param.name; });
 
 TEST(ZrProcess, LargeOutputOnBothStreamsDoesNotDeadlock) {
@@ -149,6 +151,20 @@ TEST(ZrProcess, LargeOutputOnBothStreamsDoesNotDeadlock) {
   EXPECT_EQ(process.GetExitCode(), 0);
   EXPECT_EQ(process.GetStdout(), std::string(3000000, 'o'));
   EXPECT_EQ(process.GetStderr(), std::string(2000000, 'e'));
+}
+
+TEST(ZrProcess, BackgroundChildHoldingThePipeDoesNotDelayTheEnd) {
+  // The shell exits at once; the child it leaves running keeps the pipe open. The wait ends
+  // with the shell (well before the time-out), not with the end of the pipe.
+  ZrProcess process;
+  ASSERT_TRUE(process.Start("sleep 1000 & echo $!").IsSuccess());
+  CQiError error = process.WaitForExit(100000);
+  EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+  EXPECT_EQ(process.GetExitCode(), 0);
+  pid_t background = static_cast<pid_t>(std::stol(process.GetStdout()));
+  ASSERT_GT(background, 0);
+  EXPECT_TRUE(ZrProcess::KillPids({background}, SIGKILL).IsSuccess());
+  EXPECT_TRUE(BecomesDead(background));
 }
 
 // --- Capture to files ------------------------------------------------------------------------
