@@ -26,6 +26,9 @@
 // that is still running, so no zombie and no running child outlive the object. A normal exit
 // leaves background children alone; Kill and the destructor take the whole group down.
 //
+// The process must not set SIGCHLD to SIG_IGN (the kernel would then reap children itself and
+// their exit status would be lost; Wait reports that as ECHILD).
+//
 // Threads: one object is used by one thread at a time; distinct objects may be used from any
 // number of threads at once. KillPids is stateless and safe from any thread.
 #pragma once
