@@ -8,6 +8,22 @@
 // error "Entry is not good, Entry=%s". With file operation option bit 0 set, entries whose source
 // path is in the mount path cache are left out of every listing ("ignoreFS" rule).
 //
+// Source paths: GetItemByPath reports an item under the mapper's answer for the local path when
+// a mapper is given (a mapper failure gives Win32 87 and no item), else under the given source
+// path, else under the local path. FindFirst/FindNext report each entry under the parent item's
+// source path joined with the entry name, and read it through the parent's local path.
+//
+// Misuse: FindFirst without a parent item gives Win32 87, FindNext without an open listing
+// (never started, or a fresh clone) Win32 6; neither returns an item.
+//
+// Long path handler: GetItemByLongPath takes the process's handler afresh on every call; the
+// enumerator only remembers that it took one and gives it back (ReleaseHandler, which returns
+// the process to its start directory) at destruction. A copy has not taken one.
+//
+// Cost per listed entry: the record is filled in place in a member (no allocation), the local
+// and source paths are built in member buffers that keep the folder part, and the item is one
+// std::make_shared. Nothing is formatted unless the log level asks for it.
+//
 // One thread at a time; Clone() copies options and mount path cache and starts with no listing.
 #pragma once
 
@@ -58,6 +74,25 @@ class CBasicPathEnumerator : public CPathEnumerator {
   long long m_llFileOperationOptions = 0;
   CPathCacheUnorderedT<std::string> m_mountPathCache;
   LongPathHandler* m_pLongPathHandler = nullptr;
+
+ private:
+  // The item of one path of fewer than kLongPathLength characters (pSourcePath may be null).
+  CQiError GetItemByShortPath(const CBagPtr& pBag, const std::string& strLocalPath,
+                              const std::string* pSourcePath, CItemPtr& pItem,
+                              ContentMapperAPI* pMapper);
+  // Passes over "." / ".." and entries refused by the mount path cache, then builds the item of
+  // the entry in m_findData. Errors are returned without a frame of this place.
+  CQiError TakeEntry(CItemPtr& pItem);
+  bool IsIgnoredMountPath(const std::string& strSourcePath) const;
+
+  // The listing's working state, set up by FindFirst and reused for every entry.
+  FXFile::CFileData m_findData;
+  CBagPtr m_pParentBag;
+  bool m_bParentNewInImage = false;
+  std::string m_strLocalPath;   // current folder and '/', then the entry's name
+  size_t m_uLocalPrefixLength = 0;
+  std::string m_strSourcePath;  // the parent's source path and '/', then the entry's name
+  size_t m_uSourcePrefixLength = 0;
 };
 
 using CBasicPathEnumeratorPtr = std::shared_ptr<CBasicPathEnumerator>;
