@@ -1,0 +1,93 @@
+// Helpers shared by the work unit suites: log capture, a recorded mount table, a fake kernel
+// tree for volume identities, and temporary trees on a chosen file system.
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/CaptureLogWriter.h"
+#include "Platform/FXFolder.h"
+#include "Platform/LogWriterInterface.h"
+#include "Support/TempTree.h"
+
+namespace WorkUnitTestSupport {
+
+// Makes a capture writer the process writer while it lives.
+class CLogCapture {
+ public:
+  explicit CLogCapture(int level = CLogWriterInterface::kLevelMax)
+      : m_pWriter(std::make_shared<CCaptureLogWriter>(level)) {
+    CLogWriterInterface::SetProcessLogWriter(m_pWriter);
+  }
+  ~CLogCapture() { CLogWriterInterface::SetProcessLogWriter(nullptr); }
+  CCaptureLogWriter& operator*() { return *m_pWriter; }
+  CCaptureLogWriter* operator->() { return m_pWriter.get(); }
+
+ private:
+  std::shared_ptr<CCaptureLogWriter> m_pWriter;
+};
+
+// Points the mount table at a recorded copy while it lives.
+class CMountInfoFile {
+ public:
+  CMountInfoFile(CTempTree& tree, const std::string& text) {
+    FXFolder::SetMountInfoPath(tree.MakeFile("recorded-mountinfo", text));
+  }
+  ~CMountInfoFile() { FXFolder::SetMountInfoPath(""); }
+  CMountInfoFile(const CMountInfoFile&) = delete;
+  CMountInfoFile& operator=(const CMountInfoFile&) = delete;
+};
+
+// A mountinfo line: "<id> <parent> <maj:min> / <point> rw - <type> <source> rw". The root mount
+// has id 1 and parent 0; give the others parent 1.
+inline std::string MountLine(int id, int parent, const std::string& number, const std::string& point,
+                             const std::string& type, const std::string& source) {
+  return std::to_string(id) + " " + std::to_string(parent) + " " + number + " / " + point + " rw - " + type + " " +
+         source + " rw\n";
+}
+// The root line of a recorded table: an ext4 root on /dev/sdb (8:16).
+inline std::string RootLine() { return MountLine(1, 0, "8:16", "/", "ext4", "/dev/sdb"); }
+
+// A fake /sys and /dev: disk sda (8:0) with partitions sda1 (8:1) and sda2 (8:2), disk sdb (8:16).
+class CFakeKernelTree {
+ public:
+  CFakeKernelTree() {
+    Disk("pci0/block/sda", "8:0");
+    Partition("pci0/block/sda/sda1", "8:1");
+    Partition("pci0/block/sda/sda2", "8:2");
+    Disk("pci0/block/sdb", "8:16");
+    for (const char* node : {"sda1", "sda2", "sdb"}) m_tree.MakeFile(std::string("dev/") + node);
+  }
+  std::string SysRoot() const { return m_tree.Path("sys"); }
+  std::string DevRoot() const { return m_tree.Path("dev"); }
+
+ private:
+  void Disk(const std::string& device, const std::string& number) {
+    m_tree.MakeFile("sys/devices/" + device + "/dev", number + "\n");
+    std::string name = device.substr(device.rfind('/') + 1);
+    m_tree.MakeSymlink("sys/dev/block/" + number, "../../devices/" + device);
+    m_tree.MakeSymlink("sys/class/block/" + name, "../../devices/" + device);
+  }
+  void Partition(const std::string& device, const std::string& number) {
+    Disk(device, number);
+    m_tree.MakeFile("sys/devices/" + device + "/partition", "1\n");
+  }
+  CTempTree m_tree;
+};
+
+// A temporary tree made under the given folder (for example /dev/shm), removed with the object.
+inline std::unique_ptr<CTempTree> MakeTreeIn(const char* base) {
+  const char* old = getenv("TMPDIR");
+  std::string saved = old != nullptr ? old : "";
+  setenv("TMPDIR", base, 1);
+  auto tree = std::make_unique<CTempTree>();
+  if (old != nullptr)
+    setenv("TMPDIR", saved.c_str(), 1);
+  else
+    unsetenv("TMPDIR");
+  return tree;
+}
+
+}  // namespace WorkUnitTestSupport
