@@ -6,6 +6,10 @@ void CPhysicalMediaWorkUnit::AddVolumeWorkUnit(const CVolumeWorkUnitPtr& pVolume
   if (pVolumeWorkUnit) m_lstVolumeWorkUnits.push_back(pVolumeWorkUnit);
 }
 
+void CPhysicalMediaWorkUnit::RemoveVolumeWorkUnit(const CVolumeWorkUnitPtr& pVolumeWorkUnit) {
+  std::erase(m_lstVolumeWorkUnits, pVolumeWorkUnit);
+}
+
 std::string CPhysicalMediaWorkUnit::AsString() const {
   return FXString::Format("PhysicalMediaWorkUnit=0x%p, PhysicalMediaId=%s, VolumeWorkUnits=%llu",
                           static_cast<const void*>(this), m_strPhysicalMediaId.c_str(),

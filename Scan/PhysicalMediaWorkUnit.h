@@ -33,6 +33,8 @@ class CPhysicalMediaWorkUnit {
   // Appends a volume work unit (an empty pointer is ignored).
   void AddVolumeWorkUnit(const CVolumeWorkUnitPtr& pVolumeWorkUnit);
   const std::vector<CVolumeWorkUnitPtr>& GetVolumeWorkUnits() const { return m_lstVolumeWorkUnits; }
+  // Takes a volume work unit out again.
+  void RemoveVolumeWorkUnit(const CVolumeWorkUnitPtr& pVolumeWorkUnit);
 
   // "PhysicalMediaWorkUnit=0x%p, PhysicalMediaId=%s, VolumeWorkUnits=%llu".
   std::string AsString() const;

@@ -6,6 +6,10 @@ void CVolumeWorkUnit::AddWorkUnit(const CWorkUnitPtr& pWorkUnit) {
   if (pWorkUnit) m_lstWorkUnits.push_back(pWorkUnit);
 }
 
+void CVolumeWorkUnit::RemoveWorkUnit(const CWorkUnitPtr& pWorkUnit) {
+  std::erase(m_lstWorkUnits, pWorkUnit);
+}
+
 std::string CVolumeWorkUnit::AsString() const {
   return FXString::Format(
       "VolumeWorkUnit=0x%p, LocalVolumeUniqueId=%s, LocalVolumeName=%s, SourceVolumeName=%s, WorkUnits=%llu",

@@ -32,6 +32,8 @@ class CVolumeWorkUnit {
   // Appends a work unit (an empty pointer is ignored).
   void AddWorkUnit(const CWorkUnitPtr& pWorkUnit);
   const std::vector<CWorkUnitPtr>& GetWorkUnits() const { return m_lstWorkUnits; }
+  // Takes a work unit out again (the manager drops a unit whose content could not be added).
+  void RemoveWorkUnit(const CWorkUnitPtr& pWorkUnit);
 
   // "VolumeWorkUnit=0x%p, LocalVolumeUniqueId=%s, LocalVolumeName=%s, SourceVolumeName=%s,
   // WorkUnits=%llu".

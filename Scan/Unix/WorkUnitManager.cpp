@@ -262,6 +262,8 @@ CQiError CWorkUnitManager::AssignWorkUnitCore(const std::string& strSourcePathIn
       }
     }
     if (error.IsError()) {
+      // A unit made for this content alone does not stay behind empty.
+      if (pWorkUnit && pWorkUnit->GetScanPaths().empty()) UnregisterWorkUnit(pWorkUnit);
       CQiError reported = OnFailedContent(entry.strLocalMountPath, entry.strSourceMountPath, error);
       if (reported.IsError()) error = reported;
       bReported = true;
@@ -442,6 +444,19 @@ void CWorkUnitManager::RegisterWorkUnit(const CWorkUnitPtr& pWorkUnit) {
   }
   pVolume->AddWorkUnit(pWorkUnit);
   m_mapWorkUnits[pWorkUnit->GetLocalVolumeName()] = pWorkUnit;
+}
+
+void CWorkUnitManager::UnregisterWorkUnit(const CWorkUnitPtr& pWorkUnit) {
+  auto it = m_mapWorkUnits.find(pWorkUnit->GetLocalVolumeName());
+  if (it != m_mapWorkUnits.end() && it->second == pWorkUnit) m_mapWorkUnits.erase(it);
+  auto media = m_mapPhysicalMediaVolumeWorkUnits.find(pWorkUnit->GetPhysicalMediaId());
+  if (media == m_mapPhysicalMediaVolumeWorkUnits.end() || !media->second) return;
+  const std::vector<CVolumeWorkUnitPtr> lstVolumes = media->second->GetVolumeWorkUnits();
+  for (const CVolumeWorkUnitPtr& pVolume : lstVolumes) {
+    pVolume->RemoveWorkUnit(pWorkUnit);
+    if (pVolume->GetWorkUnits().empty()) media->second->RemoveVolumeWorkUnit(pVolume);
+  }
+  if (media->second->GetVolumeWorkUnits().empty()) m_mapPhysicalMediaVolumeWorkUnits.erase(media);
 }
 
 CQiError CWorkUnitManager::GetWorkUnitForLocalVolumeName(CWorkUnitPtr& pWorkUnit, const std::string& strLocalVolumeName) {

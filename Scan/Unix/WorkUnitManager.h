@@ -183,8 +183,9 @@ class CWorkUnitManager {
                           const SContentKind& kind, std::vector<SAssignEntry>& lstEntries);
   CQiError AddNestedMounts(std::vector<SAssignEntry>& lstEntries);
   void ExcludeMountPoint(const CWorkUnitPtr& pContentUnit, const SAssignEntry& entry);
-  // Enters a new unit in the maps, under its volume and medium.
+  // Enters a new unit in the maps, under its volume and medium; and takes one out again.
   void RegisterWorkUnit(const CWorkUnitPtr& pWorkUnit);
+  void UnregisterWorkUnit(const CWorkUnitPtr& pWorkUnit);
   void CopyUnitSettings(const CWorkUnitPtr& pWorkUnit) const;
   // The host path of the GPFS fileset whose proxy path holds the local path; empty when none.
   std::string FindGpfsFileset(const std::string& strLocalPath) const;

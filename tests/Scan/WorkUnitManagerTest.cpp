@@ -655,6 +655,66 @@ INSTANTIATE_TEST_SUITE_P(
         SUnmappedRow{"LocalEmpty", false, "", "Failed to convert proxy path to host path, LocalScanPath="}),
     [](const ::testing::TestParamInfo<SUnmappedRow>& info) { return std::string(info.param.name); });
 
+// Every refusal of the mapper is an invalid parameter naming the path it could not convert, and
+// leaves no unit behind.
+enum class EMapperStep { VolumeName, MountPath, SourceScanPath, Fileset, RawDevice };
+
+struct SMapperFailureRow {
+  const char* name;
+  EMapperStep step;
+  std::string message;  // "{tree}" stands for the temporary tree's root
+};
+
+class WorkUnitManagerMapperFailures : public WorkUnitManagerMapper,
+                                      public ::testing::WithParamInterface<SMapperFailureRow> {};
+
+TEST_P(WorkUnitManagerMapperFailures, ExactTexts) {
+  const SMapperFailureRow& row = GetParam();
+  Record(row.step == EMapperStep::VolumeName ? "" : MountLine(2, 1, "0:92", m_strProxy, "tmpfs", "tmpfs"));
+  CQiError error;
+  switch (row.step) {
+    case EMapperStep::VolumeName:
+      error = m_manager.AssignSourceWorkUnit("/src/dir");
+      break;
+    case EMapperStep::MountPath:
+      // Both forms given, the local one outside the proxy.
+      error = m_manager.AssignWorkUnit("/src/x", m_tree.MakeDir("outside"), false);
+      break;
+    case EMapperStep::SourceScanPath:
+      error = m_manager.AssignLocalWorkUnit(m_tree.MakeDir("proxy/refuse"));
+      break;
+    case EMapperStep::Fileset:
+      m_manager.SetGpfsFilesets({"/src/dir/refuse"});
+      error = m_manager.AssignSourceWorkUnit("/src/dir", Context({Id::idGpfsSnap}), false);
+      break;
+    case EMapperStep::RawDevice:
+      error = m_manager.AssignLocalWorkUnit("/dev/null");
+      break;
+  }
+  std::string message = row.message;
+  if (size_t pos = message.find("{tree}"); pos != std::string::npos) message.replace(pos, 6, m_tree.Root());
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter)) << error.AsString();
+  EXPECT_EQ(error.GetMessage(), message) << error.AsString();
+  EXPECT_TRUE(m_manager.GetWorkUnitMap().empty());
+  EXPECT_TRUE(m_manager.GetPhysicalMediaVolumeWorkUnitMap().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, WorkUnitManagerMapperFailures,
+    ::testing::Values(
+        SMapperFailureRow{"VolumeName", EMapperStep::VolumeName,
+                          "Failed to convert proxy path to host path, LocalVolumeName=/"},
+        SMapperFailureRow{"MountPath", EMapperStep::MountPath,
+                          "Failed to convert proxy path to host path, LocalMountPath={tree}/outside"},
+        SMapperFailureRow{"SourceScanPath", EMapperStep::SourceScanPath,
+                          "Failed to convert host path to proxy path, SourcePath=/src/refuse"},
+        SMapperFailureRow{"Fileset", EMapperStep::Fileset,
+                          "Failed to convert host path to proxy path, fileset /src/dir/refuse"},
+        // /dev/null is not under the proxy, so its source form cannot be had.
+        SMapperFailureRow{"RawDevice", EMapperStep::RawDevice,
+                          "Failed to convert proxy path to host path, LocalScanPath=/dev/null"}),
+    [](const ::testing::TestParamInfo<SMapperFailureRow>& info) { return std::string(info.param.name); });
+
 TEST_F(WorkUnitManagerMapper, AProxyThatIsNotAVolumeCannotNameTheSourceVolume) {
   Record("");  // the proxy folder lies on "/", which the mapper does not map
   CQiError error = m_manager.AssignSourceWorkUnit("/src/dir");
