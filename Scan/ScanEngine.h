@@ -8,7 +8,15 @@
 // The base implements the three ways an item leaves an engine: ScanQueryCallback (selected),
 // ScanQueryCallbackFiltered (rejected by a filter) and DeletedItemsCallback (vanished since the
 // last job). Around each volume an engine opens the callback's output handler for the volume
-// (OpenOutputHandler) and closes it again (CloseOutputHandler).
+// (OpenOutputHandler) and closes it again (CloseOutputHandler). OpenOutputHandler without a
+// scanner callback fails with Win32 87 (there is nobody to ask); a callback that answers with no
+// handler leaves the engine scanning with its items dropped ("Output handler is unconfigured").
+// A handler still open when the engine is destroyed is released without Complete() and logged
+// ("OutputHandler was not properly closed").
+//
+// The instance name starts as ZRPI_Focus::getFocus() at construction. The file-scan debug flag
+// ("FileScanDebugEnabled" in the configuration bag) adds one level-0 line per reported item,
+// written before the abort test.
 //
 // Ownership: the engine shares the physical-media unit, arbiter, callback, bag and the open
 // output handler. Threads: one scanner thread drives an engine; its traversal workers call the
