@@ -1,0 +1,357 @@
+// The scanner facade and its work threads, on real temporary trees: one on the root file system
+// (/tmp) and one on /dev/shm (tmpfs), which are two physical media.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Platform/CaptureLogWriter.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/MemoryLineWriter.h"
+#include "Scan/BasicScanner.h"
+#include "Scan/ConsumerOutputHandler.h"
+#include "Support/TempTree.h"
+
+namespace {
+
+// Keeps the source paths of the items it is given.
+class CCollectingConsumer : public CItemConsumer {
+ public:
+  CQiError Process(CItemPtr pItem) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_setPaths.insert(pItem->GetSourceFullyQualifiedItemName());
+    return CQiError();
+  }
+  std::set<std::string> Paths() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_setPaths;
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::set<std::string> m_setPaths;
+};
+
+class CTestCallback : public CScannerCallback {
+ public:
+  CQiError GetOutputHandler(const std::string&, COutputHandlerPtr& pHandler) override {
+    auto pConsumerHandler = std::make_shared<CConsumerOutputHandler>();
+    pConsumerHandler->SetItemConsumer(m_pItems);
+    pHandler = pConsumerHandler;
+    return CQiError();
+  }
+  CQiError GetScanFailureConsumer(CItemConsumerPtr& pConsumer) override {
+    pConsumer = m_pFailures;
+    return CQiError();
+  }
+  std::shared_ptr<CCollectingConsumer> m_pItems = std::make_shared<CCollectingConsumer>();
+  std::shared_ptr<CCollectingConsumer> m_pFailures = std::make_shared<CCollectingConsumer>();
+};
+
+// What the engines of a scan were given, recorded by CStubEngine.
+struct SEngineRecord {
+  std::mutex mutex;
+  std::vector<unsigned> lstExcludedAttributes;
+  std::vector<std::string> lstInstances;
+  std::vector<CBagPtr> lstBags;
+  std::vector<CScannerCallbackPtr> lstCallbacks;
+};
+
+// A FindFirst engine whose Process only records its settings and returns a set result.
+class CStubEngine : public CFindFirstScanEngine {
+ public:
+  CStubEngine(std::shared_ptr<SEngineRecord> pRecord, CQiError result)
+      : m_pRecord(std::move(pRecord)), m_result(std::move(result)) {}
+  CQiError Process() override {
+    std::lock_guard<std::mutex> lock(m_pRecord->mutex);
+    m_pRecord->lstExcludedAttributes.push_back(GetExcludedAttributes());
+    m_pRecord->lstInstances.push_back(GetInstance());
+    m_pRecord->lstBags.push_back(GetScannerConfigurationBag());
+    m_pRecord->lstCallbacks.push_back(GetScannerCallback());
+    return m_result;
+  }
+
+ private:
+  std::shared_ptr<SEngineRecord> m_pRecord;
+  CQiError m_result;
+};
+
+// A temporary tree on /dev/shm (CTempTree places its trees under $TMPDIR).
+std::unique_ptr<CTempTree> MakeShmTree() {
+  const char* szOld = getenv("TMPDIR");
+  const std::string strOld = szOld ? szOld : "";
+  setenv("TMPDIR", "/dev/shm", 1);
+  auto pTree = std::make_unique<CTempTree>();
+  if (szOld) setenv("TMPDIR", strOld.c_str(), 1); else unsetenv("TMPDIR");
+  return pTree;
+}
+
+// Two trees on two physical media, a callback and a scanner with a capturing log writer.
+class BasicScannerFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_pShm = MakeShmTree();
+    for (CTempTree* pTree : {&m_tmp, m_pShm.get()}) {
+      pTree->MakeFile("content/a.txt", "abc");
+      pTree->MakeFile("content/sub/b.dat", "0123456789");
+      pTree->MakeDir("content/empty");
+    }
+    m_pScanner = std::make_unique<CBasicScanner>(42, "Instance007", m_pCallback);
+    (void)m_pScanner->SetLogWriter(m_pLog);
+    (void)m_pScanner->SetConfigurationBag(m_pBag);
+  }
+
+  // Adds both content folders; skips the test when they do not land on two media here.
+  void AddBothContents() {
+    ASSERT_TRUE(m_pScanner->AddLocalContentItem(m_tmp.Path("content")).IsSuccess());
+    ASSERT_TRUE(m_pScanner->AddLocalContentItem(m_pShm->Path("content")).IsSuccess());
+    if (m_pScanner->GetWorkUnitManager()->GetPhysicalMediaVolumeWorkUnitMap().size() != 2)
+      GTEST_SKIP() << "/tmp and /dev/shm are not two physical media on this machine";
+  }
+
+  size_t CountAtLevel(int iLevel) const {
+    size_t n = 0;
+    for (const auto& entry : m_pLog->GetEntries()) n += entry.level == iLevel ? 1 : 0;
+    return n;
+  }
+
+  CTempTree m_tmp;
+  std::unique_ptr<CTempTree> m_pShm;
+  std::shared_ptr<CTestCallback> m_pCallback = std::make_shared<CTestCallback>();
+  std::shared_ptr<CCaptureLogWriter> m_pLog = std::make_shared<CCaptureLogWriter>(2);
+  CBagPtr m_pBag = std::make_shared<CBag>();
+  std::unique_ptr<CBasicScanner> m_pScanner;
+};
+
+TEST(BasicScannerStart, WithoutContentFailsWithNothingToDo) {
+  CBasicScanner scanner(1, "Instance001", std::make_shared<CTestCallback>());
+  CQiError error = scanner.Start();
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter)) << error.AsString();
+  EXPECT_EQ(error.GetMessage(), "No work threads exist to run; nothing to do");
+  EXPECT_TRUE(scanner.GetPrivate()->GetWorkThreads().empty());
+  EXPECT_FALSE(scanner.GetPrivate()->GetThreadPool());
+}
+
+// A real scan: one FindFirst work thread per medium, all items of both trees, and the engine
+// never sees the caller's excluded-attributes mask.
+TEST_F(BasicScannerFixture, RunsOneFindFirstThreadPerPhysicalMedium) {
+  AddBothContents();
+  if (IsSkipped() || HasFatalFailure()) return;
+  (void)m_pScanner->SetExcludedAttributes(0x4000);  // would hide every folder if it were applied
+  ASSERT_TRUE(m_pScanner->Start().IsSuccess());
+  ASSERT_TRUE(m_pScanner->WaitForScanToComplete().IsSuccess());
+
+  const auto& lstThreads = m_pScanner->GetPrivate()->GetWorkThreads();
+  const auto& mapMedia = m_pScanner->GetWorkUnitManager()->GetPhysicalMediaVolumeWorkUnitMap();
+  ASSERT_EQ(lstThreads.size(), 2u);
+  auto itMedium = mapMedia.begin();
+  for (size_t i = 0; i < lstThreads.size(); ++i, ++itMedium) {
+    EXPECT_EQ(lstThreads[i]->GetThreadIndex(), static_cast<int>(i) + 1);
+    EXPECT_EQ(lstThreads[i]->GetPhysicalMediaWorkUnit(), itMedium->second);
+    ASSERT_TRUE(lstThreads[i]->GetScanEngine());
+    EXPECT_EQ(lstThreads[i]->GetScanEngine()->getDescription(), "FindFirst");
+    EXPECT_EQ(lstThreads[i]->GetScanEngine()->GetExcludedAttributes(), 0u);
+    EXPECT_EQ(lstThreads[i]->GetScanEngine()->GetInstance(), "Instance007");
+  }
+  EXPECT_EQ(m_pScanner->GetPrivate()->GetThreadPool()->GetMinThreads(), 2);
+  EXPECT_EQ(m_pScanner->GetPrivate()->GetThreadPool()->GetMaxThreads(), 3);
+  EXPECT_EQ(m_pLog->Count("Thread pool, MinThreads=[2], MaxThread=[3]", 1), 1u);
+  EXPECT_EQ(m_pLog->Count("Waiting for scan work threads to complete", 2), 1u);
+  EXPECT_EQ(m_pLog->Count("Wait for scan work threads completed", 2), 1u);
+
+  std::set<std::string> setExpected;
+  for (CTempTree* pTree : {&m_tmp, m_pShm.get()})
+    for (const char* szPath : {"content/a.txt", "content/sub", "content/sub/b.dat", "content/empty"})
+      setExpected.insert(pTree->Path(szPath));
+  EXPECT_EQ(m_pCallback->m_pItems->Paths(), setExpected);
+  EXPECT_TRUE(m_pCallback->m_pFailures->Paths().empty());
+  for (const auto& [strKey, pUnit] : m_pScanner->GetWorkUnitManager()->GetWorkUnitMap())
+    EXPECT_EQ(pUnit->DispositionAsString(), "Processed(FF)") << strKey;
+  EXPECT_EQ(CountAtLevel(-1), 0u);
+}
+
+// What a work thread makes of its engine's result: never a failed wait; failures only in the log.
+struct SEngineOutcomeCase {
+  const char* szName;
+  enum class EEngine { Succeeds, Fails, Aborts, CannotBeMade, RealAborted } eEngine;
+  const char* szLevelMinusOnePrefix;  // every level -1 line starts with it; null: no such line
+  size_t nAbortNotices;               // "Operation was aborted" at level 1, per medium
+};
+
+class BasicScannerEngineOutcome : public BasicScannerFixture,
+                                  public ::testing::WithParamInterface<SEngineOutcomeCase> {};
+
+TEST_P(BasicScannerEngineOutcome, WaitSucceedsAndOnlyTheLogTellsOfFailures) {
+  const SEngineOutcomeCase& testCase = GetParam();
+  AddBothContents();
+  if (IsSkipped() || HasFatalFailure()) return;
+  auto pRecord = std::make_shared<SEngineRecord>();
+  using EEngine = SEngineOutcomeCase::EEngine;
+  switch (testCase.eEngine) {
+    case EEngine::Succeeds:
+    case EEngine::Fails:
+    case EEngine::Aborts: {
+      CQiError result;
+      if (testCase.eEngine == EEngine::Fails) result = QI_ERROR_ERRNO(5, "medium unreadable");
+      if (testCase.eEngine == EEngine::Aborts) result = QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
+      m_pScanner->GetPrivate()->SetScanEngineFactory(
+          [pRecord, result] { return std::make_shared<CStubEngine>(pRecord, result); });
+      break;
+    }
+    case EEngine::CannotBeMade:
+      m_pScanner->GetPrivate()->SetScanEngineFactory([] { return CFindFirstScanEnginePtr(); });
+      break;
+    case EEngine::RealAborted:
+      (void)m_pCallback->Abort();
+      break;
+  }
+  (void)m_pScanner->SetExcludedAttributes(0xFFFFFFFFu);
+  ASSERT_TRUE(m_pScanner->Start().IsSuccess());
+  EXPECT_TRUE(m_pScanner->WaitForScanToComplete().IsSuccess());
+
+  const size_t nMedia = 2;
+  size_t nMinusOne = 0;
+  for (const auto& entry : m_pLog->GetEntries()) {
+    if (entry.level != -1) continue;
+    ++nMinusOne;
+    ASSERT_NE(testCase.szLevelMinusOnePrefix, nullptr) << entry.text;
+    EXPECT_EQ(entry.text.rfind(testCase.szLevelMinusOnePrefix, 0), 0u) << entry.text;
+  }
+  EXPECT_EQ(nMinusOne, testCase.szLevelMinusOnePrefix ? nMedia : 0u);
+  EXPECT_EQ(m_pLog->Count("Operation was aborted", 1), testCase.nAbortNotices * nMedia);
+
+  if (testCase.eEngine == EEngine::Fails || testCase.eEngine == EEngine::Succeeds ||
+      testCase.eEngine == EEngine::Aborts) {
+    std::lock_guard<std::mutex> lock(pRecord->mutex);
+    ASSERT_EQ(pRecord->lstExcludedAttributes.size(), nMedia);
+    for (size_t i = 0; i < nMedia; ++i) {
+      EXPECT_EQ(pRecord->lstExcludedAttributes[i], 0u);
+      EXPECT_EQ(pRecord->lstInstances[i], "Instance007");
+      EXPECT_EQ(pRecord->lstBags[i], m_pBag);
+      EXPECT_EQ(pRecord->lstCallbacks[i], m_pCallback);
+    }
+  }
+  if (testCase.eEngine == EEngine::RealAborted) { EXPECT_TRUE(m_pCallback->m_pItems->Paths().empty()); }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Outcomes, BasicScannerEngineOutcome,
+    ::testing::Values(
+        SEngineOutcomeCase{"Succeeds", SEngineOutcomeCase::EEngine::Succeeds, nullptr, 0},
+        SEngineOutcomeCase{"Fails", SEngineOutcomeCase::EEngine::Fails, "TryScanner(FindFirst) failed, error=errno 5", 0},
+        SEngineOutcomeCase{"Aborts", SEngineOutcomeCase::EEngine::Aborts, nullptr, 1},
+        SEngineOutcomeCase{"CannotBeMade", SEngineOutcomeCase::EEngine::CannotBeMade, "Run failed, error=Win32 error 14", 0},
+        SEngineOutcomeCase{"RealEngineAborted", SEngineOutcomeCase::EEngine::RealAborted, nullptr, 1}),
+    [](const auto& info) { return std::string(info.param.szName); });
+
+// IsItemValidContent: every path before finalization, afterwards the first work unit's answer.
+struct SValidContentCase {
+  const char* szName;
+  bool bInitialize;
+  bool bOnShm;         // the path lies in the /dev/shm tree (the second work unit)
+  const char* szPath;  // relative to the tree's root
+  bool bExpected;
+};
+
+class BasicScannerValidContent : public BasicScannerFixture,
+                                 public ::testing::WithParamInterface<SValidContentCase> {};
+
+TEST_P(BasicScannerValidContent, AnswersFromTheFirstWorkUnitOnly) {
+  const SValidContentCase& testCase = GetParam();
+  AddBothContents();
+  if (IsSkipped() || HasFatalFailure()) return;
+  const auto& mapUnits = m_pScanner->GetWorkUnitManager()->GetWorkUnitMap();
+  ASSERT_EQ(mapUnits.size(), 2u);
+  ASSERT_EQ(mapUnits.begin()->second->GetLocalVolumeName(), "/") << "the /tmp tree must be the first unit";
+  (void)m_pScanner->AddFilterItem("*.tmp");
+  (void)m_pScanner->AddFilterExceptionItem("keep.tmp");
+  (void)m_pScanner->AddSystemFilterItem(m_tmp.Path("content/sys"));
+  (void)m_pScanner->AddScanContentExceptionItem(m_tmp.Path("content/skip"));
+  if (testCase.bInitialize) {
+    ASSERT_TRUE(m_pScanner->Initialize().IsSuccess());
+    (void)m_pScanner->AddFilterItem("*.late");  // after finalization: never applied
+  }
+  const std::string strPath = (testCase.bOnShm ? *m_pShm : m_tmp).Path(testCase.szPath);
+  EXPECT_EQ(m_pScanner->IsItemValidContent(strPath), testCase.bExpected) << strPath;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, BasicScannerValidContent,
+    ::testing::Values(SValidContentCase{"BeforeInitializeAnything", false, false, "elsewhere/x.tmp", true},
+                      SValidContentCase{"ContentFile", true, false, "content/a.txt", true},
+                      SValidContentCase{"ContentRoot", true, false, "content", true},
+                      SValidContentCase{"OutsideContent", true, false, "elsewhere/a.txt", false},
+                      SValidContentCase{"SecondUnitsContent", true, true, "content/a.txt", false},
+                      SValidContentCase{"Filtered", true, false, "content/a.tmp", false},
+                      SValidContentCase{"FilterException", true, false, "content/keep.tmp", true},
+                      SValidContentCase{"SystemFiltered", true, false, "content/sys/x", false},
+                      SValidContentCase{"ScanContentException", true, false, "content/skip/x", false},
+                      SValidContentCase{"FilterAddedAfterInitialize", true, false, "content/x.late", true}),
+    [](const auto& info) { return std::string(info.param.szName); });
+
+// The five item sets keep one copy of each string, compared byte for byte.
+TEST(BasicScannerItems, EachSetStoresAStringOnce) {
+  CBasicScannerPrivate scanner(1, "Instance001", std::make_shared<CTestCallback>());
+  using Add = CQiError (CBasicScannerPrivate::*)(const std::string&);
+  using Get = const CBasicScannerPrivate::ItemSet& (CBasicScannerPrivate::*)() const;
+  const std::pair<Add, Get> sets[] = {
+      {&CBasicScannerPrivate::AddScanContentExceptionItem, &CBasicScannerPrivate::GetScanContentExceptionItems},
+      {&CBasicScannerPrivate::AddFilterItem, &CBasicScannerPrivate::GetFilterItems},
+      {&CBasicScannerPrivate::AddFilterExceptionItem, &CBasicScannerPrivate::GetFilterExceptionItems},
+      {&CBasicScannerPrivate::AddSystemFilterItem, &CBasicScannerPrivate::GetSystemFilterItems},
+      {&CBasicScannerPrivate::AddSystemFilterExceptionItem, &CBasicScannerPrivate::GetSystemFilterExceptionItems}};
+  for (const auto& [add, get] : sets) {
+    for (const char* szItem : {"/data/a", "*.tmp", "/data/a", "/data/A", "*.tmp"})
+      EXPECT_TRUE((scanner.*add)(szItem).IsSuccess());
+    EXPECT_EQ((scanner.*get)(), (CBasicScannerPrivate::ItemSet{"*.tmp", "/data/A", "/data/a"}));
+  }
+}
+
+// The diagnostic dump: made while the threads are created only above log level 3, and on
+// request whatever the level.
+struct SDiagnosticCase {
+  const char* szName;
+  int iLogLevel;
+  bool bRequestDump;
+  size_t nDumpsPerMedium;
+};
+
+class BasicScannerDiagnostics : public BasicScannerFixture,
+                                public ::testing::WithParamInterface<SDiagnosticCase> {};
+
+TEST_P(BasicScannerDiagnostics, DumpsEveryMediumFollowedByABlankLine) {
+  const SDiagnosticCase& testCase = GetParam();
+  AddBothContents();
+  if (IsSkipped() || HasFatalFailure()) return;
+  m_pLog->SetLevel(testCase.iLogLevel);
+  auto pDiagnostics = std::make_shared<CMemoryLineWriter>();
+  (void)m_pScanner->SetDiagnosticWriter(pDiagnostics);
+  auto pRecord = std::make_shared<SEngineRecord>();
+  m_pScanner->GetPrivate()->SetScanEngineFactory([pRecord] { return std::make_shared<CStubEngine>(pRecord, CQiError()); });
+  ASSERT_TRUE(m_pScanner->Start().IsSuccess());
+  ASSERT_TRUE(m_pScanner->WaitForScanToComplete().IsSuccess());
+  if (testCase.bRequestDump) { ASSERT_TRUE(m_pScanner->DumpDiagnosticData().IsSuccess()); }
+
+  size_t nMediumLines = 0, nBlankLines = 0;
+  for (const std::string& strLine : pDiagnostics->GetLines()) {
+    nMediumLines += strLine.rfind("PhysicalMediaWorkUnit=", 0) == 0 ? 1 : 0;
+    nBlankLines += strLine == " " ? 1 : 0;
+  }
+  EXPECT_EQ(nMediumLines, 2 * testCase.nDumpsPerMedium);
+  EXPECT_EQ(nBlankLines, 2 * testCase.nDumpsPerMedium);
+  if (testCase.nDumpsPerMedium > 0) { EXPECT_EQ(pDiagnostics->GetLines().back(), " "); }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, BasicScannerDiagnostics,
+                         ::testing::Values(SDiagnosticCase{"Level3NoDump", 3, false, 0},
+                                           SDiagnosticCase{"Level4DumpsAtStart", 4, false, 1},
+                                           SDiagnosticCase{"Level3OnRequest", 3, true, 1},
+                                           SDiagnosticCase{"Level4AtStartAndOnRequest", 4, true, 2}),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+}  // namespace
