@@ -583,7 +583,7 @@ CQiError CWorkUnitManager::AddToRawDeviceWorkUnit(const std::string& strDevicePa
       device.m_uMinor = minor(st.st_rdev);
       device.m_strMountPoint = strNode;
       device.m_strMountSource = strNode;
-      device.m_strRoot = "/";
+      device.m_strRoot.assign(1, FXPath::kDelimiter);  // by character: GCC 12 -O3 raises a false -Wrestrict
       (void)m_volumeIdentity.GetVolumeUniqueId(device, strUniqueId);
       (void)m_volumeIdentity.GetPhysicalMediaId(device, strPhysicalMediaId);
     } else {
