@@ -21,12 +21,6 @@ namespace {
 using StringSet = std::set<std::string, __less_fscase_cmp>;
 const StringSet kEmpty;
 
-std::string VolumeOf(const std::string& path) {
-  std::string volume;
-  EXPECT_TRUE(MountPathInfo::GetVolumeName(path, volume).IsSuccess()) << path;
-  return volume;
-}
-
 // A unit with one scan path, placed in the map under the key.
 CWorkUnitPtr AddUnit(CWorkUnitManager& manager, const std::string& key, const std::string& path) {
   auto unit = std::make_shared<CWorkUnit>();

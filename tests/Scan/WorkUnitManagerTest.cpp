@@ -6,10 +6,8 @@
 #include <sys/sysmacros.h>
 
 #include <cerrno>
-#include <fstream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,38 +29,6 @@ using Id = SXScannerConfigurationBagId;
 
 namespace {
 const std::vector<std::string> kNone;
-
-std::string VolumeOf(const std::string& path) {
-  std::string volume;
-  EXPECT_TRUE(MountPathInfo::GetVolumeName(path, volume).IsSuccess()) << path;
-  return volume;
-}
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
-
-// True when some frame of the error carries the text.
-bool HasFrame(const CQiError& error, const std::string& text) {
-  for (const auto& frame : error.GetFrames())
-    if (frame.text == text) return true;
-  return false;
-}
-
-CContentContextPtr Context(std::initializer_list<const char*> trueKeys) {
-  auto context = std::make_shared<CContentContext>();
-  for (const char* key : trueKeys) EXPECT_TRUE(context->GetBag()->Write(key, true).IsSuccess());
-  return context;
-}
-
-std::vector<std::string> LocalScanPaths(const CWorkUnitPtr& unit) {
-  std::vector<std::string> out;
-  for (const auto& path : unit->GetScanPaths()) out.push_back(path->GetLocalScanPath());
-  return out;
-}
 
 // A mapper that refuses every path holding "refuse", and otherwise maps by prefixes.
 class CRefusingMapper : public CPrefixContentMapper {

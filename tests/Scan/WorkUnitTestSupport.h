@@ -2,14 +2,22 @@
 // tree for volume identities, and temporary trees on a chosen file system.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#include <fstream>
+#include <initializer_list>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Platform/CaptureLogWriter.h"
 #include "Platform/FXFolder.h"
 #include "Platform/LogWriterInterface.h"
+#include "Platform/MountPathInfo.h"
+#include "Scan/ContentContext.h"
+#include "Scan/WorkUnit.h"
 #include "Support/TempTree.h"
 
 namespace WorkUnitTestSupport {
@@ -88,6 +96,40 @@ inline std::unique_ptr<CTempTree> MakeTreeIn(const char* base) {
   else
     unsetenv("TMPDIR");
   return tree;
+}
+
+// The mount point of the volume holding the path, from the current mount table.
+inline std::string VolumeOf(const std::string& path) {
+  std::string volume;
+  EXPECT_TRUE(MountPathInfo::GetVolumeName(path, volume).IsSuccess()) << path;
+  return volume;
+}
+
+inline std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+// True when some frame of the error carries the text.
+inline bool HasFrame(const CQiError& error, const std::string& text) {
+  for (const auto& frame : error.GetFrames())
+    if (frame.text == text) return true;
+  return false;
+}
+
+// A content context whose bag holds the given keys set to true.
+inline CContentContextPtr Context(std::initializer_list<const char*> trueKeys) {
+  auto context = std::make_shared<CContentContext>();
+  for (const char* key : trueKeys) EXPECT_TRUE(context->GetBag()->Write(key, true).IsSuccess());
+  return context;
+}
+
+inline std::vector<std::string> LocalScanPaths(const CWorkUnitPtr& unit) {
+  std::vector<std::string> out;
+  for (const auto& path : unit->GetScanPaths()) out.push_back(path->GetLocalScanPath());
+  return out;
 }
 
 }  // namespace WorkUnitTestSupport
