@@ -1,0 +1,333 @@
+// fsscan, run as a program on real temporary trees and compared with GNU find as bytes.
+//
+// When the suite runs as root, fsscan and find run as the user nobody (setpriv-style: groups
+// cleared, ids dropped) so that an unreadable folder really is unreadable.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Platform/FXString.h"
+#include "Support/TempTree.h"
+
+namespace {
+
+#ifndef FSSCAN_TOOL_PATH
+// The build names the fsscan binary through FSSCAN_TOOL_PATH when it builds the tool.
+TEST(Fsscan, NotBuilt) { GTEST_SKIP() << "the fsscan tool is not part of this build"; }
+#else
+
+constexpr uid_t kNobody = 65534;
+constexpr gid_t kNoGroup = 65534;
+
+struct SRun {
+  int iExit = -1;
+  std::string strOut;
+  std::string strErr;
+};
+
+std::string ReadFile(const std::string& strPath) {
+  std::ifstream in(strPath, std::ios::binary);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
+}
+
+// Runs a program with its stdout and stderr in files of the folder, as nobody when we are root.
+SRun RunProgram(const std::vector<std::string>& lstArgs, const std::string& strScratch) {
+  const std::string strOut = strScratch + "/stdout", strErr = strScratch + "/stderr";
+  const int fdOut = open(strOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int fdErr = open(strErr.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fdOut < 0 || fdErr < 0) throw std::runtime_error("cannot create the output files");
+  std::vector<char*> argv;
+  for (const std::string& strArg : lstArgs) argv.push_back(const_cast<char*>(strArg.c_str()));
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (dup2(fdOut, STDOUT_FILENO) < 0 || dup2(fdErr, STDERR_FILENO) < 0) _exit(126);
+    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setresgid(kNoGroup, kNoGroup, kNoGroup) != 0 ||
+                           setresuid(kNobody, kNobody, kNobody) != 0))
+      _exit(125);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(fdOut);
+  close(fdErr);
+  SRun run;
+  int iStatus = 0;
+  while (waitpid(pid, &iStatus, 0) < 0 && errno == EINTR) {
+  }
+  run.iExit = WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : 128 + WTERMSIG(iStatus);
+  run.strOut = ReadFile(strOut);
+  run.strErr = ReadFile(strErr);
+  return run;
+}
+
+std::set<std::string> SplitNul(const std::string& strText, size_t* pnRecords = nullptr) {
+  std::set<std::string> setPaths;
+  size_t nRecords = 0;
+  for (size_t start = 0, end; (end = strText.find('\0', start)) != std::string::npos; start = end + 1) {
+    setPaths.insert(strText.substr(start, end - start));
+    ++nRecords;
+  }
+  if (pnRecords) *pnRecords = nRecords;
+  return setPaths;
+}
+
+// Failure records "file|folder <path>:<code>": path -> code (paths here hold no line feed).
+std::map<std::string, int> ReadFailures(const std::string& strPath) {
+  std::map<std::string, int> mapFailures;
+  std::istringstream in(ReadFile(strPath));
+  for (std::string strLine; std::getline(in, strLine);) {
+    const size_t blank = strLine.find(' '), colon = strLine.rfind(':');
+    if (blank == std::string::npos || colon == std::string::npos || colon < blank) {
+      ADD_FAILURE() << "malformed failure record: " << strLine;
+      continue;
+    }
+    mapFailures[strLine.substr(blank + 1, colon - blank - 1)] = std::stoi(strLine.substr(colon + 1));
+  }
+  return mapFailures;
+}
+
+bool IsBelow(const std::string& strPath, const std::string& strFolder) {
+  return strPath.size() > strFolder.size() && strPath.compare(0, strFolder.size(), strFolder) == 0 &&
+         strPath[strFolder.size()] == '/';
+}
+
+bool HasExcludedComponent(const std::string& strPath) {
+  for (size_t start = 0; start <= strPath.size();) {
+    size_t end = strPath.find('/', start);
+    if (end == std::string::npos) end = strPath.size();
+    if (FXString::EndsWith(std::string_view(strPath).substr(start, end - start), ".tmp")) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+// The trees: "mixed" holds awkward names, links, a FIFO, excluded names and an unreadable
+// folder; "long" a folder chain whose full path passes PATH_MAX; "clean" a small readable tree.
+class FsscanFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    chmod(m_scratch.Root().c_str(), 0777);  // fsscan running as nobody writes its files here
+    m_tree.MakeFile("mixed/plain.txt", "hello");
+    m_tree.MakeFile("mixed/with blank.txt", "12345678");
+    m_tree.MakeFile("mixed/new\nline", "x");
+    m_tree.MakeFile("mixed/tab\tfolder/inner file", "inner");
+    m_tree.MakeFile(std::string("mixed/bad\xff\xfe utf8"), "");
+    m_tree.MakeFile("mixed/dir a/sub/deep.txt", std::string(5000, 'd'));
+    m_tree.MakeSymlink("mixed/link-to-dir", "dir a");
+    m_tree.MakeSymlink("mixed/dangling", "nowhere");
+    m_tree.MakeFifo("mixed/fifo");
+    m_tree.MakeFile("mixed/excluded.tmp", "gone");
+    m_tree.MakeFile("mixed/folder.tmp/child.txt", "gone too");
+    m_tree.MakeFile("mixed/dir a/also.tmp", "gone");
+    m_tree.MakeFile("mixed/locked/secret.txt", "unseen");
+    chmod(m_tree.Path("mixed/locked").c_str(), 0000);
+    m_tree.MakeFile("clean/dir a/x.txt", "x");
+    m_tree.MakeFile("clean/y", "yy");
+    MakeLongChain();
+  }
+
+  void TearDown() override {
+    // nftw cannot remove a tree deeper than PATH_MAX; rm works relative to descriptors.
+    if (fork() == 0) {
+      execl("/bin/rm", "rm", "-rf", "--", m_tree.Path("long").c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    int iStatus = 0;
+    wait(&iStatus);
+  }
+
+  void MakeLongChain() {
+    int fd = open(m_tree.MakeDir("long").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    size_t nLength = m_tree.Path("long").size();
+    for (int i = 0; nLength <= PATH_MAX + 300; ++i) {
+      const std::string strName = FXString::Format("L%02d_", i) + std::string(200, 'n');
+      ASSERT_EQ(mkdirat(fd, strName.c_str(), 0755), 0) << strerror(errno);
+      const int fdNext = openat(fd, strName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      close(fd);
+      ASSERT_GE(fdNext, 0);
+      fd = fdNext;
+      nLength += 1 + strName.size();
+    }
+    const int fdFile = openat(fd, "bottom.txt", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(fdFile, 0);
+    close(fdFile);
+    close(fd);
+  }
+
+  SRun Fsscan(std::vector<std::string> lstArgs) {
+    lstArgs.insert(lstArgs.begin(), FSSCAN_TOOL_PATH);
+    return RunProgram(lstArgs, m_scratch.Root());
+  }
+  // `find PATH... -mindepth 1 -print0`, as the same user as fsscan.
+  std::set<std::string> Find(const std::vector<std::string>& lstPaths) {
+    std::vector<std::string> lstArgs{"/usr/bin/find"};
+    lstArgs.insert(lstArgs.end(), lstPaths.begin(), lstPaths.end());
+    lstArgs.insert(lstArgs.end(), {"-mindepth", "1", "-print0"});
+    return SplitNul(RunProgram(lstArgs, m_scratch.Root()).strOut);
+  }
+
+  CTempTree m_tree;
+  CTempTree m_scratch;
+};
+
+// --print0 against find, with 1 and with 4 traversal workers.
+class FsscanPrint0 : public FsscanFixture, public ::testing::WithParamInterface<int> {};
+
+TEST_P(FsscanPrint0, ReportsWhatFindListsMinusTheExcludedAndRecordsWhatItCannotRead) {
+  const std::string strMixed = m_tree.Path("mixed"), strFailures = m_scratch.Path("failures");
+  const SRun run = Fsscan({"--print0", "--exclude", "*.tmp", "--failures", strFailures, "--workers",
+                           std::to_string(GetParam()), strMixed});
+  EXPECT_EQ(run.iExit, 1) << run.strErr;  // the unreadable folder is content that failed
+
+  size_t nRecords = 0;
+  const std::set<std::string> setReported = SplitNul(run.strOut, &nRecords);
+  EXPECT_EQ(nRecords, setReported.size()) << "an object was reported twice";
+  std::set<std::string> setExpected;
+  for (const std::string& strPath : Find({strMixed}))
+    if (!HasExcludedComponent(strPath)) setExpected.insert(strPath);
+  ASSERT_TRUE(setExpected.count(strMixed + "/new\nline") && setExpected.count(strMixed + "/link-to-dir"));
+  EXPECT_FALSE(setExpected.count(strMixed + "/locked/secret.txt"));  // unreadable for find too
+  EXPECT_EQ(setReported, setExpected);
+
+  const std::map<std::string, int> mapFailures = ReadFailures(strFailures);
+  EXPECT_EQ(mapFailures, (std::map<std::string, int>{{strMixed + "/locked", EACCES}})) << ReadFile(strFailures);
+}
+
+INSTANTIATE_TEST_SUITE_P(Workers, FsscanPrint0, ::testing::Values(1, 4),
+                         [](const auto& info) { return "Workers" + std::to_string(info.param); });
+
+// A folder chain whose paths pass PATH_MAX: every object find lists is either reported or lies
+// below a folder recorded in the failures file; nothing is dropped silently.
+TEST_F(FsscanFixture, PathsBeyondPathMaxAreReportedOrRecordedAsFailed) {
+  const std::string strLong = m_tree.Path("long"), strFailures = m_scratch.Path("failures");
+  const SRun run = Fsscan({"--print0", "--failures", strFailures, strLong});
+  const std::set<std::string> setReported = SplitNul(run.strOut);
+  const std::set<std::string> setExpected = Find({strLong});
+  const std::map<std::string, int> mapFailures = ReadFailures(strFailures);
+  size_t nReportedBeyond = 0;
+  for (const std::string& strPath : setExpected) {
+    if (setReported.count(strPath)) {
+      nReportedBeyond += strPath.size() >= PATH_MAX ? 1 : 0;
+      continue;
+    }
+    bool bCovered = false;
+    for (const auto& [strFailed, iCode] : mapFailures) bCovered = bCovered || IsBelow(strPath, strFailed);
+    EXPECT_TRUE(bCovered) << "dropped without a failure record: a path of " << strPath.size() << " bytes";
+  }
+  for (const std::string& strPath : setReported) EXPECT_TRUE(setExpected.count(strPath)) << strPath.size();
+  EXPECT_GT(nReportedBeyond, 0u) << "the first folder beyond PATH_MAX is listed from its parent";
+  EXPECT_EQ(run.iExit, mapFailures.empty() ? 0 : 1) << run.strErr;
+}
+
+// The item lines carry lstat's type, permission bits, size and modification time.
+TEST_F(FsscanFixture, ItemLinesCarryLstatData) {
+  const std::string strMixed = m_tree.Path("mixed");
+  const SRun print0 = Fsscan({"--print0", strMixed});
+  const SRun lines = Fsscan({strMixed});
+  ASSERT_EQ(lines.iExit, print0.iExit) << lines.strErr;
+  std::map<std::string, std::string> mapByEscaped;
+  for (const std::string& strPath : SplitNul(print0.strOut)) mapByEscaped[FXString::EscapeControl(strPath)] = strPath;
+
+  std::istringstream in(lines.strOut);
+  size_t nLines = 0;
+  std::set<char> setTypes;
+  for (std::string strLine; std::getline(in, strLine); ++nLines) {
+    char cType = 0;
+    char szMode[8] = {};
+    unsigned long long ullSize = 0;
+    long long llSeconds = 0, llNanoseconds = 0;
+    int iPathStart = 0;
+    ASSERT_EQ(sscanf(strLine.c_str(), "%c %7s %llu %lld.%lld %n", &cType, szMode, &ullSize, &llSeconds,
+                     &llNanoseconds, &iPathStart), 5) << strLine;
+    const auto it = mapByEscaped.find(strLine.substr(static_cast<size_t>(iPathStart)));
+    ASSERT_NE(it, mapByEscaped.end()) << strLine;
+    struct stat st {};
+    ASSERT_EQ(lstat(it->second.c_str(), &st), 0) << strLine;
+    const std::map<mode_t, char> mapLetters{{S_IFREG, 'f'}, {S_IFDIR, 'd'}, {S_IFLNK, 'l'}, {S_IFIFO, 'p'}};
+    EXPECT_EQ(cType, mapLetters.at(st.st_mode & S_IFMT)) << strLine;
+    EXPECT_EQ(std::string(szMode), FXString::Format("%04o", static_cast<unsigned>(st.st_mode & 07777))) << strLine;
+    EXPECT_EQ(ullSize, static_cast<unsigned long long>(st.st_size)) << strLine;
+    EXPECT_EQ(llSeconds, static_cast<long long>(st.st_mtim.tv_sec)) << strLine;
+    EXPECT_EQ(llNanoseconds, static_cast<long long>(st.st_mtim.tv_nsec)) << strLine;
+    setTypes.insert(cType);
+  }
+  EXPECT_EQ(nLines, mapByEscaped.size());
+  EXPECT_EQ(setTypes, (std::set<char>{'f', 'd', 'l', 'p'}));
+  EXPECT_NE(lines.strOut.find("/new\\nline\n"), std::string::npos);
+  EXPECT_NE(lines.strOut.find("/tab\\tfolder/inner file\n"), std::string::npos);
+}
+
+// Exit status and what is recorded, per kind of invocation.
+struct SExitCase {
+  const char* szName;
+  std::vector<std::string> lstArgs;  // "{T}" stands for the tree's root, "{S}" for the scratch folder
+  int iExit;
+  std::vector<std::string> lstPrint0;  // the paths of the exact --print0 output, in order
+  const char* szFailure;               // the one path in the failures file; null: none expected
+};
+
+class FsscanExit : public FsscanFixture, public ::testing::WithParamInterface<SExitCase> {};
+
+TEST_P(FsscanExit, EndsWithTheDocumentedStatus) {
+  const SExitCase& testCase = GetParam();
+  auto fnExpand = [this](std::string strText) {
+    for (const auto& [strKey, strValue] : {std::pair<std::string, std::string>{"{T}", m_tree.Root()}, {"{S}", m_scratch.Root()}})
+      for (size_t pos; (pos = strText.find(strKey)) != std::string::npos;) strText.replace(pos, strKey.size(), strValue);
+    return strText;
+  };
+  std::vector<std::string> lstArgs;
+  for (const std::string& strArg : testCase.lstArgs) lstArgs.push_back(fnExpand(strArg));
+  const SRun run = Fsscan(lstArgs);
+  EXPECT_EQ(run.iExit, testCase.iExit) << run.strErr;
+  std::string strExpectedOut;
+  for (const std::string& strPath : testCase.lstPrint0) strExpectedOut.append(fnExpand(strPath)).push_back('\0');
+  EXPECT_EQ(run.strOut, strExpectedOut);
+  const std::map<std::string, int> mapFailures = ReadFailures(m_scratch.Path("failures"));
+  if (testCase.szFailure) {
+    EXPECT_EQ(mapFailures.size(), 1u) << run.strErr;
+    EXPECT_TRUE(mapFailures.count(fnExpand(testCase.szFailure))) << run.strErr;
+  } else {
+    EXPECT_TRUE(mapFailures.empty()) << run.strErr;
+  }
+  if (testCase.iExit != 2) {
+    EXPECT_NE(run.strErr.find(" items, "), std::string::npos) << run.strErr;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Invocations, FsscanExit,
+    ::testing::Values(
+        SExitCase{"ReadableTree", {"-0", "-f", "{S}/failures", "{T}/clean/dir a"}, 0, {"{T}/clean/dir a/x.txt"}, nullptr},
+        SExitCase{"FileAsContent", {"-0", "-f", "{S}/failures", "{T}/clean/y"}, 0, {"{T}/clean/y"}, nullptr},
+        SExitCase{"MissingPath", {"-0", "-f", "{S}/failures", "{T}/clean/absent"}, 1, {}, "{T}/clean/absent"},
+        SExitCase{"MissingBesideReadable", {"-0", "-f", "{S}/failures", "{T}/clean/absent", "{T}/clean/dir a"}, 1,
+                  {"{T}/clean/dir a/x.txt"}, "{T}/clean/absent"},
+        SExitCase{"UnreadableFolder", {"-0", "-f", "{S}/failures", "{T}/mixed/locked"}, 1, {}, "{T}/mixed/locked"},
+        SExitCase{"ExcludedEverything", {"-0", "-f", "{S}/failures", "-x", "*.txt", "{T}/clean/dir a"}, 0, {}, nullptr},
+        SExitCase{"UnknownOption", {"--bogus", "{T}/clean"}, 2, {}, nullptr},
+        SExitCase{"NoPath", {"-0"}, 2, {}, nullptr},
+        SExitCase{"BadWorkers", {"--workers", "0", "{T}/clean"}, 2, {}, nullptr},
+        SExitCase{"OutputCannotBeOpened", {"-o", "{S}/absent/out", "{T}/clean"}, 2, {}, nullptr}),
+    [](const auto& info) { return std::string(info.param.szName); });
+
+#endif  // FSSCAN_TOOL_PATH
+
+}  // namespace

@@ -1,0 +1,28 @@
+#include "FsscanCallback.h"
+
+static_assert(std::atomic<bool>::is_always_lock_free, "the interrupt flag is set from a signal handler");
+
+std::atomic<bool> CFsscanCallback::s_bInterrupted{false};
+
+CFsscanCallback::CFsscanCallback(COutputHandlerPtr pOutputHandler, CItemConsumerPtr pFailureConsumer)
+    : m_pOutputHandler(std::move(pOutputHandler)), m_pFailureConsumer(std::move(pFailureConsumer)) {}
+
+CFsscanCallback::~CFsscanCallback() = default;
+
+bool CFsscanCallback::IsAborted() const { return CScannerCallback::IsAborted() || IsInterrupted(); }
+
+std::string CFsscanCallback::AsString() const { return "CFsscanCallback"; }
+
+CQiError CFsscanCallback::GetOutputHandler(const std::string&, COutputHandlerPtr& pHandler) {
+  pHandler = m_pOutputHandler;
+  return CQiError();
+}
+
+CQiError CFsscanCallback::GetScanFailureConsumer(CItemConsumerPtr& pConsumer) {
+  pConsumer = m_pFailureConsumer;
+  return CQiError();
+}
+
+void CFsscanCallback::RequestInterrupt() { s_bInterrupted.store(true, std::memory_order_relaxed); }
+
+bool CFsscanCallback::IsInterrupted() { return s_bInterrupted.load(std::memory_order_relaxed); }

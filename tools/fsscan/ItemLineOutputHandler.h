@@ -1,0 +1,62 @@
+// CItemLineOutputHandler: the output handler of fsscan. Writes one record per selected item to
+// a stdio stream and counts what it wrote.
+//
+// Formats:
+//   Lines   "<type> <mode> <size> <mtime> <path>\n"
+//           type   one letter as find's %y: f d l p s c b, U when the type is unknown;
+//           mode   the permission bits (mode & 07777) as four octal digits, "----" when unknown;
+//           size   the item's size in bytes (lstat's st_size; 0 for device nodes);
+//           mtime  seconds.nanoseconds since the epoch;
+//           path   the source path, control bytes and backslashes escaped (FXString::EscapeControl)
+//                  so that every record is one line.
+//   Print0  the raw source path followed by one NUL byte, exactly as `find -print0` writes it.
+//
+// Counters: items, folders, and bytes (the sum of the sizes of the non-folder items).
+//
+// Threads: OnItem may be called from several traversal workers at once; records are written
+// whole under one mutex. The counters may be read from any thread at any time. The stream is
+// the caller's; it must outlive the handler's last OnItem.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "Scan/OutputHandler.h"
+
+class CItemLineOutputHandler : public COutputHandler {
+ public:
+  enum class EFormat { Lines, Print0 };
+
+  CItemLineOutputHandler(FILE* pFile, EFormat eFormat);
+  ~CItemLineOutputHandler() override;
+
+  // Writes the item's record; a failed write returns its errno (which ends the scan).
+  CQiError OnItem(CItemPtr pItem) override;
+  // Deleted items do not occur in a full scan; they are counted by nobody and dropped.
+  CQiError OnDeletedItem(CItemPtr pItem) override;
+  uint64_t getProcessedItemsCount() override;
+
+  // Flushes the stream; its errno on failure.
+  CQiError Flush();
+
+  uint64_t GetItemCount() const { return m_ullItems.load(std::memory_order_relaxed); }
+  uint64_t GetFolderCount() const { return m_ullFolders.load(std::memory_order_relaxed); }
+  uint64_t GetByteCount() const { return m_ullBytes.load(std::memory_order_relaxed); }
+
+  // The Lines record of an item, without the line feed.
+  static std::string FormatLine(const CItem& item);
+
+ private:
+  std::mutex m_mutex;  // guards writes to m_pFile
+  FILE* m_pFile;
+  EFormat m_eFormat;
+  std::atomic<uint64_t> m_ullItems{0};
+  std::atomic<uint64_t> m_ullFolders{0};
+  std::atomic<uint64_t> m_ullBytes{0};
+};
+
+using CItemLineOutputHandlerPtr = std::shared_ptr<CItemLineOutputHandler>;
