@@ -1,0 +1,164 @@
+#include "Scan/EnumerateFiles.h"
+
+#include "Platform/AutoTimeCounter.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
+#include "Platform/ScanPerformanceCounterSet.h"
+#include "Scan/BasicPathEnumerator.h"
+#include "Scan/ScanEngine.h"
+#include "Scan/ScanFailureConsumer.h"
+
+namespace {
+bool HasItems(const CFilterSetPtr& pSet) { return pSet && !pSet->IsEmpty(); }
+}  // namespace
+
+CEnumerateFiles::CEnumerateFiles(CScanEngine* pEngine, CPathEnumeratorPtr pEnumerator)
+    : m_pEngine(pEngine) {
+  if (pEnumerator) SetPathEnumerator(std::move(pEnumerator));
+}
+
+CEnumerateFiles::~CEnumerateFiles() = default;
+
+void CEnumerateFiles::SetWorkUnitBag(CBagPtr pBag) { SetBag(std::move(pBag)); }
+
+const CFilterSet& CEnumerateFiles::GetBuiltInSystemProtectedFiles() {
+  static CFilterSet set;
+  static const bool bFilled = [] {
+    for (const char* szPath : {"/proc", "/sys", "/dev", "/run"})
+      (void)set.AddFilterItem(BFilterNodeState::Include, szPath);
+    return true;
+  }();
+  (void)bFilled;
+  return set;
+}
+
+bool CEnumerateFiles::IsInSystemFilters(const CFilterTermTestString& test) const {
+  if (HasItems(m_pSystemFilters) && m_pSystemFilters->IsIn(test, CFilterSet::kAppliesAll))
+    return true;
+  return m_bBuiltInSystemProtectedFilesFilter &&
+         GetBuiltInSystemProtectedFiles().IsIn(test, CFilterSet::kAppliesAll);
+}
+
+bool CEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& strTestString) {
+  CAutoTimeCounter timer(EScanPerfCounterType::TIME_ISFILTERED);
+  if (m_uExcludedAttributes != 0 && (pItem->GetAttributes() & m_uExcludedAttributes) != 0)
+    return true;
+  CFilterTermTestString test(strTestString);
+  // The log lines name the folder the entry was met in.
+  auto folder = [&] { return FXString::EscapeControl(pItem->GetSourceFullyQualifiedParentFolder()); };
+  if (HasItems(m_pScanContent) && !m_pScanContent->IsIn(test, CFilterSet::kAppliesAll)) {
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Not part of content, Folder=(%s) TestString=(%s)", folder().c_str(),
+            test.GetStringWithLeadingBackslash().c_str());
+    return true;
+  }
+  if (IsInSystemFilters(test)) {
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Filtered by system filter, Folder=(%s) TestString=(%s)", folder().c_str(),
+            test.GetStringWithLeadingBackslash().c_str());
+    return true;
+  }
+  if (HasItems(m_pFilters) && m_pFilters->IsIn(test, CFilterSet::kAppliesAll)) {
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Filtered by content filter, Folder=(%s) TestString=(%s)", folder().c_str(),
+            test.GetStringWithLeadingBackslash().c_str());
+    return true;
+  }
+  if (ZRLOG_ON(5))
+    ZRLOG(5, "Not filtered, Folder=(%s) TestString=(%s)", folder().c_str(),
+          test.GetStringWithLeadingBackslash().c_str());
+  return false;
+}
+
+bool CEnumerateFiles::IsMatchPossibleInFolder(CItemPtr& /*pItem*/, const std::string& strFolder) {
+  CFilterTermTestString test(strFolder);
+  if (HasItems(m_pScanContent) && !m_pScanContent->IsMatchPossibleInFolder(test)) {
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "No matching possible in content, Folder=%s",
+            FXString::EscapeControl(strFolder).c_str());
+    return false;
+  }
+  if ((HasItems(m_pSystemFilters) && m_pSystemFilters->IsMatchEntireFolder(test)) ||
+      (m_bBuiltInSystemProtectedFilesFilter &&
+       GetBuiltInSystemProtectedFiles().IsMatchEntireFolder(test))) {
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "System filter excludes all content, Folder=%s",
+            FXString::EscapeControl(strFolder).c_str());
+    return false;
+  }
+  if (HasItems(m_pFilters) && m_pFilters->IsMatchEntireFolder(test)) {
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Filter excludes all content, Folder=%s", FXString::EscapeControl(strFolder).c_str());
+    return false;
+  }
+  return true;
+}
+
+CQiError CEnumerateFiles::OnFolder(const std::string& strInput, const std::string& strOutput,
+                                   CItemPtr& pItem) {
+  if (!IsFiltered(pItem, strOutput)) {
+    if (m_pEngine != nullptr) QI_RETURN_IF_ERROR(m_pEngine->ScanQueryCallback(pItem));
+  } else if (!IsMatchPossibleInFolder(pItem, strOutput)) {
+    return CQiError();
+  }
+  QI_RETURN_IF_ERROR(CScanTraverseFolder::OnFolder(strInput, strOutput, pItem));
+  return CQiError();
+}
+
+CQiError CEnumerateFiles::OnFile(const std::string& strInput, const std::string& strOutput,
+                                 CItemPtr& pItem) {
+  if (m_pEngine != nullptr && !IsFiltered(pItem, strOutput))
+    QI_RETURN_IF_ERROR(m_pEngine->ScanQueryCallback(pItem));
+  QI_RETURN_IF_ERROR(CScanTraverseFolder::OnFile(strInput, strOutput, pItem));
+  return CQiError();
+}
+
+CQiError CEnumerateFiles::OnReparsePointFile(const std::string& strInput,
+                                             const std::string& strOutput, CItemPtr& pItem) {
+  if (m_pEngine != nullptr && !IsFiltered(pItem, strOutput))
+    QI_RETURN_IF_ERROR(m_pEngine->ScanQueryCallback(pItem));
+  QI_RETURN_IF_ERROR(CScanTraverseFolder::OnReparsePointFile(strInput, strOutput, pItem));
+  return CQiError();
+}
+
+CQiError CEnumerateFiles::OnFailedContent(const std::string& strInput,
+                                          const std::string& strOutput, bool /*bIsFile*/,
+                                          const CQiError& error) {
+  CAutoTimeCounter timer(EScanPerfCounterType::TIME_FAILED_CONTENT);
+  CScannerCallbackPtr pCallback = m_pEngine != nullptr ? m_pEngine->GetScannerCallback() : nullptr;
+  CItemConsumerPtr pConsumer;
+  if (!pCallback || pCallback->GetScanFailureConsumer(pConsumer).IsError() || !pConsumer) {
+    ZRLOG(5, "Not supported");
+    return CQiError();
+  }
+  QI_RETURN_IF_ERROR(WriteFailureRecord(pConsumer, GetBag(), strInput, strOutput, error));
+  return CQiError();
+}
+
+CQiError CEnumerateFiles::WriteFailureRecord(const CItemConsumerPtr& pConsumer,
+                                             const CBagPtr& pBag, const std::string& strLocalPath,
+                                             const std::string& strSourcePath,
+                                             const CQiError& error) {
+  static FXMutex s_mutexOtherConsumers;
+  // The record describes the path as it is now (the item may know nothing about it).
+  CBasicPathEnumerator enumerator;
+  CItemPtr pItem;
+  CQiError itemError = enumerator.GetItemByPath(pBag, strLocalPath, strSourcePath, pItem);
+  if (!pItem)
+    return QI_PUSH(itemError, "Cannot build the failed item, Path=%s",
+                   FXString::EscapeControl(strLocalPath).c_str());
+  QI_RETURN_IF_ERROR(pItem->GetItemBag()->Write(CScanFailureConsumer::kErrorCodeKey,
+                                                static_cast<int>(error.GetCode())));
+  auto* pFailures = dynamic_cast<CScanFailureConsumer*>(pConsumer.get());
+  FXMutex::CScopedLock lock(pFailures != nullptr ? pFailures->GetMutex() : s_mutexOtherConsumers);
+  QI_RETURN_IF_ERROR(pConsumer->Process(pItem));
+  return CQiError();
+}
+
+CQiError CEnumerateFiles::OnInitializeWorker() {
+  // Makes the worker's per-volume counters exist from its start, so that the periodic counter
+  // lines list every worker, busy or not.
+  (void)CScanPerformanceCounter::GetThreadCounter(GetPrivate()->GetVolumeName());
+  return CQiError();
+}

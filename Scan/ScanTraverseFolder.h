@@ -1,0 +1,136 @@
+// CScanTraverseFolder: a folder traversal below one or more content paths, on the calling thread or
+// on a pool of worker threads, that calls its own virtual hooks for every folder, file, reparse
+// point (symbolic link) and failure that it meets.
+//
+// Use: queue the content paths (AddFolderToList), set the path enumerator, workers, abort check
+// and bag, then Traverse(). The walk is depth-first: the folder added last is listed next. Each
+// folder is listed with the path enumerator (workers list with their own clones); each entry is
+// built into an item by the enumerator and dispatched by kind (ProcessItem) to OnFolder, OnFile,
+// OnReparsePointFolder or OnReparsePointFile. The base OnFolder queues the folder, so by default
+// everything below the content paths is walked. Reparse points of a folder are dispatched after
+// all its other entries (the folder is listed a second time for them).
+//
+// Failures: errors on the first folder listed end the traversal; later ones are reported through
+// OnFailedContent and the walk goes on. Entries that vanished (errno 2) or cannot be described
+// for lack of permission (errno 13) are skipped silently. An abort (polled between entries and
+// between folders) ends the traversal with Win32 995 "Operation aborted".
+//
+// Derived classes: CEnumerateFiles (the traversal of the scan engines) and the file-system
+// specific traversals override the hooks.
+//
+// Threads: the owner calls the setters and Traverse on one thread. With more than one worker the
+// hooks run on the worker threads, several at once; they must be safe for that. The destructor
+// stops any worker that is still running.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Platform/Bag.h"
+#include "Platform/QiError.h"
+#include "Scan/AbortOperationCheck.h"
+#include "Scan/Item.h"
+#include "Scan/PathEnumerator.h"
+#include "Scan/ScanFoldersToTraverse.h"
+#include "Scan/ScanTraverseFolderPrivate.h"
+
+class CScanTraverseFolder {
+ public:
+  // Listing retries: the most restarts of one folder's listing, and the pause between them.
+  static constexpr int kMaxListingRetries = 5;
+  static constexpr uint32_t kListingRetryDelayMs = 1000;
+  // The coordinator's wait, and the interval of the periodic counter logging.
+  static constexpr uint32_t kCoordinatorWaitMs = 10000;
+  static constexpr uint64_t kCounterLogIntervalSeconds = 1800;
+
+  // Starts with a CBasicPathEnumerator as its path enumerator.
+  CScanTraverseFolder();
+  virtual ~CScanTraverseFolder();
+  CScanTraverseFolder(const CScanTraverseFolder&) = delete;
+  CScanTraverseFolder& operator=(const CScanTraverseFolder&) = delete;
+
+  // Hooks (the base versions return success or do nothing unless said).
+  // Queues the folder.
+  virtual CQiError OnTraverseFolder(CItemPtr pFolder, const std::string& strInput,
+                                    const std::string& strOutput);
+  // Queues a reparse-point entry.
+  virtual CQiError OnTraverseReparsePoint(CItemPtr pItem, const std::string& strInput,
+                                          const std::string& strEndSubstituteName,
+                                          const std::string& strOutput, unsigned int uAttributes,
+                                          const std::string& strNextSubstituteName);
+  // A folder was met; the base queues it through OnTraverseFolder.
+  virtual CQiError OnFolder(const std::string& strInput, const std::string& strOutput,
+                            CItemPtr& pItem);
+  virtual CQiError OnFile(const std::string& strInput, const std::string& strOutput,
+                          CItemPtr& pItem);
+  virtual CQiError OnReparsePointFolder(const std::string& strInput, const std::string& strOutput,
+                                        CItemPtr& pItem);
+  virtual CQiError OnReparsePointFile(const std::string& strInput, const std::string& strOutput,
+                                      CItemPtr& pItem);
+  // A path could not be listed (bIsFile false) or described.
+  virtual CQiError OnFailedContent(const std::string& strInput, const std::string& strOutput,
+                                   bool bIsFile, const CQiError& error);
+  // Called once on each worker thread before it takes work.
+  virtual CQiError OnInitializeWorker();
+
+  // Walks the queued folders; see the class comment.
+  CQiError Traverse();
+
+  // Queue entry points (thread-safe).
+  void AddFolderToList(const std::string& strInput, const std::string& strOutput);
+  void AddFolderToList(CItemPtr pFolder, const std::string& strInput, const std::string& strOutput);
+  void AddReparsePointToList(CItemPtr pItem, const std::string& strInput,
+                             const std::string& strEndSubstituteName, const std::string& strOutput,
+                             unsigned int uAttributes, const std::string& strNextSubstituteName);
+  uint64_t GetFoldersToTraverseCount() const { return m_pPrivate->GetFolderCount(); }
+
+  // Tells whether a folder lies below a queued content root (the root's own output path is then
+  // given in strNewOutputPath, extended by the folder's remainder).
+  bool FolderWillAlreadyBeTraversed(const std::string& strPath, std::string& strNewOutputPath) const;
+
+  // Dispatches one item by kind to the hooks (the traversal's per-entry step).
+  CQiError ProcessItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
+  // Lists one queued folder with the given enumerator. bFirstFolder makes its errors fatal.
+  CQiError TraverseFolder(const CScanFoldersToTraverse& entry, CPathEnumerator& enumerator,
+                          bool bFirstFolder);
+
+  // Configuration, set before Traverse.
+  void SetPathEnumerator(CPathEnumeratorPtr pEnumerator);
+  CPathEnumeratorPtr GetPathEnumerator() const { return m_pPrivate->GetPathEnumerator(); }
+  void SetProcessTopLevelContentItem(bool bProcess);
+  void SetMaxWorkers(int iMaxWorkers);
+  int GetMaxWorkers() const { return m_pPrivate->GetMaxWorkers(); }
+  // Consumer errors with this code no longer stop a folder.
+  void ignoreConsumerError(uint32_t uCode);
+  // True when a consumer error stops the folder: its code is not among the ignored ones.
+  bool failOnConsumerError(const CQiError& error) const;
+  void SetAbortCheck(CAbortOperationCheck* pAbortCheck);
+  bool IsAborted() const { return m_pPrivate->IsAborted(); }
+  void SetBag(CBagPtr pBag);
+  CBagPtr GetBag() const { return m_pPrivate->GetBag(); }
+
+  const CScanTraverseFolderPrivatePtr& GetPrivate() const { return m_pPrivate; }
+
+ protected:
+  // The single switch of the listing retries: no error is retried.
+  static bool ShouldRetry(const CQiError& error);
+
+ private:
+  struct SListing;
+
+  CQiError ProcessTopLevelContent();
+  CQiError TraverseOnCallingThread();
+  CQiError TraverseWithWorkers();
+  // Stops every worker (waiting for them or not); with bCollectErrors, gathers their errors.
+  CQiError StopWorkers(bool bWait, bool bCollectErrors);
+  CQiError ListFolder(SListing& listing, bool bReparsePass);
+  CQiError ProcessEntry(SListing& listing, CQiError& entryError, CItemPtr& pItem,
+                        bool bReparsePass);
+  CQiError OnListingError(SListing& listing, const CQiError& error);
+  CQiError AbortedError(const SListing& listing) const;
+
+  CScanTraverseFolderPrivatePtr m_pPrivate;
+};
+
+using CScanTraverseFolderPtr = std::shared_ptr<CScanTraverseFolder>;

@@ -1,0 +1,114 @@
+#include "Scan/ScanTraverseFolderWorker.h"
+
+#include "Platform/AutoTimeCounter.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/ScanPerformanceCounterSet.h"
+#include "Scan/ScanTraverseFolder.h"
+
+CScanTraverseFolderWorker::CScanTraverseFolderWorker(CScanTraverseFolder* pTraversal,
+                                                     CScanTraverseFolderPrivatePtr pPrivate,
+                                                     std::unique_ptr<CPathEnumerator> pEnumerator,
+                                                     int iIndex)
+    : CAlertableEventThread("TraverseWkr" + std::to_string(iIndex)),
+      m_pTraversal(pTraversal),
+      m_pPrivate(std::move(pPrivate)),
+      m_pEnumerator(std::move(pEnumerator)),
+      m_iIndex(iIndex) {
+  if (CLogWriterInterfaceThreadWrapper* pWrapper =
+          CLogWriterInterfaceThreadWrapper::CurrentForThread()) {
+    m_pLogWriter = pWrapper->GetWriter()->shared_from_this();
+    m_strLogContext = pWrapper->GetContext();
+  }
+}
+
+CScanTraverseFolderWorker::~CScanTraverseFolderWorker() {
+  // The hooks use this object's members: the loop must end before they go.
+  (void)Stop(true);
+}
+
+void CScanTraverseFolderWorker::Prepare() {
+  SetEvent(m_pPrivate->GetFolderAvailableEvent());
+  SetTimeout(kWorkerTimeoutMs);
+}
+
+CQiError CScanTraverseFolderWorker::Start() {
+  Prepare();
+  QI_RETURN_IF_ERROR(CAlertableEventThread::Start());
+  return CQiError();
+}
+
+CQiError CScanTraverseFolderWorker::StartSynchronously() {
+  Prepare();
+  QI_RETURN_IF_ERROR(CAlertableEventThread::StartSynchronously());
+  return CQiError();
+}
+
+CQiError CScanTraverseFolderWorker::WaitForEvent(EWaitResult& eResult) {
+  CAutoTimeCounter timer(CScanPerformanceCounter::GetThreadCounter(
+      m_pPrivate->GetVolumeName())[EScanPerfCounterType::TIME_WAIT_FOR_FOLDER]);
+  eResult = WaitForEventOrStop(GetEvent().get(), GetTimeout());
+  return CQiError();
+}
+
+CQiError CScanTraverseFolderWorker::OnStart() {
+  if (m_pLogWriter)
+    m_pLogWrapper = std::make_unique<CLogWriterInterfaceThreadWrapper>(m_pLogWriter, m_strLogContext);
+  return CQiError();
+}
+
+CQiError CScanTraverseFolderWorker::OnStop() { return CQiError(); }
+
+CQiError CScanTraverseFolderWorker::OnCompletion() {
+  // The wrapper belongs to this thread: it is dropped here, on it.
+  m_pLogWrapper.reset();
+  return CQiError();
+}
+
+CQiError CScanTraverseFolderWorker::OnEvent() { return ProcessPendingFolders(); }
+
+CQiError CScanTraverseFolderWorker::OnTimeout() { return ProcessPendingFolders(); }
+
+CQiError CScanTraverseFolderWorker::ProcessPendingFolders() {
+  if (!m_pEnumerator) return CQiError();
+  if (!m_bInitialized) {
+    m_bInitialized = true;
+    CQiError error = m_pTraversal->OnInitializeWorker();
+    if (error.IsError()) ZRLOG(-1, "OnInitializeWorker failed, error=%s", error.AsString().c_str());
+  }
+  for (;;) {
+    const bool bAborted = m_pPrivate->IsAborted();
+    if (bAborted || IsStopRequested()) {
+      m_pPrivate->MarkIdle(m_bIdle);
+      m_pPrivate->SignalWorkerState();
+      // Nothing more to do for this run; the coordinator stops the others.
+      if (bAborted) InternalStop();
+      return CQiError();
+    }
+    CScanFoldersToTraverse entry;
+    bool bFirstFolder = false;
+    CQiError error = m_pPrivate->TakeFolder(entry, bFirstFolder, &m_bIdle);
+    if (error.IsWin32(QiErrorCode::NoMoreItems)) {
+      m_pPrivate->SignalWorkerState();
+      return CQiError();
+    }
+    if (error.IsError()) {
+      // The queue cannot fail otherwise; should it, this worker stops taking folders.
+      QI_PUSH(error, "GetFolderToTraverse failed");
+      ZRLOG(-1, "ProcessPendingFolders failed unexpectedly, error=%s", error.AsString().c_str());
+      SetLastError(error);
+      m_pPrivate->MarkIdle(m_bIdle);
+      m_pPrivate->SignalWorkerState();
+      InternalStop();
+      return CQiError();
+    }
+    error = m_pTraversal->TraverseFolder(entry, *m_pEnumerator, bFirstFolder);
+    if (error.IsError()) {
+      QI_PUSH(error, "TraverseFolder failed");
+      // Kept for the coordinator; an abort is a quiet end, anything else is worth a line.
+      if (!error.IsWin32(QiErrorCode::OperationAborted))
+        ZRLOG(-1, "ProcessPendingFolders failed unexpectedly, error=%s", error.AsString().c_str());
+      SetLastError(error);
+      m_pPrivate->SignalWorkerState();
+    }
+  }
+}
