@@ -7,7 +7,7 @@
 //   scanner->AddFilterItem("*.tmp");                                  // filters: kept until finalized
 //   scanner->Start();                                                 // one thread per medium
 //   scanner->WaitForScanToComplete();                                 // no time limit
-//   callback/work unit manager: results (GetWorkUnitManager()->GetFinalStatus()).
+//   scanner->GetWorkUnitManager()->GetFinalStatus();                  // the job's result
 // Items reach the output handlers that the callback hands out; unreadable objects reach its
 // scan-failure consumer. Each physical medium is scanned by a FindFirst engine on a thread of its
 // own; a failed medium is logged and does not fail Start or WaitForScanToComplete.
