@@ -40,7 +40,8 @@ static const char* const kStatementSql[CScanDbConnection::kStatementCount] = {
     // kInsert
     "INSERT INTO scan_entry(" SCANDB_COLUMNS ") VALUES(" SCANDB_VALUES ")",
     // kUpsert
-    "INSERT INTO scan_entry(" SCANDB_COLUMNS ") VALUES(" SCANDB_VALUES ")"
+    "INSERT INTO scan_entry(" SCANDB_COLUMNS ") VALUES(" SCANDB_VALUES
+    ")"
     " ON CONFLICT(parent, name) DO UPDATE SET fid = excluded.fid, mode = excluded.mode,"
     " uid = excluded.uid, gid = excluded.gid, size = excluded.size, blocks = excluded.blocks,"
     " nlink = excluded.nlink, inode = excluded.inode, dev = excluded.dev,"
@@ -154,7 +155,8 @@ CQiError CScanDbConnection::Configure(bool bCreate) {
 
   const bool bNew = llObjects == 0 && llApplicationId == 0 && llVersion == 0;
   if (bNew && !bCreate)
-    return QI_ERROR_WIN32(QiErrorCode::InvalidData, "The file %s is an empty database, not a scan database",
+    return QI_ERROR_WIN32(QiErrorCode::InvalidData,
+                          "The file %s is an empty database, not a scan database",
                           strShown.c_str());
   if (!bNew && llApplicationId != kApplicationId)
     return QI_ERROR_WIN32(QiErrorCode::InvalidData,
@@ -179,8 +181,9 @@ CQiError CScanDbConnection::Configure(bool bCreate) {
                             "The scan database %s cannot use write-ahead logging (journal mode %s)",
                             strShown.c_str(), szMode ? reinterpret_cast<const char*>(szMode) : "?");
   }
-  QI_RETURN_IF_ERROR(Exec("PRAGMA synchronous = NORMAL; PRAGMA temp_store = MEMORY;"
-                          " PRAGMA cache_size = -65536;"));
+  QI_RETURN_IF_ERROR(
+      Exec("PRAGMA synchronous = NORMAL; PRAGMA temp_store = MEMORY;"
+           " PRAGMA cache_size = -65536;"));
   if (bNew) {
     // Several openers of one new file: the first creates, the others find it made.
     QI_RETURN_IF_ERROR(Exec("BEGIN IMMEDIATE"), "Cannot create the scan database %s",
@@ -278,10 +281,10 @@ int CScanDbConnection::BindEntry(sqlite3_stmt* pStatement, std::string_view pare
   }
   // Unsigned 64-bit values (inode, device) are stored as their bit pattern in a signed integer.
   const int64_t aValues[] = {
-      static_cast<int64_t>(st.st_mode),  static_cast<int64_t>(st.st_uid),
-      static_cast<int64_t>(st.st_gid),   static_cast<int64_t>(st.st_size),
-      static_cast<int64_t>(st.st_blocks), static_cast<int64_t>(st.st_nlink),
-      static_cast<int64_t>(st.st_ino),   static_cast<int64_t>(st.st_dev),
+      static_cast<int64_t>(st.st_mode),        static_cast<int64_t>(st.st_uid),
+      static_cast<int64_t>(st.st_gid),         static_cast<int64_t>(st.st_size),
+      static_cast<int64_t>(st.st_blocks),      static_cast<int64_t>(st.st_nlink),
+      static_cast<int64_t>(st.st_ino),         static_cast<int64_t>(st.st_dev),
       static_cast<int64_t>(st.st_atim.tv_sec), static_cast<int64_t>(st.st_atim.tv_nsec),
       static_cast<int64_t>(st.st_mtim.tv_sec), static_cast<int64_t>(st.st_mtim.tv_nsec),
       static_cast<int64_t>(st.st_ctim.tv_sec), static_cast<int64_t>(st.st_ctim.tv_nsec),
@@ -327,8 +330,8 @@ void CScanDbConnection::ReadEntry(sqlite3_stmt* pStatement, CScanDbRecord& recor
   st.st_ctim.tv_nsec = static_cast<long>(sqlite3_column_int64(pStatement, 16));
 }
 
-CQiError CScanDbConnection::MakeError(sqlite3* pDb, int rc, const char* file,
-                                      const char* function, int line, const char* format, ...) {
+CQiError CScanDbConnection::MakeError(sqlite3* pDb, int rc, const char* file, const char* function,
+                                      int line, const char* format, ...) {
   va_list args;
   va_start(args, format);
   std::string strText = FXString::FormatV(format, args);

@@ -27,7 +27,8 @@ CQiError CheckFolderName(const std::string& strFolder) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "The scan database folder is empty");
   if (strFolder.find('\0') != std::string::npos)
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                          "The scan database folder [%s] holds a NUL byte", Shown(strFolder).c_str());
+                          "The scan database folder [%s] holds a NUL byte",
+                          Shown(strFolder).c_str());
   return CQiError();
 }
 
@@ -68,9 +69,12 @@ struct SBackupFinisher {
 
 const char* CScanDbFiles::GetKindName(EScanDbKind eKind) {
   switch (eKind) {
-    case EScanDbKind::kFull: return "FullBackupDatabase";
-    case EScanDbKind::kCurrent: return "CurrentBackupDatabase";
-    case EScanDbKind::kTemporary: return "TemporaryBackupDatabase";
+    case EScanDbKind::kFull:
+      return "FullBackupDatabase";
+    case EScanDbKind::kCurrent:
+      return "CurrentBackupDatabase";
+    case EScanDbKind::kTemporary:
+      return "TemporaryBackupDatabase";
   }
   return "UnknownBackupDatabase";
 }
@@ -128,8 +132,9 @@ CQiError CScanDbFiles::Replace(const std::string& strFromFolder, const std::stri
       // The old database is now in the source folder.
       CQiError err = Remove(strFrom);
       if (err.IsError())
-        ZRLOG(-1, "The scan database in %s was replaced, but its old files in %s could not be "
-                  "removed, error=%s",
+        ZRLOG(-1,
+              "The scan database in %s was replaced, but its old files in %s could not be "
+              "removed, error=%s",
               Shown(strTo).c_str(), Shown(strFrom).c_str(), err.AsString().c_str());
     } else if (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP) {
       const std::string strAside = strTo + ".replaced";
@@ -146,15 +151,17 @@ CQiError CScanDbFiles::Replace(const std::string& strFromFolder, const std::stri
       }
       CQiError err = Remove(strAside);
       if (err.IsError())
-        ZRLOG(-1, "The scan database in %s was replaced, but its old files in %s could not be "
-                  "removed, error=%s",
+        ZRLOG(-1,
+              "The scan database in %s was replaced, but its old files in %s could not be "
+              "removed, error=%s",
               Shown(strTo).c_str(), Shown(strAside).c_str(), err.AsString().c_str());
     } else {
       return QI_ERROR_ERRNO(errno, "Cannot exchange the scan databases %s and %s",
                             Shown(strFrom).c_str(), Shown(strTo).c_str());
     }
   }
-  QI_RETURN_IF_ERROR(SyncPath(FXPath::GetParent(strTo).empty() ? "." : FXPath::GetParent(strTo), true));
+  QI_RETURN_IF_ERROR(
+      SyncPath(FXPath::GetParent(strTo).empty() ? "." : FXPath::GetParent(strTo), true));
   std::string strFromParent = FXPath::GetParent(strFrom);
   if (strFromParent != FXPath::GetParent(strTo))
     QI_RETURN_IF_ERROR(SyncPath(strFromParent.empty() ? "." : strFromParent, true));
@@ -190,12 +197,13 @@ CQiError CScanDbFiles::Copy(const std::string& strFromFolder, const std::string&
   CQiError err;
   {
     sqlite3* pRawDest = nullptr;
-    int rc = sqlite3_open_v2(strStagingFile.c_str(), &pRawDest,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                             nullptr);
+    int rc =
+        sqlite3_open_v2(strStagingFile.c_str(), &pRawDest,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     std::unique_ptr<sqlite3, SSqliteCloser> pDest(pRawDest);
     if (rc != SQLITE_OK) {
-      err = SCANDB_ERROR(pDest.get(), rc, "Cannot create the copy %s", Shown(strStagingFile).c_str());
+      err =
+          SCANDB_ERROR(pDest.get(), rc, "Cannot create the copy %s", Shown(strStagingFile).c_str());
     } else {
       std::lock_guard<std::mutex> lock(pSource->GetMutex());
       std::unique_ptr<sqlite3_backup, SBackupFinisher> pBackup(

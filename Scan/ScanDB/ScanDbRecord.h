@@ -31,7 +31,9 @@ class CScanDbRecord {
   std::string_view GetName() const;
 
   const struct stat& GetStat() const { return m_stat; }
-  struct stat& GetStat() { return m_stat; }
+  struct stat& GetStat() {
+    return m_stat;
+  }
   void SetStat(const struct stat& st);
 
   const std::string& GetFileId() const { return m_strFileId; }

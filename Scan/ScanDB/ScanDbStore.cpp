@@ -37,7 +37,8 @@ CQiError CScanDbStore::Open(const std::string& strFolder) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "The scan database folder is empty");
   if (strFolder.find('\0') != std::string::npos)
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                          "The scan database folder [%s] holds a NUL byte", Shown(strFolder).c_str());
+                          "The scan database folder [%s] holds a NUL byte",
+                          Shown(strFolder).c_str());
   std::error_code ec;
   std::filesystem::create_directories(strFolder, ec);
   if (ec)
@@ -116,8 +117,8 @@ CQiError CScanDbStore::WriteEntry(CScanDbConnection::EStatement eStatement,
   const std::string& strPath = record.GetPath();
   QI_RETURN_IF_ERROR(CScanDbRecord::ValidatePath(strPath));
   if (record.GetFileId().find('\0') != std::string::npos)
-    return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                          "The file id of [%s] holds a NUL byte", Shown(strPath).c_str());
+    return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "The file id of [%s] holds a NUL byte",
+                          Shown(strPath).c_str());
   std::string_view parent, name;
   CScanDbRecord::SplitPath(strPath, parent, name);
 
@@ -165,7 +166,8 @@ CQiError CScanDbStore::Remove(const std::string& strPath, bool bWithSubtree, uin
     if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
     sqlite3_reset(pStatement);
     if (rc != SQLITE_DONE)
-      return SCANDB_ERROR(pDb, rc, "Cannot remove [%s] from the scan database", Shown(path).c_str());
+      return SCANDB_ERROR(pDb, rc, "Cannot remove [%s] from the scan database",
+                          Shown(path).c_str());
     ullRemoved += static_cast<uint64_t>(sqlite3_changes64(pDb));
     if (!bWithSubtree) return CQiError();
 
@@ -227,31 +229,36 @@ CQiError CScanDbStore::Rename(const std::string& strOldPath, const std::string& 
     if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
     sqlite3_reset(pStatement);
     if ((rc & 0xff) == SQLITE_CONSTRAINT)
-      return QI_ERROR_ERRNO(EEXIST, "Cannot rename [%s] to [%s]: the target is already in the scan database",
-                            Shown(oldPath).c_str(), Shown(newPath).c_str());
+      return QI_ERROR_ERRNO(
+          EEXIST, "Cannot rename [%s] to [%s]: the target is already in the scan database",
+          Shown(oldPath).c_str(), Shown(newPath).c_str());
     if (rc != SQLITE_DONE)
       return SCANDB_ERROR(pDb, rc, "Cannot rename [%s] to [%s] in the scan database",
                           Shown(oldPath).c_str(), Shown(newPath).c_str());
     if (sqlite3_changes64(pDb) == 0)
-      return QI_ERROR_WIN32(QiErrorCode::NotFound, "Cannot rename [%s]: it is not in the scan database",
+      return QI_ERROR_WIN32(QiErrorCode::NotFound,
+                            "Cannot rename [%s]: it is not in the scan database",
                             Shown(oldPath).c_str());
     ullMoved = 1;
 
     // Every record below the old path: its parent's leading old path becomes the new path.
     QI_RETURN_IF_ERROR(m_pConnection->GetStatement(CScanDbConnection::kRenameSubtree, pStatement));
     rc = CScanDbConnection::BindBytes(pStatement, 1, newPath);
-    if (rc == SQLITE_OK) rc = sqlite3_bind_int64(pStatement, 2, static_cast<int64_t>(oldPath.size()) + 1);
+    if (rc == SQLITE_OK)
+      rc = sqlite3_bind_int64(pStatement, 2, static_cast<int64_t>(oldPath.size()) + 1);
     if (rc == SQLITE_OK) rc = CScanDbConnection::BindBytes(pStatement, 3, oldPath);
     if (rc == SQLITE_OK) rc = CScanDbConnection::BindBytes(pStatement, 4, strLow);
     if (rc == SQLITE_OK) rc = CScanDbConnection::BindBytes(pStatement, 5, strHigh);
     if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
     sqlite3_reset(pStatement);
     if ((rc & 0xff) == SQLITE_CONSTRAINT)
-      return QI_ERROR_ERRNO(EEXIST,
-                            "Cannot rename [%s] to [%s]: a path below the target is already in the scan database",
-                            Shown(oldPath).c_str(), Shown(newPath).c_str());
+      return QI_ERROR_ERRNO(
+          EEXIST,
+          "Cannot rename [%s] to [%s]: a path below the target is already in the scan database",
+          Shown(oldPath).c_str(), Shown(newPath).c_str());
     if (rc != SQLITE_DONE)
-      return SCANDB_ERROR(pDb, rc, "Cannot rename the records below [%s] to [%s] in the scan database",
+      return SCANDB_ERROR(pDb, rc,
+                          "Cannot rename the records below [%s] to [%s] in the scan database",
                           Shown(oldPath).c_str(), Shown(newPath).c_str());
     ullMoved += static_cast<uint64_t>(sqlite3_changes64(pDb));
     return CQiError();
@@ -301,7 +308,8 @@ CQiError CScanDbStore::LookupByFileId(const std::string& strFileId, CScanDbRecor
     return QI_ERROR_WIN32(QiErrorCode::NotFound, "The file id %s is not in the scan database",
                           Shown(strFileId).c_str());
   return SCANDB_ERROR(m_pConnection->GetHandle(), rc,
-                      "Cannot look up the file id %s in the scan database", Shown(strFileId).c_str());
+                      "Cannot look up the file id %s in the scan database",
+                      Shown(strFileId).c_str());
 }
 
 CQiError CScanDbStore::OpenFolderCursor(const std::string& strFolder, CScanDbFolderCursor& cursor) {
@@ -338,6 +346,23 @@ CQiError CScanDbStore::GetRecordCount(uint64_t& ullCount) {
   return CQiError();
 }
 
+CQiError CScanDbStore::Validate() {
+  QI_RETURN_IF_ERROR(CheckOpen());
+  std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
+  TScanDbStatementPtr pStatement;
+  QI_RETURN_IF_ERROR(m_pConnection->Prepare("PRAGMA quick_check(1)", pStatement));
+  int rc = sqlite3_step(pStatement.get());
+  if (rc != SQLITE_ROW)
+    return SCANDB_ERROR(m_pConnection->GetHandle(), rc, "Cannot validate the scan database in %s",
+                        Shown(m_strFolder).c_str());
+  const unsigned char* szResult = sqlite3_column_text(pStatement.get(), 0);
+  const std::string strResult = szResult ? reinterpret_cast<const char*>(szResult) : "";
+  if (strResult != "ok")
+    return QI_ERROR_WIN32(QiErrorCode::InvalidData, "The scan database in %s is damaged: %s",
+                          Shown(m_strFolder).c_str(), Shown(strResult).c_str());
+  return CQiError();
+}
+
 CQiError CScanDbStore::SetReferenceTime(uint64_t ullReferenceTime) {
   QI_RETURN_IF_ERROR(CheckOpen());
   std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
@@ -367,8 +392,7 @@ CQiError CScanDbStore::GetReferenceTime(uint64_t& ullReferenceTime) {
   sqlite3_reset(pStatement);
   if (rc == SQLITE_ROW) return CQiError();
   if (rc == SQLITE_DONE)
-    return QI_ERROR_WIN32(QiErrorCode::NotFound,
-                          "The scan database in %s has no reference time",
+    return QI_ERROR_WIN32(QiErrorCode::NotFound, "The scan database in %s has no reference time",
                           Shown(m_strFolder).c_str());
   return SCANDB_ERROR(m_pConnection->GetHandle(), rc,
                       "Cannot read the reference time of the scan database in %s",
@@ -380,7 +404,8 @@ CQiError CScanDbStore::BeginBulk() {
   std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
   if (m_pConnection->IsInBulk())
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                          "The scan database in %s is already in bulk mode", Shown(m_strFolder).c_str());
+                          "The scan database in %s is already in bulk mode",
+                          Shown(m_strFolder).c_str());
   QI_RETURN_IF_ERROR(m_pConnection->Exec("BEGIN IMMEDIATE"), "Cannot start bulk mode in %s",
                      Shown(m_strFolder).c_str());
   m_pConnection->SetInBulk(true);
@@ -392,7 +417,8 @@ CQiError CScanDbStore::EndBulk(bool bCommit) {
   std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
   if (!m_pConnection->IsInBulk())
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                          "The scan database in %s is not in bulk mode", Shown(m_strFolder).c_str());
+                          "The scan database in %s is not in bulk mode",
+                          Shown(m_strFolder).c_str());
   if (sqlite3_get_autocommit(m_pConnection->GetHandle()) != 0) {
     // SQLite ends a transaction by itself after some failures (disk full, I/O error).
     m_pConnection->SetInBulk(false);

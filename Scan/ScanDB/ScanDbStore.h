@@ -21,6 +21,7 @@
 //    Win32 1168 when absent.
 //  - ListFolder / OpenFolderCursor: the records whose parent is the folder, in name order,
 //    streamed row by row.
+//  - Validate: a full consistency check of the file (Win32 13 when damaged).
 //  - Reference time: a number kept in the database's meta table; Win32 1168 before it is set.
 //  - Bulk mode: BeginBulk opens one transaction that every later change joins until EndBulk
 //    commits it (or rolls it back). Outside bulk mode each change commits by itself. Close()
@@ -89,6 +90,9 @@ class CScanDbStore {
   CQiError OpenFolderCursor(const std::string& strFolder, CScanDbFolderCursor& cursor);
 
   CQiError GetRecordCount(uint64_t& ullCount);
+  // Checks the whole file for damage (SQLite's quick_check: every page, record and key order);
+  // Win32 13 with SQLite's first finding when it is damaged. Reads the whole database.
+  CQiError Validate();
 
   CQiError SetReferenceTime(uint64_t ullReferenceTime);
   CQiError GetReferenceTime(uint64_t& ullReferenceTime);

@@ -8,9 +8,10 @@
 
 namespace TMMsg {
 struct ACLCriteria {
-  std::string m_strName;        // user or group name
-  std::string m_strSid;         // user or group id ("1000")
-  std::string m_strPermission;  // "Read", "Write", "Modify", "Delete", "Execute", "FullControl", ...
-  bool m_bAllow = true;         // an allow criterion (true) or a deny criterion (false)
+  std::string m_strName;  // user or group name
+  std::string m_strSid;   // user or group id ("1000")
+  std::string
+      m_strPermission;   // "Read", "Write", "Modify", "Delete", "Execute", "FullControl", ...
+  bool m_bAllow = true;  // an allow criterion (true) or a deny criterion (false)
 };
 }  // namespace TMMsg

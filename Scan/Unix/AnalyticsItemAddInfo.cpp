@@ -15,7 +15,9 @@ CAnalyticsItemAddInfo::CAnalyticsItemAddInfo(std::string strPrevPermissions,
 
 CAnalyticsItemAddInfo::~CAnalyticsItemAddInfo() = default;
 
-const std::string& CAnalyticsItemAddInfo::GetPrevPermissions() const { return m_strPrevPermissions; }
+const std::string& CAnalyticsItemAddInfo::GetPrevPermissions() const {
+  return m_strPrevPermissions;
+}
 
 const std::string& CAnalyticsItemAddInfo::GetPrevOwner() const { return m_strPrevOwner; }
 

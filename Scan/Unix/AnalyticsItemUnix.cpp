@@ -23,7 +23,8 @@ CQiError CAnalyticsItemUnix::AttachTo(const CItemPtr& pItem, CAnalyticsItemUnix*
 }
 
 const std::string& CAnalyticsItemUnix::GetOwnerName() {
-  return m_pSecurityInfo ? m_pSecurityInfo->GetOwnerName() : CAnalyticsItemInterface::GetOwnerName();
+  return m_pSecurityInfo ? m_pSecurityInfo->GetOwnerName()
+                         : CAnalyticsItemInterface::GetOwnerName();
 }
 
 const std::string& CAnalyticsItemUnix::GetOwnerSid() {

@@ -52,13 +52,27 @@ void CAnalyticsJson::AppendString(std::string& strOut, std::string_view text) {
       continue;
     }
     switch (c) {
-      case '"': strOut += "\\\""; break;
-      case '\\': strOut += "\\\\"; break;
-      case '\b': strOut += "\\b"; break;
-      case '\f': strOut += "\\f"; break;
-      case '\n': strOut += "\\n"; break;
-      case '\r': strOut += "\\r"; break;
-      case '\t': strOut += "\\t"; break;
+      case '"':
+        strOut += "\\\"";
+        break;
+      case '\\':
+        strOut += "\\\\";
+        break;
+      case '\b':
+        strOut += "\\b";
+        break;
+      case '\f':
+        strOut += "\\f";
+        break;
+      case '\n':
+        strOut += "\\n";
+        break;
+      case '\r':
+        strOut += "\\r";
+        break;
+      case '\t':
+        strOut += "\\t";
+        break;
       default:
         if (c < 0x20)
           AppendEscapedByte(strOut, c);

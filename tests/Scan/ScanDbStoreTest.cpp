@@ -152,8 +152,7 @@ TEST_P(ScanDbRecordTest, AddLookupUpdateRemove) {
 INSTANTIATE_TEST_SUITE_P(
     Paths, ScanDbRecordTest,
     ::testing::Values(SPathRow{"Plain", "/mnt/vol/a.txt", "/mnt/vol", "a.txt"},
-                      SPathRow{"InRoot", "/a", "/", "a"},
-                      SPathRow{"Root", "/", "", "/"},
+                      SPathRow{"InRoot", "/a", "/", "a"}, SPathRow{"Root", "/", "", "/"},
                       SPathRow{"TrailingSlash", "/mnt/dir//", "/mnt", "dir"},
                       SPathRow{"Newline", "/mnt/line\nbreak", "/mnt", "line\nbreak"},
                       SPathRow{"NotUtf8", "/mnt/\xff\xfe/x\x80", "/mnt/\xff\xfe", "x\x80"},
@@ -167,7 +166,8 @@ struct SBadPathRow {
   const char* reason;
 };
 
-class ScanDbBadPathTest : public ScanDbStoreTest, public ::testing::WithParamInterface<SBadPathRow> {};
+class ScanDbBadPathTest : public ScanDbStoreTest,
+                          public ::testing::WithParamInterface<SBadPathRow> {};
 
 TEST_P(ScanDbBadPathTest, EveryOperationRefusesIt) {
   const SBadPathRow& row = GetParam();
@@ -199,8 +199,8 @@ INSTANTIATE_TEST_SUITE_P(
 // --- Folder listing ----------------------------------------------------------------------------
 
 TEST_F(ScanDbStoreTest, ListsAFolderInByteOrderOfNames) {
-  const std::vector<std::string> names = {"b", "a", "a\nb", "\xff\xfe", "A", "a b", "\xc3\xa4",
-                                          ".hidden", "a\x01", "z"};
+  const std::vector<std::string> names = {"b",   "a",        "a\nb",    "\xff\xfe", "A",
+                                          "a b", "\xc3\xa4", ".hidden", "a\x01",    "z"};
   AddAll({Folder("/v"), Folder("/v/sub"), File("/v/sub/inner"), File("/w"), File("/vv")});
   for (const std::string& name : names) AddAll({File("/v/" + name)});
 
@@ -241,9 +241,9 @@ TEST_F(ScanDbStoreTest, ListingCallbackErrorStopsTheListing) {
 
 // A tree with siblings whose names share the folder's name as a prefix ("/a/bc", "/a/b.d",
 // "/a/b!x"): byte order puts their children just around the subtree of "/a/b".
-const std::set<std::string> kTree = {
-    "/a", "/a/b", "/a/b/c", "/a/b/c/d", "/a/b/f", "/a/bc", "/a/bc/e", "/a/b.d", "/a/b.d/g",
-    "/a/b!x", "/a/b!x/h", "/a/\xff", "/a/\xff/\n"};
+const std::set<std::string> kTree = {"/a",       "/a/b",    "/a/b/c",    "/a/b/c/d", "/a/b/f",
+                                     "/a/bc",    "/a/bc/e", "/a/b.d",    "/a/b.d/g", "/a/b!x",
+                                     "/a/b!x/h", "/a/\xff", "/a/\xff/\n"};
 
 struct SRenameRow {
   const char* name;
@@ -255,7 +255,8 @@ struct SRenameRow {
   std::set<std::string> extra;  // records added to kTree before the rename
 };
 
-class ScanDbRenameTest : public ScanDbStoreTest, public ::testing::WithParamInterface<SRenameRow> {};
+class ScanDbRenameTest : public ScanDbStoreTest,
+                         public ::testing::WithParamInterface<SRenameRow> {};
 
 TEST_P(ScanDbRenameTest, MovesTheSubtreeOrNothing) {
   const SRenameRow& row = GetParam();
@@ -306,7 +307,8 @@ struct SRemoveRow {
   std::set<std::string> gone;
 };
 
-class ScanDbRemoveTest : public ScanDbStoreTest, public ::testing::WithParamInterface<SRemoveRow> {};
+class ScanDbRemoveTest : public ScanDbStoreTest,
+                         public ::testing::WithParamInterface<SRemoveRow> {};
 
 TEST_P(ScanDbRemoveTest, RemovesTheEntryOrItsSubtree) {
   const SRemoveRow& row = GetParam();
@@ -327,10 +329,11 @@ TEST_P(ScanDbRemoveTest, RemovesTheEntryOrItsSubtree) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, ScanDbRemoveTest,
-    ::testing::Values(SRemoveRow{"Subtree", "/a/b", true, 4, {"/a/b", "/a/b/c", "/a/b/c/d", "/a/b/f"}},
-                      SRemoveRow{"EntryOnly", "/a/b", false, 1, {"/a/b"}},
-                      SRemoveRow{"Missing", "/a/none", true, 0, {}},
-                      SRemoveRow{"Everything", "/", true, kTree.size(), kTree}),
+    ::testing::Values(
+        SRemoveRow{"Subtree", "/a/b", true, 4, {"/a/b", "/a/b/c", "/a/b/c/d", "/a/b/f"}},
+        SRemoveRow{"EntryOnly", "/a/b", false, 1, {"/a/b"}},
+        SRemoveRow{"Missing", "/a/none", true, 0, {}},
+        SRemoveRow{"Everything", "/", true, kTree.size(), kTree}),
     [](const auto& info) { return info.param.name; });
 
 // --- File identifiers --------------------------------------------------------------------------
@@ -415,9 +418,11 @@ TEST_F(ScanDbStoreTest, CommittedChangesSurviveAnUncleanStop) {
   if (pid == 0) {
     // The child commits, starts a bulk it never ends, and dies without closing anything.
     CScanDbStore* pStore = new CScanDbStore();
-    bool ok = pStore->Open(m_strFolder).IsSuccess() && pStore->SetReferenceTime(1700000000).IsSuccess() &&
+    bool ok = pStore->Open(m_strFolder).IsSuccess() &&
+              pStore->SetReferenceTime(1700000000).IsSuccess() &&
               pStore->Add(Folder("/kept")).IsSuccess();
-    for (int i = 0; ok && i < 2000; ++i) ok = pStore->Add(File("/kept/" + std::to_string(i))).IsSuccess();
+    for (int i = 0; ok && i < 2000; ++i)
+      ok = pStore->Add(File("/kept/" + std::to_string(i))).IsSuccess();
     ok = ok && pStore->Rename("/kept", "/kept-renamed").IsSuccess();
     ok = ok && pStore->BeginBulk().IsSuccess() && pStore->Add(File("/uncommitted")).IsSuccess();
     _exit(ok ? 0 : 1);
@@ -481,6 +486,7 @@ TEST_F(ScanDbStoreTest, JobCycleCopiesAndReplacesTheKinds) {
   uint64_t referenceTime = 0;
   ASSERT_TRUE(check.GetReferenceTime(referenceTime).IsSuccess());
   EXPECT_EQ(referenceTime, 102u);
+  EXPECT_TRUE(check.Validate().IsSuccess());
   ASSERT_TRUE(check.Close().IsSuccess());
   ASSERT_TRUE(check.Open(full).IsSuccess());
   EXPECT_EQ(ListNames(check, "/f"), (std::vector<std::string>{"full-only"}));
@@ -503,7 +509,14 @@ TEST_F(ScanDbStoreTest, JobCycleCopiesAndReplacesTheKinds) {
 
 // --- Open failures -----------------------------------------------------------------------------
 
-enum class EOpenCase { kUnderAFile, kNobodyCannotCreate, kNobodyCannotWrite, kGarbage, kOtherDatabase, kEmptyName };
+enum class EOpenCase {
+  kUnderAFile,
+  kNobodyCannotCreate,
+  kNobodyCannotWrite,
+  kGarbage,
+  kOtherDatabase,
+  kEmptyName
+};
 
 struct SOpenRow {
   const char* name;
@@ -557,7 +570,8 @@ TEST_P(ScanDbOpenTest, FailsWithAClearError) {
       std::string cmd = "sqlite3 '" + tree.Path("other.sqlite") + "' 'CREATE TABLE t(x);'";
       ASSERT_EQ(system(cmd.c_str()), 0);
       tree.MakeDir("db");
-      ASSERT_EQ(rename(tree.Path("other.sqlite").c_str(), tree.Path("db/ScanDb.sqlite").c_str()), 0);
+      ASSERT_EQ(rename(tree.Path("other.sqlite").c_str(), tree.Path("db/ScanDb.sqlite").c_str()),
+                0);
       break;
     }
     case EOpenCase::kEmptyName:
@@ -577,13 +591,18 @@ TEST_P(ScanDbOpenTest, FailsWithAClearError) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, ScanDbOpenTest,
-    ::testing::Values(
-        SOpenRow{"FolderUnderAFile", EOpenCase::kUnderAFile, false, ENOTDIR, "Cannot create the scan database folder"},
-        SOpenRow{"NobodyCannotCreate", EOpenCase::kNobodyCannotCreate, false, EACCES, "Cannot create the scan database folder"},
-        SOpenRow{"NobodyCannotWrite", EOpenCase::kNobodyCannotWrite, false, EACCES, "cannot be written"},
-        SOpenRow{"Garbage", EOpenCase::kGarbage, true, QiErrorCode::InvalidData, "file is not a database"},
-        SOpenRow{"OtherDatabase", EOpenCase::kOtherDatabase, true, QiErrorCode::InvalidData, "but not a scan database"},
-        SOpenRow{"EmptyName", EOpenCase::kEmptyName, true, QiErrorCode::InvalidParameter, "folder is empty"}),
+    ::testing::Values(SOpenRow{"FolderUnderAFile", EOpenCase::kUnderAFile, false, ENOTDIR,
+                               "Cannot create the scan database folder"},
+                      SOpenRow{"NobodyCannotCreate", EOpenCase::kNobodyCannotCreate, false, EACCES,
+                               "Cannot create the scan database folder"},
+                      SOpenRow{"NobodyCannotWrite", EOpenCase::kNobodyCannotWrite, false, EACCES,
+                               "cannot be written"},
+                      SOpenRow{"Garbage", EOpenCase::kGarbage, true, QiErrorCode::InvalidData,
+                               "file is not a database"},
+                      SOpenRow{"OtherDatabase", EOpenCase::kOtherDatabase, true,
+                               QiErrorCode::InvalidData, "but not a scan database"},
+                      SOpenRow{"EmptyName", EOpenCase::kEmptyName, true,
+                               QiErrorCode::InvalidParameter, "folder is empty"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(ScanDbStoreTest, DamagedPagesAreInvalidData) {
@@ -599,12 +618,14 @@ TEST_F(ScanDbStoreTest, DamagedPagesAreInvalidData) {
     out << std::string(static_cast<size_t>(st.st_size) - 8192, '\x5a');
   }
   CQiError err = m_store.Open(m_strFolder);
-  if (err.IsSuccess()) {
-    CScanDbRecord record;
-    err = m_store.Lookup("/d/1", record);
-  }
+  ASSERT_TRUE(err.IsSuccess()) << err.AsString();  // the header page is intact
+  err = m_store.Validate();
   EXPECT_TRUE(err.IsWin32(QiErrorCode::InvalidData)) << err.AsString();
-  EXPECT_NE(err.AsString().find("SQLite: "), std::string::npos);
+  CScanDbRecord record;
+  err = m_store.Lookup("/d/1", record);
+  EXPECT_TRUE(err.IsWin32(QiErrorCode::InvalidData)) << err.AsString();
+  EXPECT_NE(err.AsString().find("SQLite: database disk image is malformed"), std::string::npos)
+      << err.AsString();
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // Unix security and analytics attributes: the owner and permission summary of real files
 // (chmod/chown as root), unknown users and groups, the level-7 line, the Enable/Process rules,
 // attaching to items, and the JSON renderings.
-#include <gtest/gtest.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,8 +33,8 @@ CItemPtr MakeItem(CTempTree& tree, const std::string& name, mode_t mode, uid_t u
   if (chown(path.c_str(), uid, gid) != 0 || chmod(path.c_str(), mode) != 0) return nullptr;
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return nullptr;
-  return std::make_shared<CFindFirstItem>(nullptr, path,
-                                          FXFile::CFileData(path, FXFile::CFileData::kModeFullPath, &st));
+  return std::make_shared<CFindFirstItem>(
+      nullptr, path, FXFile::CFileData(path, FXFile::CFileData::kModeFullPath, &st));
 }
 
 // Replaces {U} {u} {G} {g} in the expected values by the owner and group names and ids.
@@ -42,8 +42,10 @@ TMap Expand(const TMap& pattern, const std::string& U, const std::string& u, con
             const std::string& g) {
   TMap out;
   for (auto [key, value] : pattern) {
-    for (auto [from, to] : {std::pair<std::string, std::string>{"{U}", U}, {"{u}", u}, {"{G}", G}, {"{g}", g}})
-      for (size_t pos; (pos = value.find(from)) != std::string::npos;) value.replace(pos, from.size(), to);
+    for (auto [from, to] :
+         {std::pair<std::string, std::string>{"{U}", U}, {"{u}", u}, {"{G}", G}, {"{g}", g}})
+      for (size_t pos; (pos = value.find(from)) != std::string::npos;)
+        value.replace(pos, from.size(), to);
     out[key] = value;
   }
   return out;
@@ -82,44 +84,82 @@ TEST_P(UnixPermissionTest, SummarisesOwnerAndGroupBits) {
   EXPECT_EQ(pAnalytics->GetSecurityInfoMap(), Expand(row.expected, U, u, G, g));
 }
 
-const TMap kOwnerAll = {{"AllowListUsername", "{U},"},    {"ReadAccessUserName", "{U},"},
-                        {"AllowListSID", "{u},"},         {"ReadAccessSID", "{u},"},
-                        {"AllowModifyUsername", "{U},"},  {"AllowWriteUsername", "{U},"},
-                        {"AllowDeleteUsername", "{U},"},  {"AllowModifySID", "{u},"},
-                        {"AllowWriteSID", "{u},"},        {"AllowDeleteSID", "{u},"},
-                        {"AllowExecuteUsername", "{U},"}, {"AllowExecuteSID", "{u},"},
-                        {"AllowFullControlUsername", "{U},"}, {"AllowFullControlSID", "{u},"}};
-const TMap kGroupAll = {{"AllowListUsername", "{G},"},    {"ReadAccessUserName", "{G},"},
-                        {"AllowListSID", "{g},"},         {"ReadAccessSID", "{g},"},
-                        {"AllowModifyUsername", "{G},"},  {"AllowWriteUsername", "{G},"},
-                        {"AllowDeleteUsername", "{G},"},  {"AllowModifySID", "{g},"},
-                        {"AllowWriteSID", "{g},"},        {"AllowDeleteSID", "{g},"},
-                        {"AllowExecuteUsername", "{G},"}, {"AllowExecuteSID", "{g},"},
-                        {"AllowFullControlUsername", "{G},"}, {"AllowFullControlSID", "{g},"}};
+const TMap kOwnerAll = {{"AllowListUsername", "{U},"},
+                        {"ReadAccessUserName", "{U},"},
+                        {"AllowListSID", "{u},"},
+                        {"ReadAccessSID", "{u},"},
+                        {"AllowModifyUsername", "{U},"},
+                        {"AllowWriteUsername", "{U},"},
+                        {"AllowDeleteUsername", "{U},"},
+                        {"AllowModifySID", "{u},"},
+                        {"AllowWriteSID", "{u},"},
+                        {"AllowDeleteSID", "{u},"},
+                        {"AllowExecuteUsername", "{U},"},
+                        {"AllowExecuteSID", "{u},"},
+                        {"AllowFullControlUsername", "{U},"},
+                        {"AllowFullControlSID", "{u},"}};
+const TMap kGroupAll = {{"AllowListUsername", "{G},"},
+                        {"ReadAccessUserName", "{G},"},
+                        {"AllowListSID", "{g},"},
+                        {"ReadAccessSID", "{g},"},
+                        {"AllowModifyUsername", "{G},"},
+                        {"AllowWriteUsername", "{G},"},
+                        {"AllowDeleteUsername", "{G},"},
+                        {"AllowModifySID", "{g},"},
+                        {"AllowWriteSID", "{g},"},
+                        {"AllowDeleteSID", "{g},"},
+                        {"AllowExecuteUsername", "{G},"},
+                        {"AllowExecuteSID", "{g},"},
+                        {"AllowFullControlUsername", "{G},"},
+                        {"AllowFullControlSID", "{g},"}};
 
 INSTANTIATE_TEST_SUITE_P(
     Modes, UnixPermissionTest,
     ::testing::Values(
         // 0750 alice/staff in miniature: daemon (1) and staff (50).
-        SModeRow{"Mode0750", 0750, 1, 50,
-                 {{"AllowListUsername", "{U},{G},"}, {"ReadAccessUserName", "{U},{G},"},
-                  {"AllowListSID", "{u},{g},"}, {"ReadAccessSID", "{u},{g},"},
-                  {"AllowModifyUsername", "{U},"}, {"AllowWriteUsername", "{U},"},
-                  {"AllowDeleteUsername", "{U},"}, {"AllowModifySID", "{u},"},
-                  {"AllowWriteSID", "{u},"}, {"AllowDeleteSID", "{u},"},
-                  {"AllowExecuteUsername", "{U},{G},"}, {"AllowExecuteSID", "{u},{g},"},
-                  {"AllowFullControlUsername", "{U},"}, {"AllowFullControlSID", "{u},"}}},
+        SModeRow{"Mode0750",
+                 0750,
+                 1,
+                 50,
+                 {{"AllowListUsername", "{U},{G},"},
+                  {"ReadAccessUserName", "{U},{G},"},
+                  {"AllowListSID", "{u},{g},"},
+                  {"ReadAccessSID", "{u},{g},"},
+                  {"AllowModifyUsername", "{U},"},
+                  {"AllowWriteUsername", "{U},"},
+                  {"AllowDeleteUsername", "{U},"},
+                  {"AllowModifySID", "{u},"},
+                  {"AllowWriteSID", "{u},"},
+                  {"AllowDeleteSID", "{u},"},
+                  {"AllowExecuteUsername", "{U},{G},"},
+                  {"AllowExecuteSID", "{u},{g},"},
+                  {"AllowFullControlUsername", "{U},"},
+                  {"AllowFullControlSID", "{u},"}}},
         SModeRow{"Mode0700", 0700, 1, 50, kOwnerAll},
         SModeRow{"Mode4700SetUidIgnored", 04700, 1, 50, kOwnerAll},
         SModeRow{"Mode0077GroupOnlyOthersIgnored", 0077, 1, 50, kGroupAll},
-        SModeRow{"Mode0440ReadOnly", 0440, 0, 50,
-                 {{"AllowListUsername", "{U},{G},"}, {"ReadAccessUserName", "{U},{G},"},
-                  {"AllowListSID", "{u},{g},"}, {"ReadAccessSID", "{u},{g},"}}},
-        SModeRow{"Mode0220WriteOnly", 0220, 0, 0,
-                 {{"AllowModifyUsername", "{U},{G},"}, {"AllowWriteUsername", "{U},{G},"},
-                  {"AllowDeleteUsername", "{U},{G},"}, {"AllowModifySID", "{u},{g},"},
-                  {"AllowWriteSID", "{u},{g},"}, {"AllowDeleteSID", "{u},{g},"}}},
-        SModeRow{"Mode0110ExecuteOnly", 0110, 0, 0,
+        SModeRow{"Mode0440ReadOnly",
+                 0440,
+                 0,
+                 50,
+                 {{"AllowListUsername", "{U},{G},"},
+                  {"ReadAccessUserName", "{U},{G},"},
+                  {"AllowListSID", "{u},{g},"},
+                  {"ReadAccessSID", "{u},{g},"}}},
+        SModeRow{"Mode0220WriteOnly",
+                 0220,
+                 0,
+                 0,
+                 {{"AllowModifyUsername", "{U},{G},"},
+                  {"AllowWriteUsername", "{U},{G},"},
+                  {"AllowDeleteUsername", "{U},{G},"},
+                  {"AllowModifySID", "{u},{g},"},
+                  {"AllowWriteSID", "{u},{g},"},
+                  {"AllowDeleteSID", "{u},{g},"}}},
+        SModeRow{"Mode0110ExecuteOnly",
+                 0110,
+                 0,
+                 0,
                  {{"AllowExecuteUsername", "{U},{G},"}, {"AllowExecuteSID", "{u},{g},"}}},
         SModeRow{"Mode0007NothingForOthers", 0007, 0, 0, {}},
         SModeRow{"UnknownOwnerAndGroup", 0700, kNoSuchUser, kNoSuchGroup, kOwnerAll}),
@@ -222,9 +262,13 @@ TEST(UnixSecurityTest, AttachedAtIdZeroAndDestroyedWithTheItem) {
 
   int destroyed = 0;
   CItemPtr pOther = MakeItem(tree, "g", 0600, 0, 0);
-  ASSERT_TRUE(pOther->AddInterface(CAnalyticsItemInterface::kInterfaceId,
-                                   new CProbeAnalytics(pOther, &destroyed)).IsSuccess());
-  ASSERT_TRUE(CAnalyticsItemInterface::FromItem(*pOther)->EnableSecurityInfoProcessing(true, true).IsSuccess());
+  ASSERT_TRUE(pOther
+                  ->AddInterface(CAnalyticsItemInterface::kInterfaceId,
+                                 new CProbeAnalytics(pOther, &destroyed))
+                  .IsSuccess());
+  ASSERT_TRUE(CAnalyticsItemInterface::FromItem(*pOther)
+                  ->EnableSecurityInfoProcessing(true, true)
+                  .IsSuccess());
   ASSERT_TRUE(CAnalyticsItemInterface::FromItem(*pOther)->Process().IsSuccess());
   EXPECT_EQ(destroyed, 0);
   pOther.reset();
@@ -241,8 +285,11 @@ TEST(UnixSecurityTest, JsonRenderings) {
   EXPECT_EQ(analytics.GetSecurityInfoMap2AsJsonString(),
             "{\"AllowExecuteSID\":\"0,\",\"AllowExecuteUsername\":\"root,\"}");
 
-  CAnalyticsItemAddInfo addInfo("rwxr-x---", "al\"ice\n", "job\xff" "user", "",
-                                {{"staff", "50", "Read", true}, {"\xc3\xa4t", "7", "Write", false}});
+  CAnalyticsItemAddInfo addInfo(
+      "rwxr-x---", "al\"ice\n",
+      "job\xff"
+      "user",
+      "", {{"staff", "50", "Read", true}, {"\xc3\xa4t", "7", "Write", false}});
   EXPECT_EQ(addInfo.GetACLCriteriaAsJSONString(),
             "[{\"Name\":\"staff\",\"SID\":\"50\",\"Permission\":\"Read\",\"Allow\":true},"
             "{\"Name\":\"\xc3\xa4t\",\"SID\":\"7\",\"Permission\":\"Write\",\"Allow\":false}]");
