@@ -44,9 +44,9 @@ struct CScanTraverseFolder::SListing {
   std::string strPattern;  // the folder with a trailing delimiter (a folder named "*" stays one)
   CItemPtr pFolderItem;
   CItemPtr pLastProcessed;  // where a restarted listing resumes
-  uint64_t ullReparsePoints = 0;
+  // The folder's reparse points, dispatched once all its other entries have been.
+  std::vector<CItemPtr> lstReparsePoints;
   int iRetries = 0;
-  bool bListingFailed = false;  // the listing broke off; the rest of the folder is skipped
 };
 
 CScanTraverseFolder::CScanTraverseFolder()
@@ -341,8 +341,10 @@ CQiError CScanTraverseFolder::TraverseFolder(const CScanFoldersToTraverse& entry
   CAutoTimeCounter timer(counters[EScanPerfCounterType::TIME_TRAVERSE_FOLDER]);
   const std::string& strInput = entry.GetInputFolder();
   const std::string& strOutput = entry.GetOutputFolder();
-  SListing listing{entry, enumerator, counters, bFirstFolder, strInput, std::string(), {}, {}};
+  SListing listing{entry, enumerator, counters, bFirstFolder, strInput, std::string(), {}, {}, {}, 0};
 
+  // The queuing hooks (OnTraverseFolder, OnTraverseReparsePoint) are not called again for an
+  // entry taken from the queue: in their base form they queue, so the entry would come back.
   if (entry.IsReparsePointEntry()) {
     // The folder behind the reparse point is what gets listed; without one there is nothing.
     if (entry.GetEndSubstituteName().empty()) {
@@ -391,19 +393,23 @@ CQiError CScanTraverseFolder::TraverseFolder(const CScanFoldersToTraverse& entry
   }
 
   listing.strPattern = FXPath::AddTrailingDelimiter(listing.strFolder);
-  QI_RETURN_IF_ERROR(ListFolder(listing, false));
-  // Reparse points come after every other entry of their folder: a second listing for them.
-  if (listing.ullReparsePoints != 0 && !listing.bListingFailed) {
-    listing.pLastProcessed.reset();
-    listing.iRetries = 0;
-    QI_RETURN_IF_ERROR(ListFolder(listing, true));
+  QI_RETURN_IF_ERROR(ListFolder(listing));
+  // Reparse points come after every other entry of their folder. They were kept aside during
+  // the listing: the order of a second listing that passes only them, without listing (and
+  // describing every entry of) the folder twice.
+  for (CItemPtr& pItem : listing.lstReparsePoints) {
+    if (IsAborted()) return AbortedError(listing);
+    CQiError itemError = ProcessItem(listing.strFolder, strOutput, pItem);
+    if (itemError.IsError() && failOnConsumerError(itemError))
+      return QI_PUSH(itemError, "Failed to report failed item.");
+    pItem.reset();
   }
   return CQiError();
 }
 
-CQiError CScanTraverseFolder::ListFolder(SListing& listing, bool bReparsePass) {
+CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
   const std::string& strOutput = listing.entry.GetOutputFolder();
-  if (!bReparsePass && ZRLOG_ON(6))
+  if (ZRLOG_ON(6))
     ZRLOG(6, "FindFirst, SearchPath=%s", Esc(listing.strFolder).c_str());
   CItemPtr pItem;
   CQiError error;
@@ -411,7 +417,7 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing, bool bReparsePass) {
     CAutoTimeCounter timer(listing.counters[EScanPerfCounterType::TIME_FINDFIRST]);
     error = listing.enumerator.FindFirst(listing.strPattern, listing.pFolderItem, pItem);
   }
-  if (error.IsError() && !pItem && !error.IsWin32(QiErrorCode::NoMoreFiles) && !bReparsePass) {
+  if (error.IsError() && !pItem && !error.IsWin32(QiErrorCode::NoMoreFiles)) {
     if (listing.bFirstFolder) {
       CQiError reportError = OnFailedContent(listing.strFolder, strOutput, false, error);
       if (reportError.IsError())
@@ -427,7 +433,6 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing, bool bReparsePass) {
       if (reportError.IsError())
         ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(listing.strFolder).c_str(),
               reportError.AsString().c_str());
-      listing.bListingFailed = true;
       return CQiError();
     }
   }
@@ -459,7 +464,7 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing, bool bReparsePass) {
     if (bSkipping) {
       bSkipping = !(pItem && pItem->GetItemName() == listing.pLastProcessed->GetItemName());
     } else {
-      QI_RETURN_IF_ERROR(ProcessEntry(listing, error, pItem, bReparsePass));
+      QI_RETURN_IF_ERROR(ProcessEntry(listing, error, pItem));
     }
     pItem.reset();
     CAutoTimeCounter timer(listing.counters[EScanPerfCounterType::TIME_FINDNEXT]);
@@ -468,10 +473,10 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing, bool bReparsePass) {
 }
 
 CQiError CScanTraverseFolder::ProcessEntry(SListing& listing, CQiError& entryError,
-                                           CItemPtr& pItem, bool bReparsePass) {
+                                           CItemPtr& pItem) {
   if (entryError.IsError()) {
-    // The entry was listed but its status could not be read; reported once, in the first pass.
-    if (bReparsePass || IsSilentEntryError(entryError)) return CQiError();
+    // The entry was listed but its status could not be read.
+    if (IsSilentEntryError(entryError)) return CQiError();
     const std::string& strLocal = pItem->GetLocalFullyQualifiedItemName();
     if (ZRLOG_ON(0))
       ZRLOG(0, "Stat failure. Adding %s to failed file and continue. Error [%s]",
@@ -484,19 +489,18 @@ CQiError CScanTraverseFolder::ProcessEntry(SListing& listing, CQiError& entryErr
     return CQiError();
   }
   if (!pItem) return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid directory entry");
-  if (pItem->IsReparsePoint() != bReparsePass) {
-    if (!bReparsePass) ++listing.ullReparsePoints;
-    return CQiError();
+  if (pItem->IsReparsePoint()) {
+    listing.lstReparsePoints.push_back(pItem);
+  } else {
+    CQiError error = ProcessItem(listing.strFolder, listing.entry.GetOutputFolder(), pItem);
+    if (error.IsError() && failOnConsumerError(error))
+      return QI_PUSH(error, "Failed to report failed item.");
   }
-  CQiError error = ProcessItem(listing.strFolder, listing.entry.GetOutputFolder(), pItem);
-  if (error.IsError() && failOnConsumerError(error))
-    return QI_PUSH(error, "Failed to report failed item.");
   listing.pLastProcessed = std::move(pItem);
   return CQiError();
 }
 
 CQiError CScanTraverseFolder::OnListingError(SListing& listing, const CQiError& error) {
-  listing.bListingFailed = true;
   if (ZRLOG_ON(0))
     ZRLOG(0, "Error: %s for [%s]", error.AsString().c_str(), Esc(listing.strFolder).c_str());
   CQiError reportError =

@@ -8,7 +8,7 @@
 // built into an item by the enumerator and dispatched by kind (ProcessItem) to OnFolder, OnFile,
 // OnReparsePointFolder or OnReparsePointFile. The base OnFolder queues the folder, so by default
 // everything below the content paths is walked. Reparse points of a folder are dispatched after
-// all its other entries (the folder is listed a second time for them).
+// all its other entries (kept aside while the folder is listed).
 //
 // Failures: errors on the first folder listed end the traversal; later ones are reported through
 // OnFailedContent and the walk goes on. Entries that vanished (errno 2) or cannot be described
@@ -124,9 +124,8 @@ class CScanTraverseFolder {
   CQiError TraverseWithWorkers();
   // Stops every worker (waiting for them or not); with bCollectErrors, gathers their errors.
   CQiError StopWorkers(bool bWait, bool bCollectErrors);
-  CQiError ListFolder(SListing& listing, bool bReparsePass);
-  CQiError ProcessEntry(SListing& listing, CQiError& entryError, CItemPtr& pItem,
-                        bool bReparsePass);
+  CQiError ListFolder(SListing& listing);
+  CQiError ProcessEntry(SListing& listing, CQiError& entryError, CItemPtr& pItem);
   CQiError OnListingError(SListing& listing, const CQiError& error);
   CQiError AbortedError(const SListing& listing) const;
 
