@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -330,6 +331,40 @@ TEST_F(ScanDatabaseTest, RecordsKeepTheirIds) {
   EXPECT_EQ(3, pStored->GetFileSize());
   EXPECT_EQ("b", pStored->GetFileName());
   EXPECT_EQ(pMoved->GetMetadata(), pStored->GetMetadata());
+}
+
+// Metadata comes back exactly as it was given, whether or not it is the text of the record's
+// own fields (the store keeps only the latter in a compact form).
+TEST_F(ScanDatabaseTest, MetadataComesBackAsGiven) {
+  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
+  ASSERT_TRUE(pDb->AddFolder("/r", MakeRecord(0)).IsSuccess());
+  const std::vector<std::function<void(CDatabaseItem&)>> cases = {
+      [](CDatabaseItem& r) { ASSERT_TRUE(r.FormMetadata().IsSuccess()); },
+      [](CDatabaseItem& r) { r.SetMetadata(""); },
+      [](CDatabaseItem& r) { r.SetMetadata("not xml at all \x01\xff"); },
+      [](CDatabaseItem& r) {  // formed, then a field changed: the text no longer matches
+        ASSERT_TRUE(r.FormMetadata().IsSuccess());
+        r.SetLinks(9);
+      },
+      [](CDatabaseItem& r) {
+        r.SetAttributes(-1);
+        r.SetFileSizeOnDisk(INT64_MIN);
+        r.SetCreationTime(INT64_MAX);
+        ASSERT_TRUE(r.FormMetadata().IsSuccess());
+      },
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    const std::string strPath = "/r/f" + std::to_string(i);
+    CDatabaseItemPtr pRecord = MakeRecord(static_cast<int64_t>(i)), pStored, pMoved;
+    cases[i](*pRecord);
+    ASSERT_TRUE(pDb->AddFile(strPath, pRecord).IsSuccess());
+    ASSERT_TRUE(pDb->QueryItem(strPath, pStored).IsSuccess());
+    EXPECT_EQ(pRecord->GetMetadata(), pStored->GetMetadata()) << i;
+    EXPECT_EQ(pRecord->GetLinks(), pStored->GetLinks()) << i;
+    ASSERT_TRUE(pDb->RenameFile(strPath, strPath + "m", nullptr, pRecord).IsSuccess());
+    ASSERT_TRUE(pDb->QueryItem(strPath + "m", pMoved).IsSuccess());
+    EXPECT_EQ(pRecord->GetMetadata(), pMoved->GetMetadata()) << i;
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <cstring>
 #include <climits>
 #include <filesystem>
 #include <string_view>
@@ -30,9 +32,38 @@ constexpr int kBusyTimeoutMs = 10000;
 // pages (fewer page splits, fewer writes).
 constexpr int kPageSize = 16384;
 
-std::string Quote(const std::string& strPath) { return FXString::EscapeControl(strPath); }
+std::string Quote(std::string_view path) { return FXString::EscapeControl(path); }
 
-// Binds the parameters of kInsert and kReplace.
+// The text FormMetadata gives for these values. A record whose metadata is exactly this text is
+// stored with NULL metadata and gets the text back when read: a third of the row, written twice
+// in WAL mode, saved. Any other text (formed from other values, written by the caller, empty) is
+// stored as it is, so a difference from the XML layer's output costs space, never correctness.
+// (std::to_chars rather than snprintf: this runs for every row stored and read.)
+constexpr size_t kCanonicalMetadataSize = 192;
+std::string_view CanonicalMetadata(const FSDB::CDatabaseItem& item, char* pszBuffer,
+                                   size_t uSize) {
+  char* p = pszBuffer;
+  char* const pEnd = pszBuffer + uSize;
+  auto text = [&p](std::string_view part) {
+    std::memcpy(p, part.data(), part.size());
+    p += part.size();
+  };
+  auto number = [&p, pEnd](long long llValue) { p = std::to_chars(p, pEnd, llValue).ptr; };
+  // At most 107 fixed bytes and four numbers of at most 20 characters: always fits.
+  static_assert(kCanonicalMetadataSize >= 107 + 4 * 20);
+  text("<Metadata><Filesystem Attributes=\"");
+  number(item.GetAttributes());
+  text("\" Links=\"");
+  number(item.GetLinks());
+  text("\" FileSizeOnDisk=\"");
+  number(item.GetFileSizeOnDisk());
+  text("\" CreationTime=\"");
+  number(item.GetCreationTime());
+  text("\"/></Metadata>");
+  return std::string_view(pszBuffer, static_cast<size_t>(p - pszBuffer));
+}
+
+// Binds the parameters of kInsert, kReplace and kMoveRecordWithFields (?1 to ?16).
 void BindRecord(CSQLiteStatement& stmt, int64_t llParentId, std::string_view name,
                 std::string_view path, bool bFolder, const FSDB::CDatabaseItem& item) {
   stmt.BindInt64(1, llParentId);
@@ -50,7 +81,14 @@ void BindRecord(CSQLiteStatement& stmt, int64_t llParentId, std::string_view nam
   stmt.BindInt64(13, item.GetChangeTime());
   stmt.BindInt64(14, item.IsSelected() ? 1 : 0);
   stmt.BindInt64(15, item.IsCollect() ? 1 : 0);
-  stmt.BindBlob(16, item.GetMetadata());
+  const std::string& strMetadata = item.GetMetadata();
+  char szCanonical[kCanonicalMetadataSize];
+  if (!strMetadata.empty() &&
+      strMetadata == CanonicalMetadata(item, szCanonical, sizeof szCanonical)) {
+    stmt.BindNull(16);
+  } else {
+    stmt.BindBlob(16, strMetadata);
+  }
 }
 
 // A record from a row of the item columns (kSelectByPath, kListChildren).
@@ -71,7 +109,12 @@ FSDB::CDatabaseItemPtr ReadRecord(const CSQLiteStatement& stmt) {
   pItem->SetChangeTime(stmt.ColumnInt64(12));
   pItem->SetAsSelected(stmt.ColumnInt64(13) != 0);
   pItem->SetAsCollect(stmt.ColumnInt64(14) != 0);
-  pItem->SetMetadata(stmt.ColumnBlob(15));
+  if (stmt.ColumnIsNull(15)) {
+    char szCanonical[kCanonicalMetadataSize];
+    pItem->SetMetadata(std::string(CanonicalMetadata(*pItem, szCanonical, sizeof szCanonical)));
+  } else {
+    pItem->SetMetadata(stmt.ColumnBlob(15));
+  }
   return pItem;
 }
 
@@ -190,8 +233,9 @@ CQiError CSQLiteScanDatabase::Open(bool bCreateNew) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Scan database [%s] is already open",
                           Quote(m_strDatabasePath).c_str());
   }
-  std::string strFolder;
-  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(m_strDatabasePath, strFolder, "scan database"));
+  std::string_view folderKey;
+  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(m_strDatabasePath, folderKey, "scan database"));
+  const std::string strFolder(folderKey);
   if (bCreateNew && m_bReadOnly) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
                           "Cannot create scan database [%s]: it is to be opened read-only",
@@ -349,6 +393,7 @@ CQiError CSQLiteScanDatabase::PrepareStatements() {
       {&m_stmtLinkChildren, kLinkChildren, true},
       {&m_stmtDeleteById, kDeleteById, true},      {&m_stmtDeleteRange, kDeleteRange, true},
       {&m_stmtMoveRecord, kMoveRecord, true},      {&m_stmtMoveRange, kMoveRange, true},
+      {&m_stmtMoveRecordWithFields, kMoveRecordWithFields, true},
       {&m_stmtSavepoint, "SAVEPOINT scan_operation", true},
       {&m_stmtRelease, "RELEASE scan_operation", true},
       {&m_stmtRollbackTo, "ROLLBACK TO scan_operation", true},
@@ -368,8 +413,8 @@ void CSQLiteScanDatabase::CloseConnection() {
   for (CSQLiteStatement* pStatement :
        {&m_stmtInsert, &m_stmtReplace, &m_stmtFindByPath, &m_stmtFindById, &m_stmtSelectByPath,
         &m_stmtListChildren, &m_stmtLinkChildren, &m_stmtDeleteById, &m_stmtDeleteRange,
-        &m_stmtMoveRecord, &m_stmtMoveRange, &m_stmtSavepoint, &m_stmtRelease,
-        &m_stmtRollbackTo}) {
+        &m_stmtMoveRecord, &m_stmtMoveRecordWithFields, &m_stmtMoveRange, &m_stmtSavepoint,
+        &m_stmtRelease, &m_stmtRollbackTo}) {
     pStatement->Finalize();
   }
   if (m_pDb != nullptr) {
@@ -425,7 +470,7 @@ CQiError CSQLiteScanDatabase::SetBulkInsertMode(bool bBulkInsert) {
 // ------------------------------------------------------------------------------------------
 // Look-ups
 
-CQiError CSQLiteScanDatabase::FindRecord(const std::string& strPath, SRecordKey& key,
+CQiError CSQLiteScanDatabase::FindRecord(std::string_view strPath, SRecordKey& key,
                                          bool& bFound) {
   CSQLiteStatement::CUse use(m_stmtFindByPath);
   m_stmtFindByPath.BindBlob(1, strPath);
@@ -467,7 +512,7 @@ CQiError CSQLiteScanDatabase::GetParentId(std::string_view parentPath, int64_t& 
   return CQiError();
 }
 
-CQiError CSQLiteScanDatabase::LinkWaitingChildren(const std::string& strFolderPath,
+CQiError CSQLiteScanDatabase::LinkWaitingChildren(std::string_view strFolderPath,
                                                   int64_t llFolderId) {
   const std::string strPrefix = CScanDatabasePath::SubtreePrefix(strFolderPath);
   const std::string strBound = CScanDatabasePath::SubtreeBound(strFolderPath);
@@ -507,7 +552,7 @@ CQiError CSQLiteScanDatabase::ListChildren(int64_t llParentId, const std::string
 CQiError CSQLiteScanDatabase::StoreRecord(const std::string& strPathIn,
                                           const FSDB::CDatabaseItemPtr& pItem, bool bFolder) {
   QI_RETURN_IF_ERROR(CheckWritable());
-  std::string strPath;
+  std::string_view strPath;
   QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strPathIn, strPath, bFolder ? "folder" : "file"));
   if (!pItem) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No record given for [%s]",
@@ -559,9 +604,9 @@ CQiError CSQLiteScanDatabase::StoreRecord(const std::string& strPathIn,
   QI_RETURN_IF_ERROR(Commit(scope), "Path=[%s]", Quote(strPath).c_str());
   if (bFolder) {
     if (m_mapFolderIds.size() >= kMaxCachedFolders) m_mapFolderIds.clear();
-    m_mapFolderIds[strPath] = llId;
+    m_mapFolderIds[std::string(strPath)] = llId;
     if (m_bLastParentValid && m_strLastParent == strPath) m_llLastParentId = llId;
-  } else if (bReplaced && (llRemoved > 0 || m_mapFolderIds.count(strPath) != 0)) {
+  } else if (bReplaced && (llRemoved > 0 || m_mapFolderIds.count(std::string(strPath)) != 0)) {
     // The file replaced a folder: its id and those below it are gone from the cache too.
     ForgetFolders();
   }
@@ -569,7 +614,7 @@ CQiError CSQLiteScanDatabase::StoreRecord(const std::string& strPathIn,
   return CQiError();
 }
 
-CQiError CSQLiteScanDatabase::RemoveRange(const std::string& strFolderPath, int64_t& llRemoved) {
+CQiError CSQLiteScanDatabase::RemoveRange(std::string_view strFolderPath, int64_t& llRemoved) {
   const std::string strPrefix = CScanDatabasePath::SubtreePrefix(strFolderPath);
   const std::string strBound = CScanDatabasePath::SubtreeBound(strFolderPath);
   CSQLiteStatement::CUse use(m_stmtDeleteRange);
@@ -583,8 +628,9 @@ CQiError CSQLiteScanDatabase::RemoveRange(const std::string& strFolderPath, int6
 
 CQiError CSQLiteScanDatabase::RemoveRecord(const std::string& strPathIn, bool bFolder) {
   QI_RETURN_IF_ERROR(CheckWritable());
-  std::string strPath;
-  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strPathIn, strPath, bFolder ? "folder" : "file"));
+  std::string_view pathKey;
+  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strPathIn, pathKey, bFolder ? "folder" : "file"));
+  const std::string strPath(pathKey);
 
   CSQLiteOperationScope scope(m_pDb, m_bBulkInsert, Savepoint());
   QI_RETURN_IF_ERROR(Begin(scope));
@@ -617,9 +663,10 @@ CQiError CSQLiteScanDatabase::MoveRecord(const std::string& strOldPathIn,
                                          const std::string& strNewPathIn,
                                          const FSDB::CDatabaseItemPtr& pNewItem, bool bFolder) {
   QI_RETURN_IF_ERROR(CheckWritable());
-  std::string strOld, strNew;
-  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strOldPathIn, strOld, "old"));
-  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strNewPathIn, strNew, "new"));
+  std::string_view oldKey, newKey;
+  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strOldPathIn, oldKey, "old"));
+  QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strNewPathIn, newKey, "new"));
+  const std::string strOld(oldKey), strNew(newKey);
   if (strOld == strNew) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Cannot rename [%s] to itself",
                           Quote(strOld).c_str());
@@ -659,26 +706,17 @@ CQiError CSQLiteScanDatabase::MoveRecord(const std::string& strOldPathIn,
   QI_RETURN_IF_ERROR(GetParentId(parent, llParentId));
 
   {
-    CSQLiteStatement& stmt = m_stmtMoveRecord;
+    CSQLiteStatement& stmt = pNewItem ? m_stmtMoveRecordWithFields : m_stmtMoveRecord;
     CSQLiteStatement::CUse use(stmt);
-    stmt.BindBlob(1, strNew);
-    stmt.BindBlob(2, name);
-    stmt.BindInt64(3, llParentId);
     if (pNewItem) {
-      stmt.BindInt64(4, pNewItem->GetFileId());
-      stmt.BindInt64(5, pNewItem->GetAttributes());
-      stmt.BindInt64(6, pNewItem->GetLinks());
-      stmt.BindInt64(7, pNewItem->GetFileSize());
-      stmt.BindInt64(8, pNewItem->GetFileSizeOnDisk());
-      stmt.BindInt64(9, pNewItem->GetAccessTime());
-      stmt.BindInt64(10, pNewItem->GetCreationTime());
-      stmt.BindInt64(11, pNewItem->GetModificationTime());
-      stmt.BindInt64(12, pNewItem->GetChangeTime());
-      stmt.BindInt64(13, pNewItem->IsSelected() ? 1 : 0);
-      stmt.BindInt64(14, pNewItem->IsCollect() ? 1 : 0);
-      stmt.BindBlob(15, pNewItem->GetMetadata());
-    }  // else the NULL binds keep every stored field
-    stmt.BindInt64(16, key.llId);
+      BindRecord(stmt, llParentId, name, strNew, bFolder, *pNewItem);
+      stmt.BindInt64(17, key.llId);
+    } else {
+      stmt.BindBlob(1, strNew);
+      stmt.BindBlob(2, name);
+      stmt.BindInt64(3, llParentId);
+      stmt.BindInt64(4, key.llId);
+    }
     const int iResult = stmt.Step();
     if (iResult != SQLITE_DONE) return SqlError(iResult, "Renaming a record");
   }
@@ -778,8 +816,9 @@ CQiError CSQLiteScanDatabase::QueryFolderItems(const std::string& strFolderPath,
                             static_cast<long long>(llFolderId), Quote(strFolderPath).c_str());
     }
   } else {
-    std::string strPath;
-    QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strFolderPath, strPath, "folder"));
+    std::string_view pathKey;
+    QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strFolderPath, pathKey, "folder"));
+    const std::string strPath(pathKey);
     SRecordKey key;
     bool bFound = false;
     QI_RETURN_IF_ERROR(FindRecord(strPath, key, bFound));
@@ -808,7 +847,7 @@ CQiError CSQLiteScanDatabase::QueryFolderItems(const std::string& strFolderPath,
 CQiError CSQLiteScanDatabase::QueryItem(const std::string& strPathIn,
                                         FSDB::CDatabaseItemPtr& pItem) {
   QI_RETURN_IF_ERROR(CheckOpen());
-  std::string strPath;
+  std::string_view strPath;
   QI_RETURN_IF_ERROR(CScanDatabasePath::Normalize(strPathIn, strPath, "item"));
   CSQLiteStatement::CUse use(m_stmtSelectByPath);
   m_stmtSelectByPath.BindBlob(1, strPath);

@@ -100,13 +100,13 @@ class CSQLiteScanDatabase : public FSDB::CScanDatabaseBase {
   CQiError MoveRecord(const std::string& strOldPath, const std::string& strNewPath,
                       const FSDB::CDatabaseItemPtr& pNewItem, bool bFolder);
   // Finds a record by path; bFound false when there is none.
-  CQiError FindRecord(const std::string& strPath, SRecordKey& key, bool& bFound);
+  CQiError FindRecord(std::string_view strPath, SRecordKey& key, bool& bFound);
   // The id to store as parent of a record whose parent folder has this path.
   CQiError GetParentId(std::string_view parentPath, int64_t& llParentId);
   // Removes every record below the folder path (not the folder's own).
-  CQiError RemoveRange(const std::string& strFolderPath, int64_t& llRemoved);
+  CQiError RemoveRange(std::string_view strFolderPath, int64_t& llRemoved);
   // Gives the records waiting for this folder (see above) its id as their parent.
-  CQiError LinkWaitingChildren(const std::string& strFolderPath, int64_t llFolderId);
+  CQiError LinkWaitingChildren(std::string_view strFolderPath, int64_t llFolderId);
   // Appends the records whose parent id is llParentId; with pstrExactParent, only those whose
   // parent path is exactly that (waiting parent ids are hashes and may collide).
   CQiError ListChildren(int64_t llParentId, const std::string* pstrExactParent,
@@ -132,6 +132,7 @@ class CSQLiteScanDatabase : public FSDB::CScanDatabaseBase {
   CSQLiteStatement m_stmtDeleteById;
   CSQLiteStatement m_stmtDeleteRange;
   CSQLiteStatement m_stmtMoveRecord;
+  CSQLiteStatement m_stmtMoveRecordWithFields;
   CSQLiteStatement m_stmtMoveRange;
   CSQLiteStatement m_stmtSavepoint;
   CSQLiteStatement m_stmtRelease;

@@ -46,6 +46,9 @@ class CSQLiteStatement {
 
   int64_t ColumnInt64(int iColumn) const { return sqlite3_column_int64(m_pStatement, iColumn); }
   std::string ColumnBlob(int iColumn) const;
+  bool ColumnIsNull(int iColumn) const {
+    return sqlite3_column_type(m_pStatement, iColumn) == SQLITE_NULL;
+  }
 
   // Resets the statement when the scope ends.
   class CUse {

@@ -4,7 +4,7 @@
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 
-CQiError CScanDatabasePath::Normalize(const std::string& strPath, std::string& strKey,
+CQiError CScanDatabasePath::Normalize(const std::string& strPath, std::string_view& key,
                                       const char* pszRole) {
   if (strPath.empty()) {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "The %s path is empty", pszRole);
@@ -15,7 +15,7 @@ CQiError CScanDatabasePath::Normalize(const std::string& strPath, std::string& s
   }
   size_t uLength = strPath.size();
   while (uLength > 1 && strPath[uLength - 1] == '/') --uLength;
-  strKey.assign(strPath, 0, uLength);
+  key = std::string_view(strPath.data(), uLength);
   return CQiError();
 }
 
@@ -31,18 +31,20 @@ void CScanDatabasePath::Split(std::string_view path, std::string_view& parent,
   }
 }
 
-std::string CScanDatabasePath::SubtreePrefix(const std::string& strFolder) {
-  return strFolder == "/" ? strFolder : strFolder + "/";
+std::string CScanDatabasePath::SubtreePrefix(std::string_view folder) {
+  std::string strPrefix(folder);
+  if (strPrefix != "/") strPrefix += '/';
+  return strPrefix;
 }
 
-std::string CScanDatabasePath::SubtreeBound(const std::string& strFolder) {
-  std::string strBound = SubtreePrefix(strFolder);
+std::string CScanDatabasePath::SubtreeBound(std::string_view folder) {
+  std::string strBound = SubtreePrefix(folder);
   strBound.back() = '0';
   return strBound;
 }
 
-bool CScanDatabasePath::IsBelow(const std::string& strPath, const std::string& strFolder) {
-  return strPath != strFolder && FXString::StartsWith(strPath, SubtreePrefix(strFolder));
+bool CScanDatabasePath::IsBelow(std::string_view path, std::string_view folder) {
+  return path != folder && FXString::StartsWith(path, SubtreePrefix(folder));
 }
 
 int64_t CScanDatabasePath::GetWaitingParentId(std::string_view parentPath) {

@@ -23,11 +23,12 @@
 class CScanDatabasePath {
  public:
   // pszRole names the path in messages ("file", "folder", "old", ...).
-  static CQiError Normalize(const std::string& strPath, std::string& strKey, const char* pszRole);
+  // The key is a view into strPath (a prefix of it): it stays valid while strPath does.
+  static CQiError Normalize(const std::string& strPath, std::string_view& key, const char* pszRole);
   static void Split(std::string_view path, std::string_view& parent, std::string_view& name);
-  static std::string SubtreePrefix(const std::string& strFolder);
-  static std::string SubtreeBound(const std::string& strFolder);
-  // True when strPath lies below strFolder (not when it is strFolder).
-  static bool IsBelow(const std::string& strPath, const std::string& strFolder);
+  static std::string SubtreePrefix(std::string_view folder);
+  static std::string SubtreeBound(std::string_view folder);
+  // True when path lies below folder (not when it is folder).
+  static bool IsBelow(std::string_view path, std::string_view folder);
   static int64_t GetWaitingParentId(std::string_view parentPath);
 };

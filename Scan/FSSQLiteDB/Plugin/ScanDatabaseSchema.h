@@ -24,7 +24,8 @@ inline constexpr const char* kCreateSchema =
     " change_time INTEGER NOT NULL,"
     " selected INTEGER NOT NULL,"
     " collect INTEGER NOT NULL,"
-    " metadata BLOB NOT NULL);"
+    // NULL: the canonical metadata text of the row's own fields (see CSQLiteScanDatabase).
+    " metadata BLOB);"
     "CREATE UNIQUE INDEX scan_items_path ON scan_items(path);"
     "CREATE INDEX scan_items_folder ON scan_items(parent_id, name);";
 
@@ -59,16 +60,15 @@ inline constexpr const char* kLinkChildren =
     " AND instr(substr(path, ?5), X'2F') = 0";
 inline constexpr const char* kDeleteById = "DELETE FROM scan_items WHERE id = ?1";
 inline constexpr const char* kDeleteRange = "DELETE FROM scan_items WHERE path >= ?1 AND path < ?2";
-// A moved record takes the new record's fields when one is given (NULL binds keep the old).
+// A moved record keeps its fields, or takes those of the new record (the parameters of kInsert
+// and kReplace, and ?17 the id).
 inline constexpr const char* kMoveRecord =
-    "UPDATE scan_items SET path = ?1, name = ?2, parent_id = ?3,"
-    " file_id = coalesce(?4, file_id), attributes = coalesce(?5, attributes),"
-    " links = coalesce(?6, links), file_size = coalesce(?7, file_size),"
-    " size_on_disk = coalesce(?8, size_on_disk), access_time = coalesce(?9, access_time),"
-    " creation_time = coalesce(?10, creation_time),"
-    " modification_time = coalesce(?11, modification_time),"
-    " change_time = coalesce(?12, change_time), selected = coalesce(?13, selected),"
-    " collect = coalesce(?14, collect), metadata = coalesce(?15, metadata) WHERE id = ?16";
+    "UPDATE scan_items SET path = ?1, name = ?2, parent_id = ?3 WHERE id = ?4";
+inline constexpr const char* kMoveRecordWithFields =
+    "UPDATE scan_items SET parent_id = ?1, name = ?2, path = ?3, is_dir = ?4, file_id = ?5,"
+    " attributes = ?6, links = ?7, file_size = ?8, size_on_disk = ?9, access_time = ?10,"
+    " creation_time = ?11, modification_time = ?12, change_time = ?13, selected = ?14,"
+    " collect = ?15, metadata = ?16 WHERE id = ?17";
 // Every path below the old folder: new folder path + the part after the old folder path.
 // '||' yields text, so the result is cast back to a BLOB (the bytes are kept as they are).
 inline constexpr const char* kMoveRange =
