@@ -6,6 +6,7 @@
 #include "Platform/LogWriterInterface.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Scan/BasicPathEnumerator.h"
+#include "Scan/FabricatedItem.h"
 #include "Scan/ScanEngine.h"
 #include "Scan/ScanFailureConsumer.h"
 
@@ -144,10 +145,11 @@ CQiError CEnumerateFiles::WriteFailureRecord(const CItemConsumerPtr& pConsumer,
   // The record describes the path as it is now (the item may know nothing about it).
   CBasicPathEnumerator enumerator;
   CItemPtr pItem;
-  CQiError itemError = enumerator.GetItemByPath(pBag, strLocalPath, strSourcePath, pItem);
-  if (!pItem)
-    return QI_PUSH(itemError, "Cannot build the failed item, Path=%s",
-                   FXString::EscapeControl(strLocalPath).c_str());
+  (void)enumerator.GetItemByPath(pBag, strLocalPath, strSourcePath, pItem);
+  // A path the enumerator cannot describe (for example one beyond PATH_MAX off the long path
+  // handler's thread) is still recorded, by name alone: a lost record is a file silently left
+  // out of the backup.
+  if (!pItem) pItem = std::make_shared<CFabricatedItem>(pBag, strLocalPath, strSourcePath);
   QI_RETURN_IF_ERROR(pItem->GetItemBag()->Write(CScanFailureConsumer::kErrorCodeKey,
                                                 static_cast<int>(error.GetCode())));
   auto* pFailures = dynamic_cast<CScanFailureConsumer*>(pConsumer.get());
