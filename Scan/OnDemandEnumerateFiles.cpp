@@ -1,0 +1,99 @@
+#include "Scan/OnDemandEnumerateFiles.h"
+
+#include "Platform/AutoTimeCounter.h"
+#include "Platform/FXPath.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
+
+namespace {
+bool HasItems(const CFilterSetPtr& pSet) { return pSet && !pSet->IsEmpty(); }
+}  // namespace
+
+COnDemandEnumerateFiles::COnDemandEnumerateFiles(CScanEngine* pEngine, CPathEnumeratorPtr pEnumerator)
+    : CEnumerateFiles(pEngine, std::move(pEnumerator)) {}
+
+COnDemandEnumerateFiles::~COnDemandEnumerateFiles() = default;
+
+void COnDemandEnumerateFiles::SetOnDemandFilters(const std::vector<std::string>& lstNestedVolumes) {
+  m_lstNestedVolumes.clear();
+  for (const std::string& strVolume : lstNestedVolumes)
+    m_lstNestedVolumes.push_back(FXPath::RemoveTrailingDelimiters(strVolume));
+}
+
+void COnDemandEnumerateFiles::SetBlackListFilter(CFilterSetPtr& pBlackListFilter) {
+  m_pBlackListFilter = pBlackListFilter;
+}
+
+void COnDemandEnumerateFiles::SetExcludedAttributes(unsigned int uExcludedAttributes) {
+  m_uOnDemandExcludedAttributes = uExcludedAttributes;
+  CEnumerateFiles::SetExcludedAttributes(uExcludedAttributes);
+}
+
+void COnDemandEnumerateFiles::SetFilters(CFilterSetPtr pFilters) {
+  m_pOnDemandFilters = pFilters;
+  CEnumerateFiles::SetFilters(std::move(pFilters));
+}
+
+void COnDemandEnumerateFiles::SetSystemFilters(CFilterSetPtr pSystemFilters) {
+  m_pOnDemandSystemFilters = pSystemFilters;
+  CEnumerateFiles::SetSystemFilters(std::move(pSystemFilters));
+}
+
+void COnDemandEnumerateFiles::EnableBuiltInSystemProtectedFilesFilter(bool bEnable) {
+  m_bOnDemandBuiltInFilter = bEnable;
+  CEnumerateFiles::EnableBuiltInSystemProtectedFilesFilter(bEnable);
+}
+
+bool COnDemandEnumerateFiles::IsInSystemFilters(const CFilterTermTestString& test) const {
+  if (HasItems(m_pOnDemandSystemFilters) && m_pOnDemandSystemFilters->IsIn(test, CFilterSet::kAppliesAll))
+    return true;
+  return m_bOnDemandBuiltInFilter && GetBuiltInSystemProtectedFiles().IsIn(test, CFilterSet::kAppliesAll);
+}
+
+bool COnDemandEnumerateFiles::IsOnNestedVolume(const std::string& strLocalPath) const {
+  for (const std::string& strVolume : m_lstNestedVolumes)
+    if (FXPath::IsDescendantOf(strLocalPath, strVolume, true)) return true;
+  return false;
+}
+
+bool COnDemandEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& strTestString) {
+  CAutoTimeCounter timer(EScanPerfCounterType::TIME_ISFILTERED);
+  if (m_uOnDemandExcludedAttributes != 0 &&
+      (pItem->GetAttributes() & m_uOnDemandExcludedAttributes) != 0)
+    return true;
+  CFilterTermTestString test(strTestString);
+  // The log lines name the folder the entry was met in.
+  auto folder = [&] { return FXString::EscapeControl(pItem->GetSourceFullyQualifiedParentFolder()); };
+  if (IsInSystemFilters(test)) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by system filter, Folder=(%s)", folder().c_str());
+    return true;
+  }
+  if (HasItems(m_pOnDemandFilters) && m_pOnDemandFilters->IsIn(test, CFilterSet::kAppliesAll)) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by content filter, Folder=(%s)", folder().c_str());
+    return true;
+  }
+  // Nested volumes are local mount points, so the local path is compared.
+  if (IsOnNestedVolume(pItem->GetLocalFullyQualifiedItemName())) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by nested volume filter, Folder=(%s)", folder().c_str());
+    return true;
+  }
+  if (HasItems(m_pBlackListFilter) && m_pBlackListFilter->IsIn(test, CFilterSet::kAppliesAll)) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by BlackList filter, Folder=(%s)", folder().c_str());
+    return true;
+  }
+  if (ZRLOG_ON(6)) ZRLOG(6, "Not filtered, Folder=(%s)", folder().c_str());
+  return false;
+}
+
+bool COnDemandEnumerateFiles::IsMatchPossibleInFolder(CItemPtr& pItem, const std::string& strFolder) {
+  // A nested volume is walked by its own entry; a black-listed folder is out with its subtree.
+  if (IsOnNestedVolume(pItem->GetLocalFullyQualifiedItemName())) return false;
+  CFilterTermTestString test(strFolder);
+  if (HasItems(m_pBlackListFilter) && m_pBlackListFilter->IsMatchEntireFolder(test)) return false;
+  if (HasItems(m_pOnDemandSystemFilters) && m_pOnDemandSystemFilters->IsMatchEntireFolder(test))
+    return false;
+  if (m_bOnDemandBuiltInFilter && GetBuiltInSystemProtectedFiles().IsMatchEntireFolder(test))
+    return false;
+  if (HasItems(m_pOnDemandFilters) && m_pOnDemandFilters->IsMatchEntireFolder(test)) return false;
+  return true;
+}

@@ -1,0 +1,351 @@
+#include "Scan/OnDemandScanEngine.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXFile.h"
+#include "Platform/FXPath.h"
+#include "Platform/FXPathVolume.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
+#include "Platform/MountPathInfo.h"
+#include "Platform/ZRDebugFunction.h"
+#include "Scan/FabricatedItem.h"
+#include "Scan/OnDemandEnumerateFiles.h"
+#include "Scan/ScanFailureConsumer.h"
+#include "Scan/ScannerConfigurationBagId.h"
+
+namespace {
+std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
+
+bool HasWildcard(const std::string& strPath) {
+  return strPath.find_first_of("*?[") != std::string::npos;
+}
+
+// Frees the buffer of getline.
+struct SLineBuffer {
+  char* pLine = nullptr;
+  size_t nSize = 0;
+  ~SLineBuffer() { free(pLine); }
+};
+}  // namespace
+
+COnDemandScanEngine::COnDemandScanEngine() = default;
+
+COnDemandScanEngine::~COnDemandScanEngine() = default;
+
+std::string COnDemandScanEngine::getDescription() { return "OnDemandScanEngine"; }
+
+void COnDemandScanEngine::SetBlackListScanContent(const std::vector<std::string>& lstBlackListContent) {
+  m_lstBlackListContent = lstBlackListContent;
+}
+
+bool COnDemandScanEngine::IsAutoExpandDir() {
+  bool bAutoExpand = true;
+  if (m_pScannerCallback &&
+      m_pScannerCallback->GetParameter(kParamAutoExpandDirs, bAutoExpand).IsError())
+    bAutoExpand = true;
+  return bAutoExpand;
+}
+
+CQiError COnDemandScanEngine::Process() {
+  ZRDEBUG_FUNCTION(1);
+  if (!m_pPhysicalMediaWorkUnit) {
+    ZRLOG(-1, "No physical media work unit assigned; nothing to do");
+    return CQiError();
+  }
+  if (m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits().empty()) {
+    ZRLOG(-1,
+          "No volume work units assigned to this physical media work unit; nothing to do, "
+          "PhysicalMediaId=%s",
+          Esc(m_pPhysicalMediaWorkUnit->GetPhysicalMediaId()).c_str());
+    return CQiError();
+  }
+  if (ZRLOG_ON(2)) ZRLOG(2, "%s", Esc(m_pPhysicalMediaWorkUnit->AsString()).c_str());
+  for (const CVolumeWorkUnitPtr& pVolume : m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits()) {
+    CQiError error = ProcessVolumeWorkUnit(pVolume);
+    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
+    if (error.IsError()) ZRLOG(-1, "ProcessVolumeWorkUnit failed, error=%s", error.AsString().c_str());
+  }
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::ProcessVolumeWorkUnit(CVolumeWorkUnitPtr pVolumeUnit) {
+  if (!pVolumeUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No volume work unit");
+  if (ZRLOG_ON(2)) ZRLOG(2, "%s", Esc(pVolumeUnit->AsString()).c_str());
+  for (const CWorkUnitPtr& pWorkUnit : pVolumeUnit->GetWorkUnits()) {
+    if (ZRLOG_ON(2)) ZRLOG(2, "%s", Esc(pWorkUnit->AsString()).c_str());
+    if (pWorkUnit->IsSuccessfullyProcessed()) continue;
+    CQiError error = ProcessWorkUnit(pWorkUnit);
+    pWorkUnit->SetDisposition(kEngineTag, error.GetCode());
+    if (error.IsSuccess()) {
+      if (m_pScannerCallback) {
+        for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths())
+          (void)m_pScannerCallback->LogVolumeScanComplete(kEngineTag, pScanPath->GetSourceScanPath(),
+                                                          pWorkUnit->GetSourceVolumeName());
+      }
+      continue;
+    }
+    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
+    ZRLOG(-1, "ProcessWorkUnit failed, error=%s", error.AsString().c_str());
+  }
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
+  ZRDEBUG_FUNCTION(2);
+  if (!pWorkUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No work unit");
+  if (ZRLOG_ON(2)) {
+    ZRLOG(2, "WorkUnit : SourceVolumeName=%s, LocalVolumeName=%s",
+          Esc(pWorkUnit->GetSourceVolumeName()).c_str(), Esc(pWorkUnit->GetLocalVolumeName()).c_str());
+    for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths())
+      ZRLOG(2, "WorkUnit :SourceScanPath=%s, LocalScanPath=%s",
+            Esc(pScanPath->GetSourceScanPath()).c_str(), Esc(pScanPath->GetLocalScanPath()).c_str());
+  }
+
+  // The volume whose output handler is open; empty until the first path needs one. Every way
+  // out closes the handler.
+  std::string strOpenVolume;
+  struct SCloseGuard {
+    COnDemandScanEngine* pEngine;
+    ~SCloseGuard() {
+      if (!pEngine->GetOutputHandler()) return;
+      CQiError error = pEngine->CloseOutputHandler();
+      if (error.IsError()) ZRLOG(-1, "CloseOutputHandler failed, error=%s", error.AsString().c_str());
+    }
+  } guard{this};
+
+  for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths()) {
+    const std::string& strContentFile = pScanPath->GetLocalScanPath();
+    FXFile::FILEPtr pFile;
+    if (FXFile::zrfopen(strContentFile, "r", pFile).IsError()) {
+      ZRLOG(0, "Unable open content file (%s), not processing it.", Esc(strContentFile).c_str());
+      continue;
+    }
+    SLineBuffer buffer;
+    ssize_t nRead;
+    errno = 0;
+    while ((nRead = getline(&buffer.pLine, &buffer.nSize, pFile.get())) >= 0) {
+      std::string strLine(buffer.pLine, static_cast<size_t>(nRead));
+      if (!strLine.empty() && strLine.back() == '\n') strLine.pop_back();
+      CQiError error = ProcessContentPath(pWorkUnit, strLine, strOpenVolume);
+      if (error.IsError())
+        return QI_PUSH(error, "Content file (%s)", Esc(strContentFile).c_str());
+      errno = 0;
+    }
+    if (ferror(pFile.get()) != 0) {
+      return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Failed to read content file (%s)",
+                            Esc(strContentFile).c_str());
+    }
+  }
+
+  if (GetOutputHandler()) QI_RETURN_IF_ERROR(CloseOutputHandler());
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
+                                                 const std::string& strPath,
+                                                 std::string& strOpenVolume) {
+  // Empty lines carry no path.
+  if (strPath.empty()) return CQiError();
+  if (FXPath::RemoveTrailingDelimiters(strPath) == "/") {
+    ZRLOG(0, "Not Processing [%s] as content.", Esc(strPath).c_str());
+    return CQiError();
+  }
+  if (strPath.front() != FXPath::kDelimiter) {
+    CQiError error = QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
+                                    "Content path [%s] is not an absolute path", Esc(strPath).c_str());
+    ZRLOG(-1, "NOT adding content [%s], error=%s", Esc(strPath).c_str(), error.AsString().c_str());
+    ReportPathFailure(pWorkUnit, strPath, error);
+    return CQiError();
+  }
+  struct stat st {};
+  if (FXFile::zrlstat(strPath, st) != 0) {
+    const int iErrNo = errno;
+    CQiError error = QI_ERROR_ERRNO(iErrNo, "Content path [%s]", Esc(strPath).c_str());
+    if (iErrNo == ENOENT || iErrNo == ENOTDIR) {
+      ZRLOG(0, "Path does not exist, NOT adding content [%s]", Esc(strPath).c_str());
+    } else {
+      ZRLOG(-1, "NOT adding content [%s], error=%s", Esc(strPath).c_str(), error.AsString().c_str());
+    }
+    ReportPathFailure(pWorkUnit, strPath, error);
+    return CQiError();
+  }
+
+  std::string strVolume;
+  QI_RETURN_IF_ERROR(FXPathVolume::ZRGetVolumeNameForVolumeMountPoint(strPath, strVolume),
+                     "Volume lookup failed for [%s]", Esc(strPath).c_str());
+  strVolume = FXPath::AddTrailingDelimiter(strVolume);
+  if (ZRLOG_ON(5))
+    ZRLOG(5, "For scan path = [%s] Source volume  = [%s], current volume path = [%s]",
+          Esc(strPath).c_str(), Esc(pWorkUnit->GetSourceVolumeName()).c_str(), Esc(strVolume).c_str());
+
+  if (!S_ISDIR(st.st_mode)) {
+    QI_RETURN_IF_ERROR(SwitchOutputHandler(strPath, strVolume, strOpenVolume));
+    QI_RETURN_IF_ERROR(TraverseScanPath(strPath, {}, pWorkUnit));
+    return CQiError();
+  }
+
+  if (ZRLOG_ON(5)) ZRLOG(5, "Content [%s] is a directory, check nested mount points.", Esc(strPath).c_str());
+  std::vector<SContentEntry> lstEntries;
+  QI_RETURN_IF_ERROR(MountPathInfo::expandContentPathByVolumes(strPath, lstEntries),
+                     "expandContentPathByVolumes failed");
+  for (const SContentEntry& entry : lstEntries) {
+    const std::string& strLocal = entry.m_strLocalMountPath;
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Traversing path [%s] for source path [%s]", Esc(strLocal).c_str(), Esc(strPath).c_str());
+    QI_RETURN_IF_ERROR(
+        SwitchOutputHandler(strPath, FXPath::AddTrailingDelimiter(entry.m_strVolumeName), strOpenVolume));
+    // The volumes below this entry are left to their own entries.
+    std::vector<std::string> lstNested;
+    for (const SContentEntry& other : lstEntries) {
+      if (FXPath::IsAncestorOf(strLocal, other.m_strLocalMountPath))
+        lstNested.push_back(other.m_strLocalMountPath);
+    }
+    if (ZRLOG_ON(5)) ZRLOG(5, "Traversing path [%s]", Esc(strLocal).c_str());
+    QI_RETURN_IF_ERROR(TraverseScanPath(strLocal, lstNested, pWorkUnit));
+  }
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::SwitchOutputHandler(const std::string& strScanPath,
+                                                  const std::string& strVolume,
+                                                  std::string& strOpenVolume) {
+  if (strVolume == strOpenVolume) return CQiError();
+  if (!strOpenVolume.empty()) {
+    ZRLOG(0, "Changing output handler. Original scan path = [%s], current volume = [%s], new volume = [%s]",
+          Esc(strScanPath).c_str(), Esc(strOpenVolume).c_str(), Esc(strVolume).c_str());
+    // A callback that left the handler unconfigured has nothing open.
+    if (GetOutputHandler()) QI_RETURN_IF_ERROR(CloseOutputHandler(), "Volume=[%s]", Esc(strOpenVolume).c_str());
+  }
+  strOpenVolume.clear();
+  QI_RETURN_IF_ERROR(OpenOutputHandler(strVolume), "Volume=[%s]", Esc(strVolume).c_str());
+  strOpenVolume = strVolume;
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
+                                               const std::vector<std::string>& lstNestedVolumes,
+                                               CWorkUnitPtr pWorkUnit) {
+  if (!pWorkUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No work unit");
+  if (ZRLOG_ON(5)) ZRLOG(5, "Traversing path [%s]", Esc(strPath).c_str());
+  COnDemandEnumerateFiles traversal(this);
+  CPathEnumeratorPtr pEnumerator = traversal.GetPathEnumerator();
+  CItemPtr pItem;
+  CQiError error = pEnumerator->GetItemByPath(pWorkUnit->GetBag(), strPath, strPath, pItem);
+  if (error.IsError() || !pItem) {
+    if (error.IsSuccess()) error = QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "No item for the path");
+    ZRLOG(-1, "Path [%s] not found, error=%s", Esc(strPath).c_str(), error.AsString().c_str());
+    ReportPathFailure(pWorkUnit, strPath, error);
+    return CQiError();
+  }
+
+  const bool bFolder = pItem->IsFolder();
+  if (bFolder) {
+    if (ZRLOG_ON(2))
+      ZRLOG(2, "Will scan local folder [%s] for source path [%s]", Esc(strPath).c_str(), Esc(strPath).c_str());
+    traversal.AddFolderToList(pItem, strPath, strPath);
+  }
+  traversal.SetExcludedAttributes(m_uExcludedAttributes);
+  traversal.SetWorkUnitBag(pWorkUnit->GetBag());
+  traversal.SetScanContent(pWorkUnit->GetScanContent());
+  traversal.SetFilters(pWorkUnit->GetFilters());
+  traversal.SetSystemFilters(pWorkUnit->GetSystemFilters());
+  traversal.SetOnDemandFilters(lstNestedVolumes);
+  traversal.SetAbortCheck(m_pScannerCallback.get());
+  traversal.SetMaxWorkers(1);
+  bool bTopLevel = false;
+  if (m_pScannerCallback)
+    (void)m_pScannerCallback->GetParameter(SXScannerConfigurationBagId::idProcessTopLevelContent, bTopLevel);
+  if (bTopLevel) traversal.SetProcessTopLevelContentItem(true);
+
+  CFilterSetPtr pBlackList;
+  error = ConfigureBlackListFilter(strPath, pBlackList);
+  if (error.IsError()) {
+    ZRLOG(-1, "Failed to configure BlackListContent for [%s], error [%s]", Esc(strPath).c_str(),
+          error.AsString().c_str());
+    pBlackList.reset();
+  } else {
+    traversal.SetBlackListFilter(pBlackList);
+  }
+  // The path itself may be black-listed (an entry at or above it).
+  if (pBlackList && !pBlackList->IsEmpty() && pBlackList->IsIn(CFilterTermTestString(strPath))) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by BlackList filter, Folder=(%s)", Esc(strPath).c_str());
+    return CQiError();
+  }
+
+  if (bFolder) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Content = %s is a directory", Esc(strPath).c_str());
+    if (!IsAutoExpandDir()) return CQiError();
+    error = traversal.Traverse();
+  } else {
+    error = ScanQueryCallback(pItem);
+  }
+  if (error.IsError()) {
+    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
+    return QI_PUSH(error, "Traverse failed, strScanPath=%s, LocalVolumeName=%s, Error:%s",
+                   Esc(strPath).c_str(), Esc(pWorkUnit->GetLocalVolumeName()).c_str(),
+                   error.AsString().c_str());
+  }
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::ConfigureBlackListFilter(const std::string& strScanPath,
+                                                       CFilterSetPtr& pFilter) {
+  pFilter = std::make_shared<CFilterSet>();
+  const std::string strPath = FXPath::RemoveTrailingDelimiters(strScanPath);
+  for (const std::string& strEntry : m_lstBlackListContent) {
+    if (strEntry.empty()) continue;
+    const std::string strBlack = FXPath::RemoveTrailingDelimiters(strEntry);
+    const bool bApplies = HasWildcard(strBlack) || FXPath::IsAncestorOf(strBlack, strPath, true) ||
+                          FXPath::IsAncestorOf(strPath, strBlack);
+    if (!bApplies) continue;
+    QI_RETURN_IF_ERROR(pFilter->AddFilterItem(BFilterNodeState::Include, strBlack),
+                       "BlackListContent [%s]", Esc(strEntry).c_str());
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Added BlackListContent [%s] for ScanPath [%s]", Esc(strEntry).c_str(),
+            Esc(strScanPath).c_str());
+  }
+  return CQiError();
+}
+
+CQiError COnDemandScanEngine::ReportScanFailure(CItemPtr pItem, const CQiError& error) {
+  if (!pItem) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No item to report");
+  CItemConsumerPtr pConsumer;
+  if (!m_pScannerCallback || m_pScannerCallback->GetScanFailureConsumer(pConsumer).IsError() ||
+      !pConsumer)
+    return QI_ERROR_WIN32(QiErrorCode::NotSupported, "Reporting scan failures is not supported");
+  QI_RETURN_IF_ERROR(pItem->GetItemBag()->Write(CScanFailureConsumer::kErrorCodeKey,
+                                                static_cast<int>(error.GetCode())));
+  // Traversal workers write failure records under the consumer's own mutex; so does this.
+  CQiError result;
+  if (auto* pFailures = dynamic_cast<CScanFailureConsumer*>(pConsumer.get())) {
+    FXMutex::CScopedLock lock(pFailures->GetMutex());
+    result = pConsumer->Process(pItem);
+  } else {
+    result = pConsumer->Process(pItem);
+  }
+  if (result.IsError()) {
+    ZRLOG(-1, "Failed to report into scan failures, error='%s'", result.AsString().c_str());
+    return QI_PUSH(result);
+  }
+  return CQiError();
+}
+
+void COnDemandScanEngine::ReportPathFailure(const CWorkUnitPtr& pWorkUnit, const std::string& strPath,
+                                            const CQiError& error) {
+  // The item as far as the path can be described; a vanished path is recorded by name alone.
+  COnDemandEnumerateFiles traversal(this);
+  CItemPtr pItem;
+  (void)traversal.GetPathEnumerator()->GetItemByPath(pWorkUnit->GetBag(), strPath, strPath, pItem);
+  if (!pItem) pItem = std::make_shared<CFabricatedItem>(pWorkUnit->GetBag(), strPath, strPath);
+  CQiError result = ReportScanFailure(pItem, error);
+  // Not ending the unit: the path is skipped, but never without a line in the log.
+  if (result.IsError() && !result.IsWin32(QiErrorCode::OperationAborted))
+    ZRLOG(-1, "Scan failure of [%s] not recorded, error=%s", Esc(strPath).c_str(),
+          result.AsString().c_str());
+}
