@@ -1,0 +1,425 @@
+// The scan arbiter and its scanner threads on real trees split over several fake physical media:
+// one scanner per medium at a time, volumes of a medium in order, the engine trial of a work unit
+// (first success wins, 50 passes on, OnScannerError's flags, missing content, the errors that end
+// the scan with their events), "NC" units, and the fatal empty engine list.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/ErrorCodes.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXEvent.h"
+#include "Platform/FileLogWriter.h"
+#include "Platform/SendEventInterface.h"
+#include "Scan/ScanArbiter.h"
+#include "Scan/ScanEngine.h"
+#include "Scan/Scanner.h"
+#include "Scan/Unix/WorkUnitManager.h"
+#include "Support/TempTree.h"
+#include "WorkUnitTestSupport.h"
+
+namespace {
+
+using WorkUnitTestSupport::CLogCapture;
+
+constexpr uint32_t kBoundedWaitMs = 10000;  // safety net only; waits end on a signal
+
+// What a scripted engine answers for a unit: success (empty), a Win32 code or an errno.
+struct SResult {
+  char cSpace = '-';  // '-' success, 'W' Win32, 'E' errno
+  uint32_t uCode = 0;
+  CQiError Make() const {
+    if (cSpace == 'W') return QI_ERROR_WIN32(uCode, "scripted failure");
+    if (cSpace == 'E') return QI_ERROR_ERRNO(static_cast<int>(uCode), "scripted failure");
+    return CQiError();
+  }
+};
+constexpr SResult kOk{};
+constexpr SResult Win32(uint32_t u) { return SResult{'W', u}; }
+constexpr SResult ErrNo(uint32_t u) { return SResult{'E', u}; }
+
+// Everything the engines of one run note, under one mutex.
+struct SJournal {
+  std::mutex mutex;
+  std::string strCalls;                                // engine names in call order
+  std::vector<std::string> lstVolumes;                 // volume of each call, in call order
+  std::map<std::string, int> mapActive;                // medium -> engines running on it now
+  std::map<std::string, std::vector<std::string>> mapOrder;  // medium -> volumes in start order
+  int iActiveTotal = 0;
+  int iMaxActiveTotal = 0;
+  bool bOverlapOnOneMedium = false;
+  size_t uEntriesSeen = 0;
+};
+
+// An engine that walks the unit's scan paths on disk, notes the call, and answers as scripted for
+// the first volume of the scan (the others succeed). With a rendezvous set, an engine waits until
+// an engine on another medium has started, which proves two media are scanned at once.
+class CTestEngine : public CScanEngine {
+ public:
+  CTestEngine(std::string strName, SJournal& journal, SResult result, std::string strScriptedVolume)
+      : m_strName(std::move(strName)), m_journal(journal), m_result(result),
+        m_strScriptedVolume(std::move(strScriptedVolume)) {}
+
+  std::string getDescription() override { return m_strName; }
+
+  CQiError ProcessWorkUnit(CWorkUnitPtr pUnit) override {
+    const std::string strMedium = pUnit->GetPhysicalMediaId();
+    const std::string strVolume = pUnit->GetLocalVolumeName();
+    {
+      std::lock_guard<std::mutex> lock(m_journal.mutex);
+      m_journal.strCalls += m_strName;
+      m_journal.lstVolumes.push_back(strVolume);
+      m_journal.mapOrder[strMedium].push_back(strVolume);
+      if (++m_journal.mapActive[strMedium] > 1) m_journal.bOverlapOnOneMedium = true;
+      m_journal.iMaxActiveTotal = std::max(m_journal.iMaxActiveTotal, ++m_journal.iActiveTotal);
+    }
+    if (m_pRendezvous) {
+      m_pRendezvous->at(strMedium)->Set();
+      for (auto& [strOther, pEvent] : *m_pRendezvous) {
+        if (strOther != strMedium) m_bRendezvousTimedOut |= pEvent->Wait(kBoundedWaitMs) == FXEvent::EWaitResult::TimedOut;
+      }
+    }
+    size_t uEntries = 0;
+    std::error_code ec;
+    for (const std::string& strSurface : pUnit->GetSurfaceList()) {
+      for (auto it = std::filesystem::recursive_directory_iterator(strSurface, ec);
+           !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+        ++uEntries;
+      }
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_journal.mutex);
+      m_journal.uEntriesSeen += uEntries;
+      --m_journal.mapActive[strMedium];
+      --m_journal.iActiveTotal;
+    }
+    if (strVolume == m_strScriptedVolume) return m_result.Make();
+    return CQiError();
+  }
+
+  std::map<std::string, std::shared_ptr<FXEvent>>* m_pRendezvous = nullptr;
+  bool m_bRendezvousTimedOut = false;
+
+ private:
+  std::string m_strName;
+  SJournal& m_journal;
+  SResult m_result;
+  std::string m_strScriptedVolume;
+};
+
+class CTestCallback : public CScannerCallback {
+ public:
+  CQiError GetScanEngineList(CScanEngineList& lstEngines) override {
+    lstEngines = m_lstEngines;
+    return CQiError();
+  }
+  CQiError OnScannerError(CScanEnginePtr, const CQiError& error, bool& bAbort, bool& bSkip,
+                          bool& bTryNext) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_lstErrorCodes.push_back(error.GetCode());
+    bAbort = m_bAbort;
+    bSkip = m_bSkip;
+    bTryNext = m_bTryNext;
+    return CQiError();
+  }
+  CQiError Abort() override {
+    ++m_iAbortCalls;
+    return CScannerCallback::Abort();
+  }
+
+  CScanEngineList m_lstEngines;
+  bool m_bAbort = false, m_bSkip = false, m_bTryNext = true;
+  std::mutex m_mutex;
+  std::vector<uint32_t> m_lstErrorCodes;
+  std::atomic<int> m_iAbortCalls{0};
+};
+
+// Records every event raised.
+class CTestEventSink : public ISendEventInterface {
+ public:
+  CQiError SendEvent(const CQiError& event, const CEventArgumentList& args) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_lstEvents.push_back({event.GetCode(), event.GetMessage(), ArgumentsAsString(args)});
+    return CQiError();
+  }
+  struct SEvent {
+    uint32_t uId;
+    std::string strText;
+    std::string strArgs;
+  };
+  std::mutex m_mutex;
+  std::vector<SEvent> m_lstEvents;
+};
+
+// An arbiter whose threads cannot be created: every scanner runs on the calling thread.
+class CThreadlessArbiter : public CScanArbiter {
+ public:
+  using CScanArbiter::CScanArbiter;
+
+ protected:
+  CQiError StartScannerThread(ZrThread&, const CScannerPtr&) override {
+    return QI_ERROR_ERRNO(EAGAIN, "no thread for this test");
+  }
+};
+
+// Media "mA", "mB", ... each with its volumes as folders of a temp tree, one work unit per
+// volume with the volume folder as scan path, registered in a manager's media map.
+class ScanArbiterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_pSink = std::make_shared<CTestEventSink>();
+    ISendEventInterface::SetProcessEventSink(m_pSink);
+    m_pCallback = std::make_shared<CTestCallback>();
+  }
+  void TearDown() override { ISendEventInterface::SetProcessEventSink(nullptr); }
+
+  void AddMedia(int iMedia, int iVolumes) {
+    for (int m = 0; m < iMedia; ++m) {
+      std::string strMedium = std::string("m") + static_cast<char>('A' + m);
+      auto pMedia = std::make_shared<CPhysicalMediaWorkUnit>();
+      pMedia->SetPhysicalMediaId(strMedium);
+      for (int v = 0; v < iVolumes; ++v) {
+        std::string strVolume = m_tree.MakeDir(strMedium + "/v" + std::to_string(v));
+        m_tree.MakeFile(strMedium + "/v" + std::to_string(v) + "/sub/file.txt", "x");
+        auto pVolume = std::make_shared<CVolumeWorkUnit>();
+        pVolume->SetLocalVolumeName(strVolume);
+        pVolume->SetLocalVolumeUniqueId(strMedium + std::to_string(v));
+        auto pUnit = std::make_shared<CWorkUnit>();
+        pUnit->SetPhysicalMediaId(strMedium);
+        pUnit->SetLocalVolumeName(strVolume);
+        pUnit->AddScanPath(std::make_shared<CScanPath>(strVolume, strVolume));
+        pVolume->AddWorkUnit(pUnit);
+        pMedia->AddVolumeWorkUnit(pVolume);
+        m_lstUnits.push_back(pUnit);
+      }
+      m_manager.GetPhysicalMediaVolumeWorkUnitMap()[strMedium] = pMedia;
+    }
+  }
+  std::shared_ptr<CTestEngine> AddEngine(const std::string& strName, SResult result = kOk) {
+    auto pEngine = std::make_shared<CTestEngine>(strName, m_journal, result, m_tree.Path("mA/v0"));
+    m_pCallback->m_lstEngines.push_back(pEngine);
+    return pEngine;
+  }
+
+  CTempTree m_tree;
+  CWorkUnitManager m_manager{7};
+  std::vector<CWorkUnitPtr> m_lstUnits;
+  SJournal m_journal;
+  std::shared_ptr<CTestCallback> m_pCallback;
+  std::shared_ptr<CTestEventSink> m_pSink;
+};
+
+// GetNextVolumeWorkUnit/ReturnVolumeWorkUnit by hand: a held medium is given to nobody else,
+// returning frees it for any scanner, and its volumes come in order.
+TEST_F(ScanArbiterTest, HeldMediumIsGivenToNobodyElse) {
+  AddMedia(2, 2);
+  CScanArbiter arbiter(7, 0, m_pCallback);
+  ASSERT_TRUE(arbiter.Run(m_manager).IsSuccess());  // no scanners: only builds the media list
+  int s1, s2, s3;
+  CVolumeWorkUnitPtr p1 = arbiter.GetNextVolumeWorkUnit(&s1);
+  CVolumeWorkUnitPtr p2 = arbiter.GetNextVolumeWorkUnit(&s2);
+  ASSERT_TRUE(p1 && p2);
+  EXPECT_EQ(p1->GetLocalVolumeName(), m_tree.Path("mA/v0"));
+  EXPECT_EQ(p2->GetLocalVolumeName(), m_tree.Path("mB/v0"));
+  EXPECT_FALSE(arbiter.GetNextVolumeWorkUnit(&s3));  // both media held
+  arbiter.ReturnVolumeWorkUnit(p2, &s3);             // s3 holds nothing: no effect
+  EXPECT_FALSE(arbiter.GetNextVolumeWorkUnit(&s3));
+  arbiter.ReturnVolumeWorkUnit(p1, &s1);
+  arbiter.ReturnVolumeWorkUnit(p1, &s1);  // a second return finds no entry
+  CVolumeWorkUnitPtr p3 = arbiter.GetNextVolumeWorkUnit(&s3);
+  ASSERT_TRUE(p3);
+  EXPECT_EQ(p3->GetLocalVolumeName(), m_tree.Path("mA/v1"));
+  EXPECT_FALSE(arbiter.GetNextVolumeWorkUnit(&s1));
+  arbiter.ReturnVolumeWorkUnit(p3, &s3);
+  EXPECT_FALSE(arbiter.GetNextVolumeWorkUnit(&s1));  // mA exhausted, mB held
+}
+
+// Whole runs with several scanners over several media.
+struct SScheduleCase {
+  const char* pszName;
+  int iMedia;
+  int iVolumes;
+  int iScanners;
+  bool bThreadless;  // thread creation fails: scanners run on the arbiter's thread
+};
+
+class ScanArbiterScheduleTest : public ScanArbiterTest,
+                                public ::testing::WithParamInterface<SScheduleCase> {};
+
+TEST_P(ScanArbiterScheduleTest, OneScannerPerMediumVolumesInOrder) {
+  const SScheduleCase& c = GetParam();
+  CLogCapture log;
+  AddMedia(c.iMedia, c.iVolumes);
+  auto pEngine = AddEngine("A");
+  std::map<std::string, std::shared_ptr<FXEvent>> mapRendezvous;
+  // Two media and at least two threads: each medium's first engine waits for the other's.
+  const bool bRendezvous = c.iMedia == 2 && c.iScanners >= 2 && !c.bThreadless;
+  if (bRendezvous) {
+    for (const char* psz : {"mA", "mB"}) mapRendezvous[psz] = FXEvent::Create(FXEvent::EResetMode::Manual);
+    pEngine->m_pRendezvous = &mapRendezvous;
+  }
+  std::unique_ptr<CScanArbiter> pArbiter =
+      c.bThreadless ? std::make_unique<CThreadlessArbiter>(7, c.iScanners, m_pCallback)
+                    : std::make_unique<CScanArbiter>(7, c.iScanners, m_pCallback);
+  ASSERT_TRUE(pArbiter->Run(m_manager).IsSuccess());
+
+  EXPECT_FALSE(m_journal.bOverlapOnOneMedium);
+  EXPECT_LE(m_journal.iMaxActiveTotal, std::min(c.iMedia, c.iScanners));
+  if (bRendezvous) {
+    EXPECT_FALSE(pEngine->m_bRendezvousTimedOut);
+    EXPECT_EQ(m_journal.iMaxActiveTotal, 2);
+  }
+  EXPECT_EQ(m_journal.lstVolumes.size(), static_cast<size_t>(c.iMedia * c.iVolumes));
+  for (const auto& [strMedium, lstOrder] : m_journal.mapOrder) {
+    std::vector<std::string> lstExpected;
+    for (int v = 0; v < c.iVolumes; ++v) lstExpected.push_back(m_tree.Path(strMedium + "/v" + std::to_string(v)));
+    EXPECT_EQ(lstOrder, lstExpected) << strMedium;
+  }
+  EXPECT_EQ(m_journal.uEntriesSeen, static_cast<size_t>(c.iMedia * c.iVolumes * 2));  // sub, file
+  for (const CWorkUnitPtr& pUnit : m_lstUnits) EXPECT_EQ(pUnit->DispositionAsString(), "Processed(A)");
+  EXPECT_EQ(log->Count("No more work units to process", 3), static_cast<size_t>(c.iScanners));
+  EXPECT_EQ(log->Count("Falling back to direct scanner execution...", 0),
+            c.bThreadless ? static_cast<size_t>(c.iScanners) : 0u);
+  EXPECT_EQ(log->Count("Run completed", 2), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Schedules, ScanArbiterScheduleTest,
+    ::testing::Values(SScheduleCase{"TwoMediaFourScanners", 2, 3, 4, false},
+                      SScheduleCase{"TwoMediaTwoScanners", 2, 3, 2, false},
+                      SScheduleCase{"ThreeMediaOneScanner", 3, 2, 1, false},
+                      SScheduleCase{"NoMedia", 0, 0, 3, false},
+                      SScheduleCase{"ThreadsCannotBeCreated", 2, 2, 2, true}),
+    [](const auto& info) { return std::string(info.param.pszName); });
+
+// The engine trial on the first unit of medium mA (one scanner; mA holds two volumes, the second
+// always succeeds unless the scan has ended).
+struct STrialCase {
+  const char* pszName;
+  std::vector<SResult> lstEngines;  // engines "A", "B", ... and their answer for mA/v0
+  bool bAbort = false, bSkip = false, bTryNext = true;  // OnScannerError's answer
+  bool bNoScanUnit = false;                             // mA/v0 is marked "NC"
+  const char* pszCalls;        // engines called for mA/v0
+  const char* pszDisposition;  // of mA/v0
+  size_t uOnScannerError;      // OnScannerError calls
+  bool bEndsScan;              // Abort called, Run answers 995, mA/v1 never scanned
+  size_t uFailedLog;           // "Failed to scan work unit" lines
+  size_t uMissingLog;          // content-missing lines
+  std::optional<uint32_t> eventId = std::nullopt;
+  const char* pszEventText = "";
+  const char* pszEventArgs = "";
+};
+
+class ScanArbiterTrialTest : public ScanArbiterTest, public ::testing::WithParamInterface<STrialCase> {};
+
+TEST_P(ScanArbiterTrialTest, EngineTrial) {
+  const STrialCase& c = GetParam();
+  CLogCapture log;
+  AddMedia(1, 2);
+  for (size_t i = 0; i < c.lstEngines.size(); ++i) AddEngine(std::string(1, static_cast<char>('A' + i)), c.lstEngines[i]);
+  m_pCallback->m_bAbort = c.bAbort;
+  m_pCallback->m_bSkip = c.bSkip;
+  m_pCallback->m_bTryNext = c.bTryNext;
+  if (c.bNoScanUnit) m_lstUnits[0]->SetDisposition(CScanner::kNoScanProcessor, 0);
+
+  CScanArbiter arbiter(7, 1, m_pCallback);
+  CQiError error = arbiter.Run(m_manager);
+
+  const std::string strV0 = m_tree.Path("mA/v0");
+  std::string strCallsV0;
+  for (size_t i = 0; i < m_journal.lstVolumes.size(); ++i) {
+    if (m_journal.lstVolumes[i] == strV0) strCallsV0 += m_journal.strCalls[i];
+  }
+  EXPECT_EQ(strCallsV0, c.pszCalls);
+  EXPECT_EQ(m_lstUnits[0]->DispositionAsString(), c.pszDisposition);
+  EXPECT_EQ(m_pCallback->m_lstErrorCodes.size(), c.uOnScannerError);
+  EXPECT_EQ(m_pCallback->m_iAbortCalls.load(), c.bEndsScan ? 1 : 0);
+  EXPECT_EQ(error.IsWin32(QiErrorCode::OperationAborted), c.bEndsScan) << error.AsString();
+  EXPECT_EQ(error.IsSuccess(), !c.bEndsScan);
+  EXPECT_EQ(m_lstUnits[1]->IsSuccessfullyProcessed(), !c.bEndsScan);
+  EXPECT_EQ(log->CountContaining("Failed to scan work unit, WorkUnit=[", -1), c.uFailedLog);
+  EXPECT_EQ(log->Count("Scanner reported that content is missing or inaccessible, skipping and continuing "
+                       "with rest of the content",
+                       -1),
+            c.uMissingLog);
+  EXPECT_EQ(log->Count("WorkUnit marked completed.", 0), c.bNoScanUnit ? 1u : 0u);
+  if (!c.bNoScanUnit) {
+    std::string strVolumeName;
+    ASSERT_TRUE(m_lstUnits[0]->GetBag()->Read("VolumeName", strVolumeName).IsSuccess());
+    EXPECT_EQ(strVolumeName, strV0);
+  }
+  ASSERT_EQ(m_pSink->m_lstEvents.size(), c.eventId ? 1u : 0u);
+  if (c.eventId) {
+    EXPECT_EQ(m_pSink->m_lstEvents[0].uId, *c.eventId);
+    EXPECT_EQ(m_pSink->m_lstEvents[0].strText, c.pszEventText);
+    EXPECT_EQ(m_pSink->m_lstEvents[0].strArgs, c.pszEventArgs);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Trials, ScanArbiterTrialTest,
+    ::testing::Values(
+        STrialCase{.pszName = "FirstSuccessWins", .lstEngines = {kOk, kOk}, .pszCalls = "A",
+                   .pszDisposition = "Processed(A)", .uOnScannerError = 0, .bEndsScan = false,
+                   .uFailedLog = 0, .uMissingLog = 0},
+        STrialCase{.pszName = "NotSupportedPassesOn", .lstEngines = {Win32(50), kOk, kOk}, .pszCalls = "AB",
+                   .pszDisposition = "Processed(B)", .uOnScannerError = 1, .bEndsScan = false,
+                   .uFailedLog = 0, .uMissingLog = 0},
+        STrialCase{.pszName = "AllRefuse", .lstEngines = {Win32(50), Win32(50)}, .pszCalls = "AB",
+                   .pszDisposition = "Failed(B=50)", .uOnScannerError = 2, .bEndsScan = false,
+                   .uFailedLog = 1, .uMissingLog = 0},
+        STrialCase{.pszName = "TryNextFalseStopsTrial", .lstEngines = {Win32(87), kOk}, .bTryNext = false,
+                   .pszCalls = "A", .pszDisposition = "Failed(A=87)", .uOnScannerError = 1,
+                   .bEndsScan = false, .uFailedLog = 1, .uMissingLog = 0},
+        STrialCase{.pszName = "SkipIsHandledQuietly", .lstEngines = {Win32(87), kOk}, .bSkip = true,
+                   .pszCalls = "A", .pszDisposition = "Failed(A=87)", .uOnScannerError = 1,
+                   .bEndsScan = false, .uFailedLog = 0, .uMissingLog = 0},
+        STrialCase{.pszName = "AbortFromOnScannerError", .lstEngines = {Win32(50), kOk}, .bAbort = true,
+                   .pszCalls = "A", .pszDisposition = "Failed(A=50)", .uOnScannerError = 1,
+                   .bEndsScan = true, .uFailedLog = 0, .uMissingLog = 0},
+        STrialCase{.pszName = "EngineAborted", .lstEngines = {Win32(995), kOk}, .pszCalls = "A",
+                   .pszDisposition = "Failed(A=995)", .uOnScannerError = 0, .bEndsScan = false,
+                   .uFailedLog = 1, .uMissingLog = 0},
+        STrialCase{.pszName = "ContentMissingErrNo", .lstEngines = {ErrNo(ENOENT), kOk}, .pszCalls = "A",
+                   .pszDisposition = "Failed(A=2)", .uOnScannerError = 0, .bEndsScan = false,
+                   .uFailedLog = 0, .uMissingLog = 1},
+        STrialCase{.pszName = "NoContentWin32", .lstEngines = {Win32(232), kOk}, .pszCalls = "A",
+                   .pszDisposition = "Failed(A=232)", .uOnScannerError = 0, .bEndsScan = false,
+                   .uFailedLog = 0, .uMissingLog = 1},
+        STrialCase{.pszName = "OutOfMemoryEndsScan", .lstEngines = {ErrNo(ENOMEM), kOk}, .pszCalls = "A",
+                   .pszDisposition = "Failed(A=12)", .uOnScannerError = 0, .bEndsScan = true,
+                   .uFailedLog = 0, .uMissingLog = 0, .eventId = 0x11000002u,
+                   .pszEventText = "File Scan: Memory allocation error while proccessing the directory"},
+        STrialCase{.pszName = "TooManyOpenFilesEndsScan", .lstEngines = {ErrNo(EMFILE), kOk}, .pszCalls = "A",
+                   .pszDisposition = "Failed(A=24)", .uOnScannerError = 0, .bEndsScan = true,
+                   .uFailedLog = 0, .uMissingLog = 0, .eventId = 0x1100008Bu, .pszEventArgs = "9, 0"},
+        STrialCase{.pszName = "NoSpaceEndsScan", .lstEngines = {ErrNo(ENOSPC), kOk}, .pszCalls = "A",
+                   .pszDisposition = "Failed(A=28)", .uOnScannerError = 0, .bEndsScan = true,
+                   .uFailedLog = 0, .uMissingLog = 0, .eventId = 0x11000002u,
+                   .pszEventText = "File Scan: No space left on device"},
+        STrialCase{.pszName = "NoScanUnitGoesToNoEngine", .lstEngines = {kOk}, .bNoScanUnit = true,
+                   .pszCalls = "", .pszDisposition = "Processed(NC)", .uOnScannerError = 0,
+                   .bEndsScan = false, .uFailedLog = 0, .uMissingLog = 0}),
+    [](const auto& info) { return std::string(info.param.pszName); });
+
+// No engine at all is a misconfiguration the process does not survive.
+TEST_F(ScanArbiterTest, EmptyEngineListStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  AddMedia(1, 1);
+  EXPECT_DEATH(
+      {
+        CLogWriterInterface::SetProcessLogWriter(std::make_shared<CFileLogWriter>(-1));
+        CScanArbiter arbiter(7, 1, m_pCallback);
+        (void)arbiter.Run(m_manager);
+      },
+      "No scan engine is configured, stopping the process");
+}
+
+}  // namespace
