@@ -1,0 +1,288 @@
+// The on-demand engine on real temporary trees: content files listing files and folders, the
+// line "/", empty lines, vanished paths, paths on a second volume (/dev/shm), black-list content,
+// nested volumes (a tmpfs mounted inside the tree, when the test may mount), and a listed folder
+// giving the same items as the FindFirst engine.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Scan/FindFirstScanEngine.h"
+#include "Scan/OnDemandScanEngine.h"
+#include "Scan/ScannerConfigurationBagId.h"
+#include "Support/TempTree.h"
+#include "TraversalTestSupport.h"
+
+using namespace TraversalTestSupport;
+
+namespace {
+
+// Also records the name of every output handler asked for.
+class CNamingCallback : public CTestCallback {
+ public:
+  CQiError GetOutputHandler(const std::string& strName, COutputHandlerPtr& pHandler) override {
+    m_vHandlerNames.push_back(strName);
+    return CTestCallback::GetOutputHandler(strName, pHandler);
+  }
+  std::vector<std::string> m_vHandlerNames;
+};
+
+// A temporary tree on /dev/shm, the second volume of the test machine.
+std::unique_ptr<CTempTree> MakeShmTree() {
+  const char* szOld = getenv("TMPDIR");
+  const std::string strOld = szOld != nullptr ? szOld : "";
+  setenv("TMPDIR", "/dev/shm", 1);
+  auto pTree = std::make_unique<CTempTree>();
+  if (szOld != nullptr) {
+    setenv("TMPDIR", strOld.c_str(), 1);
+  } else {
+    unsetenv("TMPDIR");
+  }
+  return pTree;
+}
+
+std::string WriteContentFile(const std::string& strPath, const std::vector<std::string>& lstLines) {
+  std::ofstream out(strPath, std::ios::binary);
+  for (const std::string& strLine : lstLines) out << strLine << '\n';
+  return strPath;
+}
+
+// A volume work unit of the root volume whose scan paths name the given content files.
+CVolumeWorkUnitPtr MakeVolume(const std::vector<std::string>& lstContentFiles, CWorkUnitPtr& pUnit) {
+  pUnit = std::make_shared<CWorkUnit>();
+  pUnit->SetLocalVolumeName("/");
+  pUnit->SetSourceVolumeName("/");
+  for (const std::string& strFile : lstContentFiles) {
+    pUnit->AddScanPath(std::make_shared<CScanPath>(strFile, strFile));
+    (void)pUnit->AddScanContentItem(strFile);
+  }
+  auto pVolume = std::make_shared<CVolumeWorkUnit>();
+  pVolume->AddWorkUnit(pUnit);
+  return pVolume;
+}
+
+// ---- content files ----
+
+struct SContentCase {
+  const char* szName;
+  std::vector<std::string> lstLines;      // "%R" the tree, "%S" the /dev/shm tree
+  int iAutoExpand;                        // -1 unset, else the value of "OnDemand::AutoExpandDirs"
+  bool bMissingContentFileFirst;          // a content file that does not exist comes first
+  std::vector<std::string> lstBlackList;
+  std::vector<std::string> lstReported;
+  std::vector<std::string> lstFailureLines;
+  std::vector<std::string> lstHandlerNames;
+  const char* szLogLine;                  // one level-0 line expected exactly once, or null
+  size_t nHandlerChanges;                 // "Changing output handler" lines
+};
+
+const SContentCase kContentCases[] = {
+    {"ListedFilesAreReported", {"%R/a.txt", "%R/dir/b.txt"}, -1, false, {},
+     {"%R/a.txt", "%R/dir/b.txt"}, {}, {"/"}, nullptr, 0},
+    {"ListedFolderIsExpanded", {"%R/dir"}, -1, false, {},
+     {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt", "%R/dir/skip", "%R/dir/skip/d.txt"}, {},
+     {"/"}, nullptr, 0},
+    {"ListedFolderNotExpanded", {"%R/dir", "%R/a.txt"}, 0, false, {}, {"%R/a.txt"}, {}, {"/"},
+     nullptr, 0},
+    {"RootLineIsNeverScanned", {"/"}, -1, false, {}, {}, {}, {}, "Not Processing [/] as content.", 0},
+    {"EmptyLinesAreSkipped", {"", "%R/a.txt", ""}, -1, false, {}, {"%R/a.txt"}, {}, {"/"}, nullptr, 0},
+    {"MissingContentFileIsSkipped", {"%R/a.txt"}, -1, true, {}, {"%R/a.txt"}, {}, {"/"},
+     "Unable open content file (%O/none), not processing it.", 0},
+    {"VanishedPathIsRecorded", {"%R/gone", "%R/dir/gone/x", "%R/a.txt"}, -1, false, {},
+     {"%R/a.txt"}, {"folder %R/gone:2", "folder %R/dir/gone/x:2"}, {"/"},
+     "Path does not exist, NOT adding content [%R/gone]", 0},
+    {"RelativePathIsRecorded", {"a.txt", "%R/a.txt"}, -1, false, {}, {"%R/a.txt"},
+     {"folder a.txt:87"}, {"/"}, nullptr, 0},
+    {"NonUtf8NameIsReported", {"%R/bad\xff\xfe"}, -1, false, {}, {"%R/bad\xff\xfe"}, {}, {"/"},
+     nullptr, 0},
+    {"OtherVolumeSwitchesHandler",
+     {"%R/a.txt", "%S/s.txt", "%S/sdir", "%R/dir/b.txt", "%R/dir/sub/c.txt"}, -1, false, {},
+     {"%R/a.txt", "%S/s.txt", "%S/sdir/t.txt", "%R/dir/b.txt", "%R/dir/sub/c.txt"}, {},
+     {"/", "/dev/shm/", "/"}, nullptr, 2},
+    {"BlackListContentIsLeftOut", {"%R/dir", "%R/a.txt", "%R/other/e.txt"}, -1, false,
+     {"%R/dir/skip", "%R/a.txt", "%R/other"}, {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt"},
+     {}, {"/"}, nullptr, 0},
+};
+
+class OnDemandContent : public ::testing::TestWithParam<SContentCase> {};
+
+TEST_P(OnDemandContent, ReportsExactlyTheListedPaths) {
+  const SContentCase& row = GetParam();
+  CLogCapture log;
+  CTempTree tree, out;
+  std::unique_ptr<CTempTree> pShm = MakeShmTree();
+  tree.MakeFile("a.txt", "aa");
+  tree.MakeFile("dir/b.txt", "b");
+  tree.MakeFile("dir/sub/c.txt");
+  tree.MakeFile("dir/skip/d.txt");
+  tree.MakeFile("other/e.txt");
+  tree.MakeFile("bad\xff\xfe");
+  pShm->MakeFile("s.txt");
+  pShm->MakeFile("sdir/t.txt");
+  auto expand = [&](std::string strText) {
+    for (const auto& [szToken, strValue] :
+         {std::pair<const char*, std::string>{"%R", tree.Root()}, {"%S", pShm->Root()}, {"%O", out.Root()}})
+      for (size_t pos; (pos = strText.find(szToken)) != std::string::npos;) strText.replace(pos, 2, strValue);
+    return strText;
+  };
+  auto expandAll = [&](const std::vector<std::string>& lstIn) {
+    std::vector<std::string> lstOut;
+    for (const std::string& strText : lstIn) lstOut.push_back(expand(strText));
+    return lstOut;
+  };
+
+  auto pCallback = std::make_shared<CNamingCallback>();
+  pCallback->UseFailuresFile(out.Path("failures"));
+  if (row.iAutoExpand >= 0)
+    pCallback->Set(COnDemandScanEngine::kParamAutoExpandDirs, row.iAutoExpand != 0);
+  COnDemandScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  engine.SetBlackListScanContent(expandAll(row.lstBlackList));
+  std::vector<std::string> lstContentFiles;
+  if (row.bMissingContentFileFirst) lstContentFiles.push_back(out.Path("none"));
+  lstContentFiles.push_back(WriteContentFile(out.Path("content"), expandAll(row.lstLines)));
+  CWorkUnitPtr pUnit;
+
+  ASSERT_TRUE(engine.ProcessVolumeWorkUnit(MakeVolume(lstContentFiles, pUnit)).IsSuccess());
+
+  EXPECT_EQ(pUnit->DispositionAsString(), "Processed(OD)");
+  std::vector<std::string> lstPaths = pCallback->m_pHandler->Paths();
+  std::vector<std::string> lstExpected = expandAll(row.lstReported);
+  EXPECT_EQ(std::multiset<std::string>(lstPaths.begin(), lstPaths.end()),
+            std::multiset<std::string>(lstExpected.begin(), lstExpected.end()));
+  EXPECT_EQ(pCallback->FailureLines(), expandAll(row.lstFailureLines));
+  std::vector<std::string> lstHandlerNames = expandAll(row.lstHandlerNames);
+  EXPECT_EQ(pCallback->m_vHandlerNames, lstHandlerNames);
+  // Every handler opened is closed again.
+  EXPECT_EQ(pCallback->m_pHandler->m_iInitialized.load(), static_cast<int>(lstHandlerNames.size()));
+  EXPECT_EQ(pCallback->m_pHandler->m_iCompleted.load(), static_cast<int>(lstHandlerNames.size()));
+  EXPECT_FALSE(engine.GetOutputHandler());
+  if (row.szLogLine != nullptr) {
+    EXPECT_EQ(log->Count(expand(row.szLogLine), 0), 1u);
+  }
+  EXPECT_EQ(log->CountContaining("Changing output handler. Original scan path = [", 0), row.nHandlerChanges);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lines, OnDemandContent, ::testing::ValuesIn(kContentCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// The exact messages of a folder on the second volume, with the switch from the root volume.
+TEST(OnDemandMessages, FolderOnOtherVolume) {
+  CLogCapture log;
+  CTempTree tree, out;
+  std::unique_ptr<CTempTree> pShm = MakeShmTree();
+  const std::string strFile = tree.MakeFile("a.txt");
+  pShm->MakeFile("sdir/t.txt");
+  const std::string strFolder = pShm->Path("sdir");
+  auto pCallback = std::make_shared<CNamingCallback>();
+  COnDemandScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  CWorkUnitPtr pUnit;
+  ASSERT_TRUE(engine.ProcessVolumeWorkUnit(
+                        MakeVolume({WriteContentFile(out.Path("content"), {strFile, strFolder})}, pUnit))
+                  .IsSuccess());
+
+  for (const std::string& strLine :
+       {"For scan path = [" + strFolder + "] Source volume  = [/], current volume path = [/dev/shm/]",
+        "Content [" + strFolder + "] is a directory, check nested mount points.",
+        "Traversing path [" + strFolder + "] for source path [" + strFolder + "]",
+        "Content = " + strFolder + " is a directory"})
+    EXPECT_EQ(log->Count(strLine, 5), 1u) << strLine;
+  EXPECT_EQ(log->Count("Traversing path [" + strFolder + "]", 5), 2u);
+  EXPECT_EQ(log->Count("Changing output handler. Original scan path = [" + strFolder +
+                           "], current volume = [/], new volume = [/dev/shm/]",
+                       0),
+            1u);
+}
+
+// ---- a listed folder gives what the FindFirst engine gives ----
+
+TEST(OnDemandFolder, SameItemsAsFindFirst) {
+  CTempTree tree, out;
+  for (const std::string& strName : AwkwardNames()) tree.MakeFile("top/" + strName, "x");
+  tree.MakeFile("top/deep/er/f", "12345");
+  tree.MakeDir("top/empty");
+  tree.MakeSymlink("top/link", "deep");
+  tree.MakeFifo("top/fifo");
+  const std::string strTop = tree.Path("top");
+
+  auto pFindFirstCallback = std::make_shared<CTestCallback>();
+  CFindFirstScanEngine findFirst;
+  (void)findFirst.SetScannerCallback(pFindFirstCallback);
+  auto pUnit = std::make_shared<CWorkUnit>();
+  pUnit->SetLocalVolumeName("/");
+  pUnit->SetSourceVolumeName("/");
+  pUnit->AddScanPath(std::make_shared<CScanPath>(strTop, strTop));
+  ASSERT_TRUE(pUnit->AddScanContentItem(strTop).IsSuccess());
+  ASSERT_TRUE(findFirst.ProcessWorkUnit(pUnit).IsSuccess());
+
+  auto pCallback = std::make_shared<CTestCallback>();
+  COnDemandScanEngine onDemand;
+  (void)onDemand.SetScannerCallback(pCallback);
+  CWorkUnitPtr pOnDemandUnit;
+  ASSERT_TRUE(onDemand
+                  .ProcessVolumeWorkUnit(
+                      MakeVolume({WriteContentFile(out.Path("content"), {strTop})}, pOnDemandUnit))
+                  .IsSuccess());
+
+  std::vector<SRecord> lstExpected = pFindFirstCallback->m_pHandler->Records();
+  std::vector<SRecord> lstActual = pCallback->m_pHandler->Records();
+  ASSERT_EQ(lstExpected.size(), AwkwardNames().size() + 6);
+  EXPECT_EQ(std::multiset<SRecord>(lstActual.begin(), lstActual.end()),
+            std::multiset<SRecord>(lstExpected.begin(), lstExpected.end()));
+}
+
+// ---- nested volumes ----
+
+// A tmpfs mounted inside the tree while it lives; unmounted again before the tree goes.
+class CScopedTmpfs {
+ public:
+  explicit CScopedTmpfs(const std::string& strPath) : m_strPath(strPath) {
+    m_bMounted = mount("ondemand-test", strPath.c_str(), "tmpfs", 0, "size=1m") == 0;
+  }
+  ~CScopedTmpfs() {
+    if (m_bMounted) umount2(m_strPath.c_str(), MNT_DETACH);
+  }
+  bool IsMounted() const { return m_bMounted; }
+
+ private:
+  std::string m_strPath;
+  bool m_bMounted = false;
+};
+
+TEST(OnDemandNestedVolume, LeftToItsOwnEntry) {
+  CLogCapture log;
+  CTempTree tree, out;
+  tree.MakeFile("dir/b.txt");
+  const std::string strMount = tree.MakeDir("dir/mnt");
+  CScopedTmpfs tmpfs(strMount);
+  if (!tmpfs.IsMounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  tree.MakeFile("dir/mnt/x.txt");
+  tree.MakeFile("dir/mnt/y/z.txt");
+
+  auto pCallback = std::make_shared<CNamingCallback>();
+  COnDemandScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  CWorkUnitPtr pUnit;
+  ASSERT_TRUE(engine.ProcessVolumeWorkUnit(
+                        MakeVolume({WriteContentFile(out.Path("content"), {tree.Path("dir")})}, pUnit))
+                  .IsSuccess());
+
+  // Each object once: the mount point is not reported from the outer volume, its contents come
+  // from the nested volume's own traversal, under its own output handler.
+  std::vector<std::string> lstPaths = pCallback->m_pHandler->Paths();
+  EXPECT_EQ(std::multiset<std::string>(lstPaths.begin(), lstPaths.end()),
+            (std::multiset<std::string>{tree.Path("dir/b.txt"), tree.Path("dir/mnt/x.txt"),
+                                        tree.Path("dir/mnt/y"), tree.Path("dir/mnt/y/z.txt")}));
+  EXPECT_EQ(pCallback->m_vHandlerNames, (std::vector<std::string>{"/", strMount + "/"}));
+  EXPECT_EQ(log->Count("Traversing path [" + strMount + "] for source path [" + tree.Path("dir") + "]", 5), 1u);
+  EXPECT_EQ(log->CountContaining("Filtered by nested volume filter, Folder=(" + tree.Path("dir") + ")", 5), 1u);
+}
+
+}  // namespace
