@@ -1,0 +1,187 @@
+#include "Scan/TraverseFolder2.h"
+
+#include <algorithm>
+
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
+#include "Platform/ScanPerformanceCounter.h"
+#include "Platform/ZRDebugFunction.h"
+#include "Scan/TraverseFolderWorker2.h"
+
+namespace {
+std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
+using Clock = std::chrono::steady_clock;
+}  // namespace
+
+CTraverseFolder2::CTraverseFolder2(CWorkUnitPtr pWorkUnit, CScannerCallbackPtr pCallback)
+    : m_pPrivate(std::make_shared<CTraverseFolderPrivate2>(std::move(pWorkUnit),
+                                                           std::move(pCallback), this)) {}
+
+CTraverseFolder2::~CTraverseFolder2() {
+  if (!m_pPrivate->GetWorkers().empty()) StopWorkers(true);
+}
+
+void CTraverseFolder2::SetExcludedAttributes(unsigned int uExcludedAttributes) {
+  m_pPrivate->m_uExcludedAttributes = uExcludedAttributes;
+}
+void CTraverseFolder2::EnableBuiltInSystemProtectedFilesFilter(bool bEnable) {
+  m_pPrivate->m_bBuiltInSystemProtectedFilesFilter = bEnable;
+}
+void CTraverseFolder2::SetEnhancedSymbolicLinkIdentification(unsigned int uValue) {
+  m_pPrivate->m_uEnhancedSymbolicLinkIdentification = uValue;
+}
+void CTraverseFolder2::SetFollowDFSReparsePoints(bool bFollow) {
+  m_pPrivate->m_bFollowDFSReparsePoints = bFollow;
+}
+void CTraverseFolder2::SetCrossOSNFSBackup(bool bCrossOS) { m_pPrivate->m_bCrossOSNFSBackup = bCrossOS; }
+void CTraverseFolder2::SetAbortCheck(CAbortOperationCheck* pAbortCheck) {
+  m_pPrivate->SetAbortCheck(pAbortCheck);
+}
+void CTraverseFolder2::SetAbortEvent(const FXEventPtr& pEvent) { m_pPrivate->SetAbortEvent(pEvent); }
+void CTraverseFolder2::SetMaxWorkers(int iMaxWorkers) { m_pPrivate->m_iMaxWorkers = iMaxWorkers; }
+void CTraverseFolder2::SetProcessTopLevelContentItem(bool bProcess) {
+  m_pPrivate->m_bProcessTopLevelContentItem = bProcess;
+}
+void CTraverseFolder2::SetWorker(const CTraverseFolderWorker2Ptr& pWorker) {
+  m_pPrivate->SetPrototypeWorker(pWorker);
+}
+
+void CTraverseFolder2::AddFolderToList(const std::string& strInput, const std::string& strOutput) {
+  AddFolderToList(strInput, strOutput, CItemPtr());
+}
+
+void CTraverseFolder2::AddFolderToList(const std::string& strInput) {
+  AddFolderToList(strInput, strInput, CItemPtr());
+}
+
+void CTraverseFolder2::AddFolderToList(const std::string& strInput, const std::string& strOutput,
+                                       CItemPtr pItem) {
+  if (ZRLOG_ON(6))
+    ZRLOG(6, "Adding folder, InputPath=%s, OutputPath=%s", Esc(strInput).c_str(),
+          Esc(strOutput).c_str());
+  m_pPrivate->AddFolder(CFoldersToTraverse2(strInput, strOutput, std::move(pItem)));
+}
+
+void CTraverseFolder2::AddReparsePointToList(const std::string& strInput,
+                                             const std::string& strEndSubstituteName,
+                                             const std::string& strOutput,
+                                             unsigned int uAttributes,
+                                             const std::string& strNextSubstituteName) {
+  if (ZRLOG_ON(6))
+    ZRLOG(6,
+          "Adding reparse point, InputPath=%s, EndSubstituteName=%s, OutputPath=%s, "
+          "NextSubstituteName=%s",
+          Esc(strInput).c_str(), Esc(strEndSubstituteName).c_str(), Esc(strOutput).c_str(),
+          Esc(strNextSubstituteName).c_str());
+  m_pPrivate->AddFolder(CFoldersToTraverse2(strInput, strEndSubstituteName, strOutput, uAttributes,
+                                            strNextSubstituteName));
+}
+
+CQiError CTraverseFolder2::CreateWorkerThreads() {
+  const int iWorkers = std::max(1, m_pPrivate->m_iMaxWorkers);
+  ZRLOG(0, "[%d] Worker threads will be created.", m_pPrivate->m_iMaxWorkers);
+  if (!m_pPrivate->GetPrototypeWorker()) {
+    auto pPrototype = std::make_shared<CTraverseFolderWorker2>(m_pPrivate, 0);
+    if (!pPrototype) return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "No prototype worker");
+    m_pPrivate->SetPrototypeWorker(pPrototype);
+  }
+  std::vector<CTraverseFolderWorker2Ptr>& lstWorkers = m_pPrivate->GetWorkers();
+  for (int i = 1; i <= iWorkers; ++i) {
+    CTraverseFolderWorker2Ptr pWorker = m_pPrivate->GetPrototypeWorker()->CreateWorker(m_pPrivate, i);
+    if (!pWorker) return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "Failed to create worker %d", i);
+    lstWorkers.push_back(pWorker);
+    QI_RETURN_IF_ERROR(pWorker->Start(), "Failed to start worker %d", i);
+  }
+  return CQiError();
+}
+
+void CTraverseFolder2::StopWorkers(bool bWait) {
+  std::vector<CTraverseFolderWorker2Ptr>& lstWorkers = m_pPrivate->GetWorkers();
+  // Ask all first, so that they wind down together, then wait for each.
+  for (const CTraverseFolderWorker2Ptr& pWorker : lstWorkers) (void)pWorker->Stop(false);
+  if (!bWait) return;
+  for (const CTraverseFolderWorker2Ptr& pWorker : lstWorkers) (void)pWorker->Stop(true);
+  lstWorkers.clear();
+}
+
+CQiError CTraverseFolder2::OpenOutputHandler() {
+  const CScannerCallbackPtr& pCallback = m_pPrivate->GetScannerCallback();
+  if (!pCallback) return CQiError();
+  const std::string strVolume =
+      m_pPrivate->GetWorkUnit() ? m_pPrivate->GetWorkUnit()->GetSourceVolumeName() : std::string();
+  COutputHandlerPtr pHandler;
+  QI_RETURN_IF_ERROR(pCallback->GetOutputHandler(strVolume, pHandler),
+                     "GetOutputHandler failed, Volume=[%s]", Esc(strVolume).c_str());
+  if (!pHandler) {
+    // The traversal still runs; its items are dropped.
+    ZRLOG(0, "Output handler is unconfigured");
+    return CQiError();
+  }
+  m_pPrivate->SetOutputHandler(pHandler);
+  QI_RETURN_IF_ERROR(pHandler->Initialize(), "Output handler Initialize failed");
+  return CQiError();
+}
+
+CQiError CTraverseFolder2::CloseOutputHandler() {
+  COutputHandlerPtr pHandler = m_pPrivate->GetOutputHandler();
+  if (!pHandler) return CQiError();
+  m_pPrivate->SetOutputHandler(nullptr);
+  QI_RETURN_IF_ERROR(pHandler->Complete(), "Output handler Complete failed");
+  return CQiError();
+}
+
+CQiError CTraverseFolder2::Traverse() {
+  ZRDEBUG_FUNCTION(2);
+  QI_RETURN_IF_ERROR(OpenOutputHandler());
+  CQiError error = CreateWorkerThreads();
+  if (error.IsError()) {
+    StopWorkers(true);
+    QI_PUSH(error);
+  } else {
+    error = WaitForWorkers();
+  }
+  // The workers are stopped: nothing delivers any more.
+  CQiError closeError = CloseOutputHandler();
+  if (error.IsError()) {
+    if (closeError.IsError())
+      ZRLOG(-1, "CloseOutputHandler failed, error=%s", closeError.AsString().c_str());
+    return error;
+  }
+  QI_RETURN_IF_ERROR(closeError);
+  return CQiError();
+}
+
+CQiError CTraverseFolder2::WaitForWorkers() {
+  Clock::time_point tIntervalStart = Clock::now();
+  for (;;) {
+    // A scan failure is looked at first: the worker that raised it is idle by now, so the
+    // traversal may look done as well.
+    if (m_pPrivate->HasScanFailure()) {
+      CQiError failure = m_pPrivate->GetScanFailure();
+      ZRLOG(1, "Traverse aborted, ScanFailure=%s", failure.AsString().c_str());
+      StopWorkers(true);
+      return QI_PUSH(failure, "Traverse aborted");
+    }
+    if (m_pPrivate->IsDone()) {
+      StopWorkers(true);
+      return CQiError();
+    }
+    if (m_pPrivate->IsAborted()) {
+      ZRLOG(1, "Traverse aborted, FoldersToTraverse=[%llu]",
+            static_cast<unsigned long long>(m_pPrivate->GetFolderCount()));
+      StopWorkers(true);
+      return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
+    }
+    // Woken at once when a worker goes idle, fails or sees an abort, or the abort event is set.
+    (void)FXEvent::WaitAny({m_pPrivate->GetCoordinatorEvent().get(), m_pPrivate->GetAbortEvent().get()},
+                           kCoordinatorWaitMs);
+    if (Clock::now() - tIntervalStart >= kReportInterval) {
+      CScanPerformanceCounter::LogAllCounters();
+      CScanPerformanceCounter::LogThreadCounters();
+      ZRLOG(4, "FoldersToTraverse=[%llu]",
+            static_cast<unsigned long long>(m_pPrivate->GetFolderCount()));
+      tIntervalStart = Clock::now();
+    }
+  }
+}

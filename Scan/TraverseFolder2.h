@@ -1,0 +1,82 @@
+// CTraverseFolder2: the coordinator of the second-generation folder traversal, the one that the
+// Traverse scan engine (CTraverseScanEngine) drives.
+//
+// Use: build it from the work unit and the scanner callback, queue the content roots
+// (AddFolderToList), set the configuration, then Traverse(). Traverse opens the callback's output
+// handler for the work unit's source volume, starts the workers (CTraverseFolderWorker2, always
+// at least one: the coordinator never lists folders itself) and waits until
+//   - a worker raised a scan failure: the traversal ends with that failure ("Traverse aborted"),
+//   - the queue is empty and every worker idle: success,
+//   - the abort check or abort event says aborted: Win32 995 "Operation aborted".
+// The workers filter the entries, send selected items to the output handler and write failures
+// to the scan-failure consumer; see CTraverseFolderWorker2.
+//
+// Workers are made by asking a prototype worker (SetWorker; by default a CTraverseFolderWorker2)
+// for new workers of its own kind, so a subclass's prototype yields subclass workers.
+//
+// Threads: the owner calls the setters and Traverse on one thread; the queue entry points are
+// also called by the workers. The destructor stops workers that still run.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "Platform/FXEvent.h"
+#include "Platform/QiError.h"
+#include "Scan/AbortOperationCheck.h"
+#include "Scan/Item.h"
+#include "Scan/ScannerCallback.h"
+#include "Scan/TraverseFolderPrivate2.h"
+#include "Scan/WorkUnit.h"
+
+class CTraverseFolder2 {
+ public:
+  // The coordinator's longest wait, and the interval of the periodic counter logging.
+  static constexpr uint32_t kCoordinatorWaitMs = 10000;
+  static constexpr std::chrono::seconds kReportInterval{1800};
+
+  CTraverseFolder2(CWorkUnitPtr pWorkUnit, CScannerCallbackPtr pCallback);
+  virtual ~CTraverseFolder2();
+  CTraverseFolder2(const CTraverseFolder2&) = delete;
+  CTraverseFolder2& operator=(const CTraverseFolder2&) = delete;
+
+  // Makes and starts the workers (the maximum number, from the prototype).
+  virtual CQiError CreateWorkerThreads();
+
+  // Walks the queued folders; see the class comment.
+  CQiError Traverse();
+
+  void SetExcludedAttributes(unsigned int uExcludedAttributes);
+  void EnableBuiltInSystemProtectedFilesFilter(bool bEnable);
+  void SetEnhancedSymbolicLinkIdentification(unsigned int uValue);
+  void SetFollowDFSReparsePoints(bool bFollow);
+  void SetCrossOSNFSBackup(bool bCrossOS);
+  void SetAbortCheck(CAbortOperationCheck* pAbortCheck);
+  void SetAbortEvent(const FXEventPtr& pEvent);
+  void SetMaxWorkers(int iMaxWorkers);
+  void SetProcessTopLevelContentItem(bool bProcess);
+  // The prototype worker; it must be built on this traversal's private state (GetPrivate).
+  void SetWorker(const CTraverseFolderWorker2Ptr& pWorker);
+  const CTraverseFolderPrivate2Ptr& GetPrivate() const { return m_pPrivate; }
+
+  // Queue entry points (thread-safe).
+  void AddFolderToList(const std::string& strInput, const std::string& strOutput);
+  void AddFolderToList(const std::string& strInput);
+  // A folder whose item is already known (met in a listing).
+  void AddFolderToList(const std::string& strInput, const std::string& strOutput, CItemPtr pItem);
+  void AddReparsePointToList(const std::string& strInput, const std::string& strEndSubstituteName,
+                             const std::string& strOutput, unsigned int uAttributes,
+                             const std::string& strNextSubstituteName);
+
+ private:
+  // Asks every worker to stop, then (with bWait) waits for each and releases them.
+  void StopWorkers(bool bWait);
+  CQiError OpenOutputHandler();
+  CQiError CloseOutputHandler();
+  CQiError WaitForWorkers();
+
+  CTraverseFolderPrivate2Ptr m_pPrivate;
+};
+
+using CTraverseFolder2Ptr = std::shared_ptr<CTraverseFolder2>;

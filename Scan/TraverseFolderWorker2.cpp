@@ -1,0 +1,221 @@
+#include "Scan/TraverseFolderWorker2.h"
+
+#include "Platform/AutoTimeCounter.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXString.h"
+#include "Platform/ScanPerformanceCounterSet.h"
+#include "Scan/EnumerateFiles.h"
+#include "Scan/ScannerConfigurationBagId.h"
+#include "Scan/TraverseFolder2.h"
+
+namespace {
+// Listings stop between entries on an abort and also once another worker has raised a scan
+// failure, so that the traversal winds down at once.
+class CWorkerAbortCheck : public CAbortOperationCheck {
+ public:
+  explicit CWorkerAbortCheck(const CTraverseFolderPrivate2& shared) : m_shared(shared) {}
+  bool IsAborted() const override { return m_shared.IsAborted() || m_shared.HasScanFailure(); }
+
+ private:
+  const CTraverseFolderPrivate2& m_shared;
+};
+}  // namespace
+
+// The worker's folder lister: the first-generation listing and filtering (CEnumerateFiles) with
+// the item path redirected to the traversal's output handler, its queue and the callback's
+// scan-failure consumer. It is used for single folders only (TraverseFolder), never traversed.
+class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
+ public:
+  explicit CFolderLister(CTraverseFolderPrivate2& shared)
+      : CEnumerateFiles(nullptr), m_shared(shared), m_abortCheck(shared) {
+    const CWorkUnitPtr& pUnit = shared.GetWorkUnit();
+    SetExcludedAttributes(shared.m_uExcludedAttributes);
+    EnableBuiltInSystemProtectedFilesFilter(shared.m_bBuiltInSystemProtectedFilesFilter);
+    if (pUnit) {
+      SetWorkUnitBag(pUnit->GetBag());
+      SetScanContent(pUnit->GetScanContent());
+      SetFilters(pUnit->GetFilters());
+      SetSystemFilters(pUnit->GetSystemFilters());
+    }
+    SetAbortCheck(&m_abortCheck);
+  }
+
+  CQiError OnTraverseFolder(CItemPtr pFolder, const std::string& strInput,
+                            const std::string& strOutput) override {
+    m_shared.GetTraversal()->AddFolderToList(strInput, strOutput, std::move(pFolder));
+    return CQiError();
+  }
+
+  CQiError OnTraverseReparsePoint(CItemPtr /*pItem*/, const std::string& strInput,
+                                  const std::string& strEndSubstituteName,
+                                  const std::string& strOutput, unsigned int uAttributes,
+                                  const std::string& strNextSubstituteName) override {
+    m_shared.GetTraversal()->AddReparsePointToList(strInput, strEndSubstituteName, strOutput,
+                                                   uAttributes, strNextSubstituteName);
+    return CQiError();
+  }
+
+  CQiError OnFolder(const std::string& strInput, const std::string& strOutput,
+                    CItemPtr& pItem) override {
+    if (!IsFiltered(pItem, strOutput)) {
+      QI_RETURN_IF_ERROR(Deliver(pItem));
+    } else if (!IsMatchPossibleInFolder(pItem, strOutput)) {
+      return CQiError();
+    }
+    QI_RETURN_IF_ERROR(CScanTraverseFolder::OnFolder(strInput, strOutput, pItem));
+    return CQiError();
+  }
+
+  CQiError OnFile(const std::string& /*strInput*/, const std::string& strOutput,
+                  CItemPtr& pItem) override {
+    if (!IsFiltered(pItem, strOutput)) QI_RETURN_IF_ERROR(Deliver(pItem));
+    return CQiError();
+  }
+
+  CQiError OnReparsePointFile(const std::string& strInput, const std::string& strOutput,
+                              CItemPtr& pItem) override {
+    return OnFile(strInput, strOutput, pItem);
+  }
+
+  // A link to a folder is reported like any link and never followed.
+  CQiError OnReparsePointFolder(const std::string& strInput, const std::string& strOutput,
+                                CItemPtr& pItem) override {
+    return OnFile(strInput, strOutput, pItem);
+  }
+
+  CQiError OnFailedContent(const std::string& strInput, const std::string& strOutput,
+                           bool /*bIsFile*/, const CQiError& error) override {
+    CAutoTimeCounter timer(EScanPerfCounterType::TIME_FAILED_CONTENT);
+    const CScannerCallbackPtr& pCallback = m_shared.GetScannerCallback();
+    CItemConsumerPtr pConsumer;
+    if (!pCallback || pCallback->GetScanFailureConsumer(pConsumer).IsError() || !pConsumer) {
+      ZRLOG(5, "Not supported");
+      return CQiError();
+    }
+    QI_RETURN_IF_ERROR(WriteFailureRecord(pConsumer, GetBag(), strInput, strOutput, error));
+    return CQiError();
+  }
+
+ private:
+  // Hands a selected item to the volume's output handler; a refusal (Win32 50) skips it.
+  CQiError Deliver(CItemPtr& pItem) {
+    const COutputHandlerPtr& pHandler = m_shared.GetOutputHandler();
+    if (!pHandler) return CQiError();
+    CQiError error = pHandler->OnItem(pItem);
+    if (error.IsWin32(QiErrorCode::NotSupported)) {
+      if (ZRLOG_ON(7))
+        ZRLOG(7, "Output handler refused item, Path=%s, error=%s",
+              FXString::EscapeControl(pItem->GetSourceFullyQualifiedItemName()).c_str(),
+              error.AsString().c_str());
+      return CQiError();
+    }
+    if (error.IsError())
+      return QI_PUSH(error, "OnItem failed, Path=%s",
+                     FXString::EscapeControl(pItem->GetSourceFullyQualifiedItemName()).c_str());
+    return CQiError();
+  }
+
+  CTraverseFolderPrivate2& m_shared;
+  CWorkerAbortCheck m_abortCheck;
+};
+
+CTraverseFolderWorker2::CTraverseFolderWorker2(CTraverseFolderPrivate2Ptr pPrivate, int iIndex)
+    : CAlertableEventThread("TraverseWkr2-" + std::to_string(iIndex)),
+      m_pPrivate(std::move(pPrivate)),
+      m_iIndex(iIndex) {
+  if (CLogWriterInterfaceThreadWrapper* pWrapper =
+          CLogWriterInterfaceThreadWrapper::CurrentForThread()) {
+    m_pLogWriter = pWrapper->GetWriter()->shared_from_this();
+    m_strLogContext = pWrapper->GetContext();
+  }
+}
+
+CTraverseFolderWorker2::~CTraverseFolderWorker2() {
+  // The hooks use this object's members: the loop must end before they go.
+  (void)Stop(true);
+}
+
+CTraverseFolderWorker2Ptr CTraverseFolderWorker2::CreateWorker(CTraverseFolderPrivate2Ptr pPrivate,
+                                                               int iIndex) const {
+  return std::make_shared<CTraverseFolderWorker2>(std::move(pPrivate), iIndex);
+}
+
+CQiError CTraverseFolderWorker2::Start() {
+  if (!m_pPrivate) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No traversal state");
+  SetEvent(m_pPrivate->GetFolderAvailableEvent());
+  SetTimeout(kWorkerTimeoutMs);
+  QI_RETURN_IF_ERROR(CAlertableEventThread::Start());
+  return CQiError();
+}
+
+CQiError CTraverseFolderWorker2::WaitForEvent(EWaitResult& eResult) {
+  eResult = WaitForEventOrStop(GetEvent().get(), GetTimeout());
+  return CQiError();
+}
+
+CQiError CTraverseFolderWorker2::OnStart() {
+  if (m_pLogWriter)
+    m_pLogWrapper = std::make_unique<CLogWriterInterfaceThreadWrapper>(m_pLogWriter, m_strLogContext);
+  m_pLister = std::make_unique<CFolderLister>(*m_pPrivate);
+  return CQiError();
+}
+
+CQiError CTraverseFolderWorker2::OnCompletion() {
+  // Both belong to this thread: dropped here, on it.
+  m_pLister.reset();
+  m_pLogWrapper.reset();
+  return CQiError();
+}
+
+CQiError CTraverseFolderWorker2::OnEvent() { return ProcessPendingFolders(); }
+
+CQiError CTraverseFolderWorker2::OnTimeout() { return ProcessPendingFolders(); }
+
+void CTraverseFolderWorker2::GoIdle() {
+  m_pPrivate->MarkIdle(m_bIdle);
+  m_pPrivate->SignalCoordinator();
+  InternalStop();
+}
+
+CQiError CTraverseFolderWorker2::ProcessPendingFolders() {
+  for (;;) {
+    if (IsStopRequested() || m_pPrivate->IsAborted() || m_pPrivate->HasScanFailure()) {
+      GoIdle();
+      return CQiError();
+    }
+    CFoldersToTraverse2 entry;
+    bool bFirstFolder = false;
+    CQiError error = m_pPrivate->GetFolderToTraverse(entry, bFirstFolder, &m_bIdle);
+    if (error.IsWin32(QiErrorCode::NoMoreItems)) {
+      m_pPrivate->SignalCoordinator();
+      return CQiError();
+    }
+    if (error.IsError()) {
+      m_pPrivate->SetScanFailure(QI_PUSH(error, "GetFolderToTraverse failed"));
+      GoIdle();
+      return CQiError();
+    }
+    error = TraverseFolder(entry, bFirstFolder);
+    if (error.IsWin32(QiErrorCode::OperationAborted)) {
+      // An abort, or another worker's scan failure: a quiet end either way.
+      GoIdle();
+      return CQiError();
+    }
+    if (error.IsError()) {
+      QI_PUSH(error, "TraverseFolder failed");
+      SetLastError(error);
+      m_pPrivate->SetScanFailure(error);
+      GoIdle();
+      return CQiError();
+    }
+  }
+}
+
+CQiError CTraverseFolderWorker2::TraverseFolder(const CFoldersToTraverse2& entry,
+                                                bool bFirstFolder) {
+  if (!m_pLister) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Worker not started");
+  CPathEnumeratorPtr pEnumerator = m_pLister->GetPathEnumerator();
+  QI_RETURN_IF_ERROR(
+      m_pLister->TraverseFolder(entry.ToScanFoldersToTraverse(), *pEnumerator, bFirstFolder));
+  return CQiError();
+}
