@@ -201,6 +201,63 @@ TEST(OnDemandMessages, FolderOnOtherVolume) {
             1u);
 }
 
+// ---- failures that end the work unit ----
+
+// Refuses the output handler of one volume.
+class CRefusingCallback : public CNamingCallback {
+ public:
+  CQiError GetOutputHandler(const std::string& strName, COutputHandlerPtr& pHandler) override {
+    if (strName == m_strRefused) {
+      m_vHandlerNames.push_back(strName);
+      return QI_ERROR_WIN32(5, "handler refused");
+    }
+    return CNamingCallback::GetOutputHandler(strName, pHandler);
+  }
+  std::string m_strRefused;
+};
+
+struct SFailCase {
+  const char* szName;
+  bool bRefuseShm;  // the /dev/shm handler is refused
+  bool bAbort;      // the callback is aborted before the scan
+  const char* szDisposition;
+  uint32_t uProcessCode;  // of ProcessVolumeWorkUnit
+  int iReported;
+};
+
+const SFailCase kFailCases[] = {
+    {"HandlerSwitchRefused", true, false, "Failed(OD=5)", 0, 1},
+    {"Aborted", false, true, "Failed(OD=995)", 995, 0},
+};
+
+class OnDemandUnitFails : public ::testing::TestWithParam<SFailCase> {};
+
+TEST_P(OnDemandUnitFails, EndsTheUnitAndClosesTheHandler) {
+  const SFailCase& row = GetParam();
+  CLogCapture log;
+  CTempTree tree, out;
+  std::unique_ptr<CTempTree> pShm = MakeShmTree();
+  auto pCallback = std::make_shared<CRefusingCallback>();
+  if (row.bRefuseShm) pCallback->m_strRefused = "/dev/shm/";
+  if (row.bAbort) (void)pCallback->Abort();
+  COnDemandScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  const std::string strContent = WriteContentFile(
+      out.Path("content"), {tree.MakeFile("a.txt"), pShm->MakeFile("s.txt"), tree.MakeFile("b.txt")});
+  CWorkUnitPtr pUnit;
+
+  CQiError error = engine.ProcessVolumeWorkUnit(MakeVolume({strContent}, pUnit));
+
+  EXPECT_EQ(error.GetCode(), row.uProcessCode) << error.AsString();
+  EXPECT_EQ(pUnit->DispositionAsString(), row.szDisposition);
+  EXPECT_EQ(static_cast<int>(pCallback->m_pHandler->Records().size()), row.iReported);
+  EXPECT_EQ(pCallback->m_pHandler->m_iCompleted.load(), pCallback->m_pHandler->m_iInitialized.load());
+  EXPECT_FALSE(engine.GetOutputHandler());
+}
+
+INSTANTIATE_TEST_SUITE_P(Units, OnDemandUnitFails, ::testing::ValuesIn(kFailCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
 // ---- a listed folder gives what the FindFirst engine gives ----
 
 TEST(OnDemandFolder, SameItemsAsFindFirst) {
