@@ -19,6 +19,9 @@
 // Ownership: the arbiter makes the scanner and runs it through RunStub on a thread of its own; the
 // scanner shares the callback and the engines, and points at the arbiter without owning it.
 // Threads: one scanner is driven by one thread; scanners share only the arbiter and the callback.
+// Each scanner asks GetScanEngineList once and sets the callback and the bag on the engines it
+// gets before every work unit, so the callback must give each scanner engine objects of its own
+// (an engine is driven by one scanner thread at a time).
 #pragma once
 
 #include <cstdint>

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -56,6 +58,8 @@ struct SJournal {
   int iMaxActiveTotal = 0;
   bool bOverlapOnOneMedium = false;
   size_t uEntriesSeen = 0;
+  std::map<std::string, std::shared_ptr<FXEvent>>* pRendezvous = nullptr;  // medium -> started
+  std::atomic<bool> bRendezvousTimedOut{false};
 };
 
 // An engine that walks the unit's scan paths on disk, notes the call, and answers as scripted for
@@ -80,10 +84,12 @@ class CTestEngine : public CScanEngine {
       if (++m_journal.mapActive[strMedium] > 1) m_journal.bOverlapOnOneMedium = true;
       m_journal.iMaxActiveTotal = std::max(m_journal.iMaxActiveTotal, ++m_journal.iActiveTotal);
     }
-    if (m_pRendezvous) {
-      m_pRendezvous->at(strMedium)->Set();
-      for (auto& [strOther, pEvent] : *m_pRendezvous) {
-        if (strOther != strMedium) m_bRendezvousTimedOut |= pEvent->Wait(kBoundedWaitMs) == FXEvent::EWaitResult::TimedOut;
+    if (m_journal.pRendezvous) {
+      m_journal.pRendezvous->at(strMedium)->Set();
+      for (auto& [strOther, pEvent] : *m_journal.pRendezvous) {
+        if (strOther != strMedium && pEvent->Wait(kBoundedWaitMs) == FXEvent::EWaitResult::TimedOut) {
+          m_journal.bRendezvousTimedOut = true;
+        }
       }
     }
     size_t uEntries = 0;
@@ -104,8 +110,6 @@ class CTestEngine : public CScanEngine {
     return CQiError();
   }
 
-  std::map<std::string, std::shared_ptr<FXEvent>>* m_pRendezvous = nullptr;
-  bool m_bRendezvousTimedOut = false;
 
  private:
   std::string m_strName;
@@ -114,10 +118,17 @@ class CTestEngine : public CScanEngine {
   std::string m_strScriptedVolume;
 };
 
+// Gives every scanner engines of its own (an engine is driven by one scanner thread).
 class CTestCallback : public CScannerCallback {
  public:
+  CTestCallback(SJournal& journal, std::string strScriptedVolume)
+      : m_journal(journal), m_strScriptedVolume(std::move(strScriptedVolume)) {}
+
   CQiError GetScanEngineList(CScanEngineList& lstEngines) override {
-    lstEngines = m_lstEngines;
+    lstEngines.clear();
+    for (const auto& [strName, result] : m_lstEngines) {
+      lstEngines.push_back(std::make_shared<CTestEngine>(strName, m_journal, result, m_strScriptedVolume));
+    }
     return CQiError();
   }
   CQiError OnScannerError(CScanEnginePtr, const CQiError& error, bool& bAbort, bool& bSkip,
@@ -134,7 +145,9 @@ class CTestCallback : public CScannerCallback {
     return CScannerCallback::Abort();
   }
 
-  CScanEngineList m_lstEngines;
+  SJournal& m_journal;
+  std::string m_strScriptedVolume;
+  std::vector<std::pair<std::string, SResult>> m_lstEngines;  // name and answer for mA/v0
   bool m_bAbort = false, m_bSkip = false, m_bTryNext = true;
   std::mutex m_mutex;
   std::vector<uint32_t> m_lstErrorCodes;
@@ -176,7 +189,7 @@ class ScanArbiterTest : public ::testing::Test {
   void SetUp() override {
     m_pSink = std::make_shared<CTestEventSink>();
     ISendEventInterface::SetProcessEventSink(m_pSink);
-    m_pCallback = std::make_shared<CTestCallback>();
+    m_pCallback = std::make_shared<CTestCallback>(m_journal, m_tree.Path("mA/v0"));
   }
   void TearDown() override { ISendEventInterface::SetProcessEventSink(nullptr); }
 
@@ -202,10 +215,8 @@ class ScanArbiterTest : public ::testing::Test {
       m_manager.GetPhysicalMediaVolumeWorkUnitMap()[strMedium] = pMedia;
     }
   }
-  std::shared_ptr<CTestEngine> AddEngine(const std::string& strName, SResult result = kOk) {
-    auto pEngine = std::make_shared<CTestEngine>(strName, m_journal, result, m_tree.Path("mA/v0"));
-    m_pCallback->m_lstEngines.push_back(pEngine);
-    return pEngine;
+  void AddEngine(const std::string& strName, SResult result = kOk) {
+    m_pCallback->m_lstEngines.emplace_back(strName, result);
   }
 
   CTempTree m_tree;
@@ -257,13 +268,13 @@ TEST_P(ScanArbiterScheduleTest, OneScannerPerMediumVolumesInOrder) {
   const SScheduleCase& c = GetParam();
   CLogCapture log;
   AddMedia(c.iMedia, c.iVolumes);
-  auto pEngine = AddEngine("A");
+  AddEngine("A");
   std::map<std::string, std::shared_ptr<FXEvent>> mapRendezvous;
   // Two media and at least two threads: each medium's first engine waits for the other's.
   const bool bRendezvous = c.iMedia == 2 && c.iScanners >= 2 && !c.bThreadless;
   if (bRendezvous) {
     for (const char* psz : {"mA", "mB"}) mapRendezvous[psz] = FXEvent::Create(FXEvent::EResetMode::Manual);
-    pEngine->m_pRendezvous = &mapRendezvous;
+    m_journal.pRendezvous = &mapRendezvous;
   }
   std::unique_ptr<CScanArbiter> pArbiter =
       c.bThreadless ? std::make_unique<CThreadlessArbiter>(7, c.iScanners, m_pCallback)
@@ -273,7 +284,7 @@ TEST_P(ScanArbiterScheduleTest, OneScannerPerMediumVolumesInOrder) {
   EXPECT_FALSE(m_journal.bOverlapOnOneMedium);
   EXPECT_LE(m_journal.iMaxActiveTotal, std::min(c.iMedia, c.iScanners));
   if (bRendezvous) {
-    EXPECT_FALSE(pEngine->m_bRendezvousTimedOut);
+    EXPECT_FALSE(m_journal.bRendezvousTimedOut.load());
     EXPECT_EQ(m_journal.iMaxActiveTotal, 2);
   }
   EXPECT_EQ(m_journal.lstVolumes.size(), static_cast<size_t>(c.iMedia * c.iVolumes));
