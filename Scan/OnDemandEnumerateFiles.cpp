@@ -9,7 +9,8 @@ namespace {
 bool HasItems(const CFilterSetPtr& pSet) { return pSet && !pSet->IsEmpty(); }
 }  // namespace
 
-COnDemandEnumerateFiles::COnDemandEnumerateFiles(CScanEngine* pEngine, CPathEnumeratorPtr pEnumerator)
+COnDemandEnumerateFiles::COnDemandEnumerateFiles(CScanEngine* pEngine,
+                                                 CPathEnumeratorPtr pEnumerator)
     : CEnumerateFiles(pEngine, std::move(pEnumerator)) {}
 
 COnDemandEnumerateFiles::~COnDemandEnumerateFiles() = default;
@@ -45,9 +46,11 @@ void COnDemandEnumerateFiles::EnableBuiltInSystemProtectedFilesFilter(bool bEnab
 }
 
 bool COnDemandEnumerateFiles::IsInSystemFilters(const CFilterTermTestString& test) const {
-  if (HasItems(m_pOnDemandSystemFilters) && m_pOnDemandSystemFilters->IsIn(test, CFilterSet::kAppliesAll))
+  if (HasItems(m_pOnDemandSystemFilters) &&
+      m_pOnDemandSystemFilters->IsIn(test, CFilterSet::kAppliesAll))
     return true;
-  return m_bOnDemandBuiltInFilter && GetBuiltInSystemProtectedFiles().IsIn(test, CFilterSet::kAppliesAll);
+  return m_bOnDemandBuiltInFilter &&
+         GetBuiltInSystemProtectedFiles().IsIn(test, CFilterSet::kAppliesAll);
 }
 
 bool COnDemandEnumerateFiles::IsOnNestedVolume(const std::string& strLocalPath) const {
@@ -63,7 +66,9 @@ bool COnDemandEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& str
     return true;
   CFilterTermTestString test(strTestString);
   // The log lines name the folder the entry was met in.
-  auto folder = [&] { return FXString::EscapeControl(pItem->GetSourceFullyQualifiedParentFolder()); };
+  auto folder = [&] {
+    return FXString::EscapeControl(pItem->GetSourceFullyQualifiedParentFolder());
+  };
   if (IsInSystemFilters(test)) {
     if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by system filter, Folder=(%s)", folder().c_str());
     return true;
@@ -85,7 +90,8 @@ bool COnDemandEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& str
   return false;
 }
 
-bool COnDemandEnumerateFiles::IsMatchPossibleInFolder(CItemPtr& pItem, const std::string& strFolder) {
+bool COnDemandEnumerateFiles::IsMatchPossibleInFolder(CItemPtr& pItem,
+                                                      const std::string& strFolder) {
   // A nested volume is walked by its own entry; a black-listed folder is out with its subtree.
   if (IsOnNestedVolume(pItem->GetLocalFullyQualifiedItemName())) return false;
   CFilterTermTestString test(strFolder);

@@ -40,7 +40,8 @@ COnDemandScanEngine::~COnDemandScanEngine() = default;
 
 std::string COnDemandScanEngine::getDescription() { return "OnDemandScanEngine"; }
 
-void COnDemandScanEngine::SetBlackListScanContent(const std::vector<std::string>& lstBlackListContent) {
+void COnDemandScanEngine::SetBlackListScanContent(
+    const std::vector<std::string>& lstBlackListContent) {
   m_lstBlackListContent = lstBlackListContent;
 }
 
@@ -69,7 +70,8 @@ CQiError COnDemandScanEngine::Process() {
   for (const CVolumeWorkUnitPtr& pVolume : m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits()) {
     CQiError error = ProcessVolumeWorkUnit(pVolume);
     if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
-    if (error.IsError()) ZRLOG(-1, "ProcessVolumeWorkUnit failed, error=%s", error.AsString().c_str());
+    if (error.IsError())
+      ZRLOG(-1, "ProcessVolumeWorkUnit failed, error=%s", error.AsString().c_str());
   }
   return CQiError();
 }
@@ -85,8 +87,8 @@ CQiError COnDemandScanEngine::ProcessVolumeWorkUnit(CVolumeWorkUnitPtr pVolumeUn
     if (error.IsSuccess()) {
       if (m_pScannerCallback) {
         for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths())
-          (void)m_pScannerCallback->LogVolumeScanComplete(kEngineTag, pScanPath->GetSourceScanPath(),
-                                                          pWorkUnit->GetSourceVolumeName());
+          (void)m_pScannerCallback->LogVolumeScanComplete(
+              kEngineTag, pScanPath->GetSourceScanPath(), pWorkUnit->GetSourceVolumeName());
       }
       continue;
     }
@@ -101,10 +103,12 @@ CQiError COnDemandScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
   if (!pWorkUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No work unit");
   if (ZRLOG_ON(2)) {
     ZRLOG(2, "WorkUnit : SourceVolumeName=%s, LocalVolumeName=%s",
-          Esc(pWorkUnit->GetSourceVolumeName()).c_str(), Esc(pWorkUnit->GetLocalVolumeName()).c_str());
+          Esc(pWorkUnit->GetSourceVolumeName()).c_str(),
+          Esc(pWorkUnit->GetLocalVolumeName()).c_str());
     for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths())
       ZRLOG(2, "WorkUnit :SourceScanPath=%s, LocalScanPath=%s",
-            Esc(pScanPath->GetSourceScanPath()).c_str(), Esc(pScanPath->GetLocalScanPath()).c_str());
+            Esc(pScanPath->GetSourceScanPath()).c_str(),
+            Esc(pScanPath->GetLocalScanPath()).c_str());
   }
 
   // The volume whose output handler is open; empty until the first path needs one. Every way
@@ -115,7 +119,8 @@ CQiError COnDemandScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
     ~SCloseGuard() {
       if (!pEngine->GetOutputHandler()) return;
       CQiError error = pEngine->CloseOutputHandler();
-      if (error.IsError()) ZRLOG(-1, "CloseOutputHandler failed, error=%s", error.AsString().c_str());
+      if (error.IsError())
+        ZRLOG(-1, "CloseOutputHandler failed, error=%s", error.AsString().c_str());
     }
   } guard{this};
 
@@ -133,8 +138,7 @@ CQiError COnDemandScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
       std::string strLine(buffer.pLine, static_cast<size_t>(nRead));
       if (!strLine.empty() && strLine.back() == '\n') strLine.pop_back();
       CQiError error = ProcessContentPath(pWorkUnit, strLine, strOpenVolume);
-      if (error.IsError())
-        return QI_PUSH(error, "Content file (%s)", Esc(strContentFile).c_str());
+      if (error.IsError()) return QI_PUSH(error, "Content file (%s)", Esc(strContentFile).c_str());
       errno = 0;
     }
     if (ferror(pFile.get()) != 0) {
@@ -157,8 +161,9 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
     return CQiError();
   }
   if (strPath.front() != FXPath::kDelimiter) {
-    CQiError error = QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                                    "Content path [%s] is not an absolute path", Esc(strPath).c_str());
+    CQiError error =
+        QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Content path [%s] is not an absolute path",
+                       Esc(strPath).c_str());
     ZRLOG(-1, "NOT adding content [%s], error=%s", Esc(strPath).c_str(), error.AsString().c_str());
     ReportPathFailure(pWorkUnit, strPath, error);
     return CQiError();
@@ -170,7 +175,8 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
     if (iErrNo == ENOENT || iErrNo == ENOTDIR) {
       ZRLOG(0, "Path does not exist, NOT adding content [%s]", Esc(strPath).c_str());
     } else {
-      ZRLOG(-1, "NOT adding content [%s], error=%s", Esc(strPath).c_str(), error.AsString().c_str());
+      ZRLOG(-1, "NOT adding content [%s], error=%s", Esc(strPath).c_str(),
+            error.AsString().c_str());
     }
     ReportPathFailure(pWorkUnit, strPath, error);
     return CQiError();
@@ -182,7 +188,8 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
   strVolume = FXPath::AddTrailingDelimiter(strVolume);
   if (ZRLOG_ON(5))
     ZRLOG(5, "For scan path = [%s] Source volume  = [%s], current volume path = [%s]",
-          Esc(strPath).c_str(), Esc(pWorkUnit->GetSourceVolumeName()).c_str(), Esc(strVolume).c_str());
+          Esc(strPath).c_str(), Esc(pWorkUnit->GetSourceVolumeName()).c_str(),
+          Esc(strVolume).c_str());
 
   if (!S_ISDIR(st.st_mode)) {
     QI_RETURN_IF_ERROR(SwitchOutputHandler(strPath, strVolume, strOpenVolume));
@@ -190,16 +197,18 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
     return CQiError();
   }
 
-  if (ZRLOG_ON(5)) ZRLOG(5, "Content [%s] is a directory, check nested mount points.", Esc(strPath).c_str());
+  if (ZRLOG_ON(5))
+    ZRLOG(5, "Content [%s] is a directory, check nested mount points.", Esc(strPath).c_str());
   std::vector<SContentEntry> lstEntries;
   QI_RETURN_IF_ERROR(MountPathInfo::expandContentPathByVolumes(strPath, lstEntries),
                      "expandContentPathByVolumes failed");
   for (const SContentEntry& entry : lstEntries) {
     const std::string& strLocal = entry.m_strLocalMountPath;
     if (ZRLOG_ON(5))
-      ZRLOG(5, "Traversing path [%s] for source path [%s]", Esc(strLocal).c_str(), Esc(strPath).c_str());
-    QI_RETURN_IF_ERROR(
-        SwitchOutputHandler(strPath, FXPath::AddTrailingDelimiter(entry.m_strVolumeName), strOpenVolume));
+      ZRLOG(5, "Traversing path [%s] for source path [%s]", Esc(strLocal).c_str(),
+            Esc(strPath).c_str());
+    QI_RETURN_IF_ERROR(SwitchOutputHandler(
+        strPath, FXPath::AddTrailingDelimiter(entry.m_strVolumeName), strOpenVolume));
     // The volumes below this entry are left to their own entries.
     std::vector<std::string> lstNested;
     for (const SContentEntry& other : lstEntries) {
@@ -217,10 +226,13 @@ CQiError COnDemandScanEngine::SwitchOutputHandler(const std::string& strScanPath
                                                   std::string& strOpenVolume) {
   if (strVolume == strOpenVolume) return CQiError();
   if (!strOpenVolume.empty()) {
-    ZRLOG(0, "Changing output handler. Original scan path = [%s], current volume = [%s], new volume = [%s]",
+    ZRLOG(0,
+          "Changing output handler. Original scan path = [%s], current volume = [%s], new volume = "
+          "[%s]",
           Esc(strScanPath).c_str(), Esc(strOpenVolume).c_str(), Esc(strVolume).c_str());
     // A callback that left the handler unconfigured has nothing open.
-    if (GetOutputHandler()) QI_RETURN_IF_ERROR(CloseOutputHandler(), "Volume=[%s]", Esc(strOpenVolume).c_str());
+    if (GetOutputHandler())
+      QI_RETURN_IF_ERROR(CloseOutputHandler(), "Volume=[%s]", Esc(strOpenVolume).c_str());
   }
   strOpenVolume.clear();
   QI_RETURN_IF_ERROR(OpenOutputHandler(strVolume), "Volume=[%s]", Esc(strVolume).c_str());
@@ -238,7 +250,8 @@ CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
   CItemPtr pItem;
   CQiError error = pEnumerator->GetItemByPath(pWorkUnit->GetBag(), strPath, strPath, pItem);
   if (error.IsError() || !pItem) {
-    if (error.IsSuccess()) error = QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "No item for the path");
+    if (error.IsSuccess())
+      error = QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "No item for the path");
     ZRLOG(-1, "Path [%s] not found, error=%s", Esc(strPath).c_str(), error.AsString().c_str());
     ReportPathFailure(pWorkUnit, strPath, error);
     return CQiError();
@@ -247,7 +260,8 @@ CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
   const bool bFolder = pItem->IsFolder();
   if (bFolder) {
     if (ZRLOG_ON(2))
-      ZRLOG(2, "Will scan local folder [%s] for source path [%s]", Esc(strPath).c_str(), Esc(strPath).c_str());
+      ZRLOG(2, "Will scan local folder [%s] for source path [%s]", Esc(strPath).c_str(),
+            Esc(strPath).c_str());
     traversal.AddFolderToList(pItem, strPath, strPath);
   }
   traversal.SetExcludedAttributes(m_uExcludedAttributes);
@@ -260,7 +274,8 @@ CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
   traversal.SetMaxWorkers(1);
   bool bTopLevel = false;
   if (m_pScannerCallback)
-    (void)m_pScannerCallback->GetParameter(SXScannerConfigurationBagId::idProcessTopLevelContent, bTopLevel);
+    (void)m_pScannerCallback->GetParameter(SXScannerConfigurationBagId::idProcessTopLevelContent,
+                                           bTopLevel);
   if (bTopLevel) traversal.SetProcessTopLevelContentItem(true);
 
   CFilterSetPtr pBlackList;
@@ -336,8 +351,8 @@ CQiError COnDemandScanEngine::ReportScanFailure(CItemPtr pItem, const CQiError& 
   return CQiError();
 }
 
-void COnDemandScanEngine::ReportPathFailure(const CWorkUnitPtr& pWorkUnit, const std::string& strPath,
-                                            const CQiError& error) {
+void COnDemandScanEngine::ReportPathFailure(const CWorkUnitPtr& pWorkUnit,
+                                            const std::string& strPath, const CQiError& error) {
   // The item as far as the path can be described; a vanished path is recorded by name alone.
   COnDemandEnumerateFiles traversal(this);
   CItemPtr pItem;

@@ -41,7 +41,8 @@ class COnDemandScanEngine : public CScanEngine {
 
   // Scans one existing path: a folder is traversed (leaving out the nested volumes), anything
   // else is reported as one item. A path that vanished is recorded as a scan failure.
-  CQiError TraverseScanPath(const std::string& strPath, const std::vector<std::string>& lstNestedVolumes,
+  CQiError TraverseScanPath(const std::string& strPath,
+                            const std::vector<std::string>& lstNestedVolumes,
                             CWorkUnitPtr pWorkUnit);
   // Writes the error's number under "errorCode" into the item's bag and hands the item to the
   // callback's scan-failure consumer.

@@ -54,7 +54,8 @@ std::string WriteContentFile(const std::string& strPath, const std::vector<std::
 }
 
 // A volume work unit of the root volume whose scan paths name the given content files.
-CVolumeWorkUnitPtr MakeVolume(const std::vector<std::string>& lstContentFiles, CWorkUnitPtr& pUnit) {
+CVolumeWorkUnitPtr MakeVolume(const std::vector<std::string>& lstContentFiles,
+                              CWorkUnitPtr& pUnit) {
   pUnit = std::make_shared<CWorkUnit>();
   pUnit->SetLocalVolumeName("/");
   pUnit->SetSourceVolumeName("/");
@@ -71,43 +72,128 @@ CVolumeWorkUnitPtr MakeVolume(const std::vector<std::string>& lstContentFiles, C
 
 struct SContentCase {
   const char* szName;
-  std::vector<std::string> lstLines;      // "%R" the tree, "%S" the /dev/shm tree
-  int iAutoExpand;                        // -1 unset, else the value of "OnDemand::AutoExpandDirs"
-  bool bMissingContentFileFirst;          // a content file that does not exist comes first
+  std::vector<std::string> lstLines;  // "%R" the tree, "%S" the /dev/shm tree
+  int iAutoExpand;                    // -1 unset, else the value of "OnDemand::AutoExpandDirs"
+  bool bMissingContentFileFirst;      // a content file that does not exist comes first
   std::vector<std::string> lstBlackList;
   std::vector<std::string> lstReported;
   std::vector<std::string> lstFailureLines;
   std::vector<std::string> lstHandlerNames;
-  const char* szLogLine;                  // one level-0 line expected exactly once, or null
-  size_t nHandlerChanges;                 // "Changing output handler" lines
+  const char* szLogLine;   // one level-0 line expected exactly once, or null
+  size_t nHandlerChanges;  // "Changing output handler" lines
 };
 
 const SContentCase kContentCases[] = {
-    {"ListedFilesAreReported", {"%R/a.txt", "%R/dir/b.txt"}, -1, false, {},
-     {"%R/a.txt", "%R/dir/b.txt"}, {}, {"/"}, nullptr, 0},
-    {"ListedFolderIsExpanded", {"%R/dir"}, -1, false, {},
-     {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt", "%R/dir/skip", "%R/dir/skip/d.txt"}, {},
-     {"/"}, nullptr, 0},
-    {"ListedFolderNotExpanded", {"%R/dir", "%R/a.txt"}, 0, false, {}, {"%R/a.txt"}, {}, {"/"},
-     nullptr, 0},
-    {"RootLineIsNeverScanned", {"/"}, -1, false, {}, {}, {}, {}, "Not Processing [/] as content.", 0},
-    {"EmptyLinesAreSkipped", {"", "%R/a.txt", ""}, -1, false, {}, {"%R/a.txt"}, {}, {"/"}, nullptr, 0},
-    {"MissingContentFileIsSkipped", {"%R/a.txt"}, -1, true, {}, {"%R/a.txt"}, {}, {"/"},
-     "Unable open content file (%O/none), not processing it.", 0},
-    {"VanishedPathIsRecorded", {"%R/gone", "%R/dir/gone/x", "%R/a.txt"}, -1, false, {},
-     {"%R/a.txt"}, {"folder %R/gone:2", "folder %R/dir/gone/x:2"}, {"/"},
-     "Path does not exist, NOT adding content [%R/gone]", 0},
-    {"RelativePathIsRecorded", {"a.txt", "%R/a.txt"}, -1, false, {}, {"%R/a.txt"},
-     {"folder a.txt:87"}, {"/"}, nullptr, 0},
-    {"NonUtf8NameIsReported", {"%R/bad\xff\xfe"}, -1, false, {}, {"%R/bad\xff\xfe"}, {}, {"/"},
-     nullptr, 0},
+    {"ListedFilesAreReported",
+     {"%R/a.txt", "%R/dir/b.txt"},
+     -1,
+     false,
+     {},
+     {"%R/a.txt", "%R/dir/b.txt"},
+     {},
+     {"/"},
+     nullptr,
+     0},
+    {"ListedFolderIsExpanded",
+     {"%R/dir"},
+     -1,
+     false,
+     {},
+     {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt", "%R/dir/skip", "%R/dir/skip/d.txt"},
+     {},
+     {"/"},
+     nullptr,
+     0},
+    {"ListedFolderNotExpanded",
+     {"%R/dir", "%R/a.txt"},
+     0,
+     false,
+     {},
+     {"%R/a.txt"},
+     {},
+     {"/"},
+     nullptr,
+     0},
+    {"RootLineIsNeverScanned",
+     {"/"},
+     -1,
+     false,
+     {},
+     {},
+     {},
+     {},
+     "Not Processing [/] as content.",
+     0},
+    {"EmptyLinesAreSkipped",
+     {"", "%R/a.txt", ""},
+     -1,
+     false,
+     {},
+     {"%R/a.txt"},
+     {},
+     {"/"},
+     nullptr,
+     0},
+    {"MissingContentFileIsSkipped",
+     {"%R/a.txt"},
+     -1,
+     true,
+     {},
+     {"%R/a.txt"},
+     {},
+     {"/"},
+     "Unable open content file (%O/none), not processing it.",
+     0},
+    {"VanishedPathIsRecorded",
+     {"%R/gone", "%R/dir/gone/x", "%R/a.txt"},
+     -1,
+     false,
+     {},
+     {"%R/a.txt"},
+     {"folder %R/gone:2", "folder %R/dir/gone/x:2"},
+     {"/"},
+     "Path does not exist, NOT adding content [%R/gone]",
+     0},
+    {"RelativePathIsRecorded",
+     {"a.txt", "%R/a.txt"},
+     -1,
+     false,
+     {},
+     {"%R/a.txt"},
+     {"folder a.txt:87"},
+     {"/"},
+     nullptr,
+     0},
+    {"NonUtf8NameIsReported",
+     {"%R/bad\xff\xfe"},
+     -1,
+     false,
+     {},
+     {"%R/bad\xff\xfe"},
+     {},
+     {"/"},
+     nullptr,
+     0},
     {"OtherVolumeSwitchesHandler",
-     {"%R/a.txt", "%S/s.txt", "%S/sdir", "%R/dir/b.txt", "%R/dir/sub/c.txt"}, -1, false, {},
-     {"%R/a.txt", "%S/s.txt", "%S/sdir/t.txt", "%R/dir/b.txt", "%R/dir/sub/c.txt"}, {},
-     {"/", "/dev/shm/", "/"}, nullptr, 2},
-    {"BlackListContentIsLeftOut", {"%R/dir", "%R/a.txt", "%R/other/e.txt"}, -1, false,
-     {"%R/dir/skip", "%R/a.txt", "%R/other"}, {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt"},
-     {}, {"/"}, nullptr, 0},
+     {"%R/a.txt", "%S/s.txt", "%S/sdir", "%R/dir/b.txt", "%R/dir/sub/c.txt"},
+     -1,
+     false,
+     {},
+     {"%R/a.txt", "%S/s.txt", "%S/sdir/t.txt", "%R/dir/b.txt", "%R/dir/sub/c.txt"},
+     {},
+     {"/", "/dev/shm/", "/"},
+     nullptr,
+     2},
+    {"BlackListContentIsLeftOut",
+     {"%R/dir", "%R/a.txt", "%R/other/e.txt"},
+     -1,
+     false,
+     {"%R/dir/skip", "%R/a.txt", "%R/other"},
+     {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt"},
+     {},
+     {"/"},
+     nullptr,
+     0},
 };
 
 class OnDemandContent : public ::testing::TestWithParam<SContentCase> {};
@@ -126,9 +212,11 @@ TEST_P(OnDemandContent, ReportsExactlyTheListedPaths) {
   pShm->MakeFile("s.txt");
   pShm->MakeFile("sdir/t.txt");
   auto expand = [&](std::string strText) {
-    for (const auto& [szToken, strValue] :
-         {std::pair<const char*, std::string>{"%R", tree.Root()}, {"%S", pShm->Root()}, {"%O", out.Root()}})
-      for (size_t pos; (pos = strText.find(szToken)) != std::string::npos;) strText.replace(pos, 2, strValue);
+    for (const auto& [szToken, strValue] : {std::pair<const char*, std::string>{"%R", tree.Root()},
+                                            {"%S", pShm->Root()},
+                                            {"%O", out.Root()}})
+      for (size_t pos; (pos = strText.find(szToken)) != std::string::npos;)
+        strText.replace(pos, 2, strValue);
     return strText;
   };
   auto expandAll = [&](const std::vector<std::string>& lstIn) {
@@ -166,7 +254,8 @@ TEST_P(OnDemandContent, ReportsExactlyTheListedPaths) {
   if (row.szLogLine != nullptr) {
     EXPECT_EQ(log->Count(expand(row.szLogLine), 0), 1u);
   }
-  EXPECT_EQ(log->CountContaining("Changing output handler. Original scan path = [", 0), row.nHandlerChanges);
+  EXPECT_EQ(log->CountContaining("Changing output handler. Original scan path = [", 0),
+            row.nHandlerChanges);
 }
 
 INSTANTIATE_TEST_SUITE_P(Lines, OnDemandContent, ::testing::ValuesIn(kContentCases),
@@ -184,12 +273,14 @@ TEST(OnDemandMessages, FolderOnOtherVolume) {
   COnDemandScanEngine engine;
   (void)engine.SetScannerCallback(pCallback);
   CWorkUnitPtr pUnit;
-  ASSERT_TRUE(engine.ProcessVolumeWorkUnit(
-                        MakeVolume({WriteContentFile(out.Path("content"), {strFile, strFolder})}, pUnit))
+  ASSERT_TRUE(engine
+                  .ProcessVolumeWorkUnit(MakeVolume(
+                      {WriteContentFile(out.Path("content"), {strFile, strFolder})}, pUnit))
                   .IsSuccess());
 
   for (const std::string& strLine :
-       {"For scan path = [" + strFolder + "] Source volume  = [/], current volume path = [/dev/shm/]",
+       {"For scan path = [" + strFolder +
+            "] Source volume  = [/], current volume path = [/dev/shm/]",
         "Content [" + strFolder + "] is a directory, check nested mount points.",
         "Traversing path [" + strFolder + "] for source path [" + strFolder + "]",
         "Content = " + strFolder + " is a directory"})
@@ -242,8 +333,9 @@ TEST_P(OnDemandUnitFails, EndsTheUnitAndClosesTheHandler) {
   if (row.bAbort) (void)pCallback->Abort();
   COnDemandScanEngine engine;
   (void)engine.SetScannerCallback(pCallback);
-  const std::string strContent = WriteContentFile(
-      out.Path("content"), {tree.MakeFile("a.txt"), pShm->MakeFile("s.txt"), tree.MakeFile("b.txt")});
+  const std::string strContent =
+      WriteContentFile(out.Path("content"),
+                       {tree.MakeFile("a.txt"), pShm->MakeFile("s.txt"), tree.MakeFile("b.txt")});
   CWorkUnitPtr pUnit;
 
   CQiError error = engine.ProcessVolumeWorkUnit(MakeVolume({strContent}, pUnit));
@@ -251,7 +343,8 @@ TEST_P(OnDemandUnitFails, EndsTheUnitAndClosesTheHandler) {
   EXPECT_EQ(error.GetCode(), row.uProcessCode) << error.AsString();
   EXPECT_EQ(pUnit->DispositionAsString(), row.szDisposition);
   EXPECT_EQ(static_cast<int>(pCallback->m_pHandler->Records().size()), row.iReported);
-  EXPECT_EQ(pCallback->m_pHandler->m_iCompleted.load(), pCallback->m_pHandler->m_iInitialized.load());
+  EXPECT_EQ(pCallback->m_pHandler->m_iCompleted.load(),
+            pCallback->m_pHandler->m_iInitialized.load());
   EXPECT_FALSE(engine.GetOutputHandler());
 }
 
@@ -327,8 +420,9 @@ TEST(OnDemandNestedVolume, LeftToItsOwnEntry) {
   COnDemandScanEngine engine;
   (void)engine.SetScannerCallback(pCallback);
   CWorkUnitPtr pUnit;
-  ASSERT_TRUE(engine.ProcessVolumeWorkUnit(
-                        MakeVolume({WriteContentFile(out.Path("content"), {tree.Path("dir")})}, pUnit))
+  ASSERT_TRUE(engine
+                  .ProcessVolumeWorkUnit(MakeVolume(
+                      {WriteContentFile(out.Path("content"), {tree.Path("dir")})}, pUnit))
                   .IsSuccess());
 
   // Each object once: the mount point is not reported from the outer volume, its contents come
@@ -338,8 +432,12 @@ TEST(OnDemandNestedVolume, LeftToItsOwnEntry) {
             (std::multiset<std::string>{tree.Path("dir/b.txt"), tree.Path("dir/mnt/x.txt"),
                                         tree.Path("dir/mnt/y"), tree.Path("dir/mnt/y/z.txt")}));
   EXPECT_EQ(pCallback->m_vHandlerNames, (std::vector<std::string>{"/", strMount + "/"}));
-  EXPECT_EQ(log->Count("Traversing path [" + strMount + "] for source path [" + tree.Path("dir") + "]", 5), 1u);
-  EXPECT_EQ(log->CountContaining("Filtered by nested volume filter, Folder=(" + tree.Path("dir") + ")", 5), 1u);
+  EXPECT_EQ(log->Count(
+                "Traversing path [" + strMount + "] for source path [" + tree.Path("dir") + "]", 5),
+            1u);
+  EXPECT_EQ(log->CountContaining(
+                "Filtered by nested volume filter, Folder=(" + tree.Path("dir") + ")", 5),
+            1u);
 }
 
 }  // namespace
