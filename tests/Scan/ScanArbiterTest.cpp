@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -261,6 +262,8 @@ struct SScheduleCase {
   bool bThreadless;  // thread creation fails: scanners run on the arbiter's thread
 };
 
+void PrintTo(const SScheduleCase& c, std::ostream* os) { *os << c.pszName; }
+
 class ScanArbiterScheduleTest : public ScanArbiterTest,
                                 public ::testing::WithParamInterface<SScheduleCase> {};
 
@@ -327,6 +330,8 @@ struct STrialCase {
   const char* pszEventText = "";
   const char* pszEventArgs = "";
 };
+
+void PrintTo(const STrialCase& c, std::ostream* os) { *os << c.pszName; }
 
 class ScanArbiterTrialTest : public ScanArbiterTest, public ::testing::WithParamInterface<STrialCase> {};
 
