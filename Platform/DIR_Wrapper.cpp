@@ -121,7 +121,11 @@ CQiError DIR_Wrapper::Next(CFileData& record, long long options) {
   std::memcpy(raw.d_name, entry->d_name, copyLen);
   raw.d_name[copyLen] = '\0';
 
-  if (options & kOptionNoStatus) {
+  // "." and ".." get no status: every caller skips them, and reading it would cost two
+  // fstatat calls per folder listed.
+  const bool bRelativeFolder =
+      entry->d_name[0] == '.' && (nameLen == 1 || (nameLen == 2 && entry->d_name[1] == '.'));
+  if ((options & kOptionNoStatus) || bRelativeFolder) {
     record.m_iStatusState = CFileData::kStatusNotRead;
     record.m_iLastError = 0;
     std::memset(&record.m_stat, 0, sizeof(record.m_stat));

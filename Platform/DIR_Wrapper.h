@@ -8,6 +8,9 @@
 // full path is resolved per entry. A failed fstatat is not a listing failure: the record gets
 // state -1 and the errno (an entry removed since the kernel listed it gives ENOENT).
 //
+// The entries "." and ".." are returned with their status unread (state 0), as with
+// kOptionNoStatus: callers skip them, and their status would cost two fstatat calls per folder.
+//
 // The buffer is allocated on the first Open and kept across Close, so a handle that lists many
 // folders one after another allocates it once. Entries are returned in the kernel's order,
 // "." and ".." included.

@@ -128,11 +128,16 @@ TEST(FXFileListing, ListsEveryCreatedNameAsBytes) {
   std::set<std::string> all = NamesOf(listing.records, true);
   EXPECT_TRUE(all.count(".") && all.count(".."));
   EXPECT_EQ(listing.records.size(), names.size() + 2);
-  for (const CFileData& r : listing.records) {
+  for (CFileData r : listing.records) {
     EXPECT_EQ(r.getParentDirectoryName(), tree.Root());
     EXPECT_EQ(r.getFileNameMode(), CFileData::kModeFullPath);
     EXPECT_EQ(r.getFullPath(), tree.Root() + "/" + r.getFileNameAsString());
     EXPECT_EQ(std::string(r.getRawDirent().d_name), r.getFileNameAsString());
+    if (r.isRelativeFolder()) {
+      // Listed without status (no fstatat for them); good() reads it from the full path.
+      EXPECT_EQ(r.getStatusState(), CFileData::kStatusNotRead);
+      EXPECT_TRUE(r.good());
+    }
     ExpectMatchesLstat(r, r.getFullPath(), !r.isDirectory());
   }
 }
@@ -220,7 +225,9 @@ TEST(FXFileListing, FolderLargerThanOneBufferIsListedCompletely) {
   EXPECT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles)) << listing.end.AsString();
   EXPECT_EQ(listing.records.size(), created.size() + 2);
   EXPECT_EQ(NamesOf(listing.records), created);
-  for (const CFileData& r : listing.records) EXPECT_EQ(r.getStatusState(), CFileData::kStatusValid);
+  for (const CFileData& r : listing.records)
+    EXPECT_EQ(r.getStatusState(),
+              r.isRelativeFolder() ? CFileData::kStatusNotRead : CFileData::kStatusValid);
 }
 
 TEST(FXFileListing, EntryRemovedBeforeItsStatusIsNotGoodWithENOENT) {
