@@ -41,10 +41,29 @@ bool CEnumerateFiles::IsInSystemFilters(const CFilterTermTestString& test) const
          GetBuiltInSystemProtectedFiles().IsIn(test, CFilterSet::kAppliesAll);
 }
 
+// Whether a path can be in the built-in system filter: its items are the plain, case-sensitive
+// paths /proc, /sys, /dev and /run, so only paths whose first component is one of those names
+// can match. Lets the common entry skip building a test string.
+bool CEnumerateFiles::MayBeBuiltInSystemPath(const std::string& strPath) {
+  size_t nStart = 0;
+  while (nStart < strPath.size() && strPath[nStart] == '/') ++nStart;
+  if (nStart == 0) return true;  // not absolute: leave it to the filter set
+  const size_t nEnd = strPath.find('/', nStart);
+  const std::string_view first(strPath.data() + nStart,
+                               (nEnd == std::string::npos ? strPath.size() : nEnd) - nStart);
+  return first == "proc" || first == "sys" || first == "dev" || first == "run";
+}
+
 bool CEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& strTestString) {
   CAutoTimeCounter timer(EScanPerfCounterType::TIME_ISFILTERED);
   if (m_uExcludedAttributes != 0 && (pItem->GetAttributes() & m_uExcludedAttributes) != 0)
     return true;
+  // No set that could take the entry (the usual case of a scan without filters): not filtered,
+  // without building the test string.
+  if (!HasItems(m_pScanContent) && !HasItems(m_pSystemFilters) && !HasItems(m_pFilters) &&
+      !ZRLOG_ON(5) &&
+      !(m_bBuiltInSystemProtectedFilesFilter && MayBeBuiltInSystemPath(strTestString)))
+    return false;
   CFilterTermTestString test(strTestString);
   // The log lines name the folder the entry was met in.
   auto folder = [&] { return FXString::EscapeControl(pItem->GetSourceFullyQualifiedParentFolder()); };

@@ -80,6 +80,7 @@ class CEnumerateFiles : public CScanTraverseFolder {
 
  private:
   bool IsInSystemFilters(const CFilterTermTestString& test) const;
+  static bool MayBeBuiltInSystemPath(const std::string& strPath);
 
   CScanEngine* m_pEngine;
   unsigned int m_uExcludedAttributes = 0;
