@@ -1,5 +1,7 @@
 #include "Scan/EnumerateFiles.h"
 
+#include <atomic>
+
 #include "Platform/AutoTimeCounter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
@@ -11,11 +13,23 @@
 #include "Scan/ScanFailureConsumer.h"
 
 namespace {
+// The last folder a thread asked about and the answer, for the entries of one folder that come
+// one after another. Traversals get ids that are never reused, so a traversal made at the address
+// of a destroyed one never takes the old one's answer.
+std::atomic<uint64_t> g_ullNextTraversalId{1};
+struct SContentFolderCache {
+  uint64_t ullTraversalId = 0;
+  const CFilterSet* pContent = nullptr;
+  std::string strFolder;
+  bool bEntirelyInContent = false;
+};
+thread_local SContentFolderCache t_contentFolder;
+
 bool HasItems(const CFilterSetPtr& pSet) { return pSet && !pSet->IsEmpty(); }
 }  // namespace
 
 CEnumerateFiles::CEnumerateFiles(CScanEngine* pEngine, CPathEnumeratorPtr pEnumerator)
-    : m_pEngine(pEngine) {
+    : m_pEngine(pEngine), m_ullTraversalId(g_ullNextTraversalId.fetch_add(1, std::memory_order_relaxed)) {
   if (pEnumerator) SetPathEnumerator(std::move(pEnumerator));
 }
 
@@ -54,16 +68,32 @@ bool CEnumerateFiles::MayBeBuiltInSystemPath(const std::string& strPath) {
   return first == "proc" || first == "sys" || first == "dev" || first == "run";
 }
 
+
+bool CEnumerateFiles::IsFolderEntirelyInContent(const std::string& strPath) const {
+  const size_t nSlash = strPath.rfind('/');
+  if (nSlash == std::string::npos) return false;
+  const std::string_view folder(strPath.data(), nSlash == 0 ? 1 : nSlash);
+  SContentFolderCache& cache = t_contentFolder;
+  if (cache.ullTraversalId != m_ullTraversalId || cache.pContent != m_pScanContent.get() ||
+      cache.strFolder != folder) {
+    cache.ullTraversalId = m_ullTraversalId;
+    cache.pContent = m_pScanContent.get();
+    cache.strFolder.assign(folder);
+    cache.bEntirelyInContent = m_pScanContent->IsMatchEntireFolder(CFilterTermTestString(folder));
+  }
+  return cache.bEntirelyInContent;
+}
+
 bool CEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& strTestString) {
   CAutoTimeCounter timer(EScanPerfCounterType::TIME_ISFILTERED);
   if (m_uExcludedAttributes != 0 && (pItem->GetAttributes() & m_uExcludedAttributes) != 0)
     return true;
-  // No set that could take the entry (the usual case of a scan without filters): not filtered,
-  // without building the test string.
-  if (!HasItems(m_pScanContent) && !HasItems(m_pSystemFilters) && !HasItems(m_pFilters) &&
-      !ZRLOG_ON(5) &&
-      !(m_bBuiltInSystemProtectedFilesFilter && MayBeBuiltInSystemPath(strTestString)))
-    return false;
+  // Only the content set can take the entry (the usual case of a scan without filters): when
+  // the entry's folder is entirely in content, the entry is too, and no test string is built.
+  if (!HasItems(m_pSystemFilters) && !HasItems(m_pFilters) && !ZRLOG_ON(5) &&
+      !(m_bBuiltInSystemProtectedFilesFilter && MayBeBuiltInSystemPath(strTestString))) {
+    if (!HasItems(m_pScanContent) || IsFolderEntirelyInContent(strTestString)) return false;
+  }
   CFilterTermTestString test(strTestString);
   // The log lines name the folder the entry was met in.
   auto folder = [&] { return FXString::EscapeControl(pItem->GetSourceFullyQualifiedParentFolder()); };

@@ -81,8 +81,11 @@ class CEnumerateFiles : public CScanTraverseFolder {
  private:
   bool IsInSystemFilters(const CFilterTermTestString& test) const;
   static bool MayBeBuiltInSystemPath(const std::string& strPath);
+  // Whether the folder holding strPath is entirely in the content set (answer cached per thread).
+  bool IsFolderEntirelyInContent(const std::string& strPath) const;
 
   CScanEngine* m_pEngine;
+  const uint64_t m_ullTraversalId;  // tells this traversal's cached answers from another's
   unsigned int m_uExcludedAttributes = 0;
   CFilterSetPtr m_pScanContent;
   CFilterSetPtr m_pFilters;
