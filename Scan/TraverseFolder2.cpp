@@ -20,6 +20,8 @@ CTraverseFolder2::CTraverseFolder2(CWorkUnitPtr pWorkUnit, CScannerCallbackPtr p
 
 CTraverseFolder2::~CTraverseFolder2() {
   if (!m_pPrivate->GetWorkers().empty()) StopWorkers(true);
+  // The prototype shares the private state, which holds the prototype: break the cycle.
+  m_pPrivate->SetPrototypeWorker(nullptr);
 }
 
 void CTraverseFolder2::SetExcludedAttributes(unsigned int uExcludedAttributes) {
@@ -155,23 +157,25 @@ CQiError CTraverseFolder2::Traverse() {
 CQiError CTraverseFolder2::WaitForWorkers() {
   Clock::time_point tIntervalStart = Clock::now();
   for (;;) {
-    // A scan failure is looked at first: the worker that raised it is idle by now, so the
-    // traversal may look done as well.
+    // A scan failure and an abort win over completion: workers that stop on either leave their
+    // folders half listed and go idle, so the traversal may look done as well. Completion is
+    // read first, so an abort that made it look done is always seen below.
+    const bool bDone = m_pPrivate->IsDone();
     if (m_pPrivate->HasScanFailure()) {
       CQiError failure = m_pPrivate->GetScanFailure();
       ZRLOG(1, "Traverse aborted, ScanFailure=%s", failure.AsString().c_str());
       StopWorkers(true);
       return QI_PUSH(failure, "Traverse aborted");
     }
-    if (m_pPrivate->IsDone()) {
-      StopWorkers(true);
-      return CQiError();
-    }
     if (m_pPrivate->IsAborted()) {
       ZRLOG(1, "Traverse aborted, FoldersToTraverse=[%llu]",
             static_cast<unsigned long long>(m_pPrivate->GetFolderCount()));
       StopWorkers(true);
       return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
+    }
+    if (bDone) {
+      StopWorkers(true);
+      return CQiError();
     }
     // Woken at once when a worker goes idle, fails or sees an abort, or the abort event is set.
     (void)FXEvent::WaitAny({m_pPrivate->GetCoordinatorEvent().get(), m_pPrivate->GetAbortEvent().get()},

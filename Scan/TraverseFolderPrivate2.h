@@ -22,7 +22,8 @@
 //
 // Ownership: held by CTraverseFolder2 through a shared pointer; each worker holds another. The
 // back pointer to the traversal is plain (the traversal outlives its workers). The workers are
-// kept here while Traverse runs and released before it returns.
+// kept here while Traverse runs and released before it returns; the prototype worker, which
+// shares this state too, is released by the traversal's destructor.
 #pragma once
 
 #include <atomic>

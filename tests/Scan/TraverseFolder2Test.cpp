@@ -108,6 +108,7 @@ class CCountingWorker : public CTraverseFolderWorker2 {
 };
 
 TEST(TraverseFolder2Prototype, DerivedPrototypeMakesEveryWorker) {
+  CCountingWorker::s_iCreated = 0;
   CTempTree tree;
   tree.MakeFile("a/b", "x");
   auto pCallback = std::make_shared<CTestCallback>();
