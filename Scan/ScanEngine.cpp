@@ -154,3 +154,55 @@ bool CScanEngine::DeletedItemsCallback(CItemPtr pItem) {
     ZRLOG(-1, "OnDeletedItems failed, error=%s", error.AsString().c_str());
   return true;
 }
+
+CQiError CScanEngine::ProcessVolumesOfMedium(const char* szNoVolumesFormat) {
+  if (!m_pPhysicalMediaWorkUnit) {
+    ZRLOG(-1, "No physical media work unit assigned; nothing to do");
+    return CQiError();
+  }
+  if (m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits().empty()) {
+    CLogWriterInterface* pWriter = CLogWriterInterface::Current();
+    if (pWriter != nullptr && pWriter->IsLevelOn(-1)) {
+      std::string strId = FXString::EscapeControl(m_pPhysicalMediaWorkUnit->GetPhysicalMediaId());
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+      pWriter->Log(-1, __PRETTY_FUNCTION__, __LINE__, szNoVolumesFormat, strId.c_str());
+#pragma GCC diagnostic pop
+    }
+    return CQiError();
+  }
+  if (ZRLOG_ON(2))
+    ZRLOG(2, "%s", FXString::EscapeControl(m_pPhysicalMediaWorkUnit->AsString()).c_str());
+  for (const CVolumeWorkUnitPtr& pVolume : m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits()) {
+    CQiError error = ProcessVolumeWorkUnit(pVolume);
+    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
+    if (error.IsError())
+      ZRLOG(-1, "ProcessVolumeWorkUnit failed, error=%s", error.AsString().c_str());
+  }
+  return CQiError();
+}
+
+CQiError CScanEngine::ProcessWorkUnitsOfVolume(const CVolumeWorkUnitPtr& pVolumeUnit,
+                                               const char* szEngineTag, int iLogLevel) {
+  if (!pVolumeUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No volume work unit");
+  if (ZRLOG_ON(iLogLevel))
+    ZRLOG(iLogLevel, "%s", FXString::EscapeControl(pVolumeUnit->AsString()).c_str());
+  for (const CWorkUnitPtr& pWorkUnit : pVolumeUnit->GetWorkUnits()) {
+    if (ZRLOG_ON(iLogLevel))
+      ZRLOG(iLogLevel, "%s", FXString::EscapeControl(pWorkUnit->AsString()).c_str());
+    if (pWorkUnit->IsSuccessfullyProcessed()) continue;
+    CQiError error = ProcessWorkUnit(pWorkUnit);
+    pWorkUnit->SetDisposition(szEngineTag, error.GetCode());
+    if (error.IsSuccess()) {
+      if (m_pScannerCallback) {
+        for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths())
+          (void)m_pScannerCallback->LogVolumeScanComplete(
+              szEngineTag, pScanPath->GetSourceScanPath(), pWorkUnit->GetSourceVolumeName());
+      }
+      continue;
+    }
+    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
+    ZRLOG(-1, "ProcessWorkUnit failed, error=%s", error.AsString().c_str());
+  }
+  return CQiError();
+}

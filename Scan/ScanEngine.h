@@ -72,6 +72,21 @@ class CScanEngine {
   bool IsFileScanDebugEnabled() const { return m_bFileScanDebugEnabled; }
 
  protected:
+  // The loops that every engine runs around its ProcessWorkUnit. ProcessVolumesOfMedium runs
+  // ProcessVolumeWorkUnit over each volume of the physical medium: an abort (995) ends the walk,
+  // any other failure is logged at level -1 and the next volume follows. The format gets the
+  // physical-media id when the medium has no volumes.
+  CQiError ProcessVolumesOfMedium(
+      const char* szNoVolumesFormat =
+          "No volume work units assigned to this physical media work unit; nothing to do, "
+          "PhysicalMediaId=%s");
+  // Runs ProcessWorkUnit over each unit of the volume that is not yet successfully processed,
+  // records the disposition under the engine tag and tells the callback of each completed scan
+  // path; units and the volume are logged at iLogLevel. An abort ends the volume, any other
+  // failure is logged at level -1 and the next unit follows.
+  CQiError ProcessWorkUnitsOfVolume(const CVolumeWorkUnitPtr& pVolumeUnit,
+                                    const char* szEngineTag, int iLogLevel = 2);
+
   std::string m_strInstance;
   CPhysicalMediaWorkUnitPtr m_pPhysicalMediaWorkUnit;
   unsigned int m_uExcludedAttributes = 0;

@@ -51,46 +51,13 @@ CQiError CTraverseScanEngine::ScanQueryCallback(CItemPtr /*pItem*/) {
 
 CQiError CTraverseScanEngine::Process() {
   ZRDEBUG_FUNCTION(1);
-  if (!m_pPhysicalMediaWorkUnit) {
-    ZRLOG(-1, "No physical media work unit assigned; nothing to do");
-    return CQiError();
-  }
-  if (m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits().empty()) {
-    ZRLOG(-1,
-          "No volume work units assigned to this physical media work unit; nothing to do, "
-          "PhysicalMediaId=[%s]",
-          Esc(m_pPhysicalMediaWorkUnit->GetPhysicalMediaId()).c_str());
-    return CQiError();
-  }
-  if (ZRLOG_ON(2)) ZRLOG(2, "%s", Esc(m_pPhysicalMediaWorkUnit->AsString()).c_str());
-  for (const CVolumeWorkUnitPtr& pVolume : m_pPhysicalMediaWorkUnit->GetVolumeWorkUnits()) {
-    CQiError error = ProcessVolumeWorkUnit(pVolume);
-    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
-    if (error.IsError()) ZRLOG(-1, "ProcessVolumeWorkUnit failed, error=%s", error.AsString().c_str());
-  }
-  return CQiError();
+  return ProcessVolumesOfMedium(
+      "No volume work units assigned to this physical media work unit; nothing to do, "
+      "PhysicalMediaId=[%s]");
 }
 
 CQiError CTraverseScanEngine::ProcessVolumeWorkUnit(CVolumeWorkUnitPtr pVolumeUnit) {
-  if (!pVolumeUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No volume work unit");
-  if (ZRLOG_ON(1)) ZRLOG(1, "%s", Esc(pVolumeUnit->AsString()).c_str());
-  for (const CWorkUnitPtr& pWorkUnit : pVolumeUnit->GetWorkUnits()) {
-    if (ZRLOG_ON(1)) ZRLOG(1, "%s", Esc(pWorkUnit->AsString()).c_str());
-    if (pWorkUnit->IsSuccessfullyProcessed()) continue;
-    CQiError error = ProcessWorkUnit(pWorkUnit);
-    pWorkUnit->SetDisposition(kEngineTag, error.GetCode());
-    if (error.IsSuccess()) {
-      if (m_pScannerCallback) {
-        for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths())
-          (void)m_pScannerCallback->LogVolumeScanComplete(kEngineTag, pScanPath->GetSourceScanPath(),
-                                                          pWorkUnit->GetSourceVolumeName());
-      }
-      continue;
-    }
-    if (error.IsWin32(QiErrorCode::OperationAborted)) return QI_PUSH(error);
-    ZRLOG(-1, "ProcessWorkUnit failed, error=%s", error.AsString().c_str());
-  }
-  return CQiError();
+  return ProcessWorkUnitsOfVolume(pVolumeUnit, kEngineTag, 1);
 }
 
 CQiError CTraverseScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
