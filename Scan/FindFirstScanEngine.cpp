@@ -19,17 +19,6 @@
 namespace {
 std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
 
-// The surface's path under the source volume: its local-volume prefix replaced by the source
-// volume name (the source volume name put in front when there is no local volume name).
-std::string SourceSurfacePath(const std::string& strSurface, const std::string& strLocalVolume,
-                              const std::string& strSourceVolume) {
-  if (strSourceVolume.empty()) return strSurface;
-  if (strLocalVolume.empty()) return FXPath::Append(strSourceVolume, strSurface);
-  if (!FXPath::IsAncestorOf(strLocalVolume, strSurface, true)) return strSurface;
-  std::string strRest = FXPath::RemoveTrailingDelimiters(strSurface).substr(strLocalVolume.size());
-  if (strRest.empty() || strRest == "/") return strSourceVolume;
-  return FXPath::Append(strSourceVolume, strRest);
-}
 
 // Writes the three filter sets of a work unit to the log, one line per item.
 void DumpFilterSets(const CWorkUnit& workUnit) {
@@ -155,7 +144,7 @@ CQiError CFindFirstScanEngine::ProcessSurfaces(const CWorkUnitPtr& pWorkUnit,
   unsigned long long ullSucceeded = 0;
   for (size_t i = 0; i < lstSurfaces.size(); ++i) {
     const std::string& strSurface = lstSurfaces[i];
-    const std::string strSourceSurface = SourceSurfacePath(strSurface, strLocalVolume, strSourceVolume);
+    const std::string strSourceSurface = GetSourceSurfacePath(strSurface, strLocalVolume, strSourceVolume);
     if (ZRLOG_ON(2)) {
       ZRLOG(2, "LocalSurfacePath=[%s], sourceVolumeName=[%s], localVolumeName=[%s]",
             Esc(strSurface).c_str(), Esc(strSourceVolume).c_str(), Esc(strLocalVolume).c_str());

@@ -1,6 +1,7 @@
 #include "Scan/ScanEngine.h"
 
 #include "Platform/FXErrorUtil.h"
+#include "Platform/FXPath.h"
 #include "Platform/FXString.h"
 #include "Platform/LogWriterInterface.h"
 #include "Platform/ZRPI_Focus.h"
@@ -205,4 +206,15 @@ CQiError CScanEngine::ProcessWorkUnitsOfVolume(const CVolumeWorkUnitPtr& pVolume
     ZRLOG(-1, "ProcessWorkUnit failed, error=%s", error.AsString().c_str());
   }
   return CQiError();
+}
+
+std::string CScanEngine::GetSourceSurfacePath(const std::string& strSurface,
+                                              const std::string& strLocalVolume,
+                                              const std::string& strSourceVolume) {
+  if (strSourceVolume.empty()) return strSurface;
+  if (strLocalVolume.empty()) return FXPath::Append(strSourceVolume, strSurface);
+  if (!FXPath::IsAncestorOf(strLocalVolume, strSurface, true)) return strSurface;
+  std::string strRest = FXPath::RemoveTrailingDelimiters(strSurface).substr(strLocalVolume.size());
+  if (strRest.empty() || strRest == "/") return strSourceVolume;
+  return FXPath::Append(strSourceVolume, strRest);
 }

@@ -86,6 +86,11 @@ class CScanEngine {
   // failure is logged at level -1 and the next unit follows.
   CQiError ProcessWorkUnitsOfVolume(const CVolumeWorkUnitPtr& pVolumeUnit,
                                     const char* szEngineTag, int iLogLevel = 2);
+  // A surface's path under the source volume: its local-volume prefix replaced by the source
+  // volume name (the source volume name put in front when there is no local volume name).
+  static std::string GetSourceSurfacePath(const std::string& strSurface,
+                                          const std::string& strLocalVolume,
+                                          const std::string& strSourceVolume);
 
   std::string m_strInstance;
   CPhysicalMediaWorkUnitPtr m_pPhysicalMediaWorkUnit;

@@ -12,17 +12,6 @@
 namespace {
 std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
 
-// The surface's path under the source volume: its local-volume prefix replaced by the source
-// volume name (the same mapping the FindFirst engine reports surfaces under).
-std::string SourceSurfacePath(const std::string& strSurface, const std::string& strLocalVolume,
-                              const std::string& strSourceVolume) {
-  if (strSourceVolume.empty()) return strSurface;
-  if (strLocalVolume.empty()) return FXPath::Append(strSourceVolume, strSurface);
-  if (!FXPath::IsAncestorOf(strLocalVolume, strSurface, true)) return strSurface;
-  std::string strRest = FXPath::RemoveTrailingDelimiters(strSurface).substr(strLocalVolume.size());
-  if (strRest.empty() || strRest == "/") return strSourceVolume;
-  return FXPath::Append(strSourceVolume, strRest);
-}
 }  // namespace
 
 CTraverseScanEngine::CTraverseScanEngine() = default;
@@ -85,7 +74,7 @@ CQiError CTraverseScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
   const std::string strLocalVolume = FXPath::RemoveTrailingDelimiters(pWorkUnit->GetLocalVolumeName());
   for (size_t i = 0; i < lstSurfaces.size(); ++i) {
     const std::string& strSurface = lstSurfaces[i];
-    const std::string strSourceSurface = SourceSurfacePath(strSurface, strLocalVolume, strSourceVolume);
+    const std::string strSourceSurface = GetSourceSurfacePath(strSurface, strLocalVolume, strSourceVolume);
     ZRLOG(1, "SourceSurface=[%s], LocalSurface=[%s], (%d of %llu)", Esc(strSourceSurface).c_str(),
           Esc(strSurface).c_str(), static_cast<int>(i + 1), ullSurfaces);
     QI_RETURN_IF_ERROR(TraverseContent(pWorkUnit, strSurface, strSourceSurface),
