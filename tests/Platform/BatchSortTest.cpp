@@ -285,7 +285,7 @@ TEST_P(BatchSortError, FailsClearlyAndLeavesNothingBehind) {
     case 4: output = tree.Path("no-folder/sorted.txt"); outFolder = tree.Path("no-folder"); break;
     case 5: input.clear(); break;
     case 6: output = std::string("/tmp/a\0b", 8); break;
-    case 7: scratch = "/" + std::string(PATH_MAX, 's'); break;
+    case 7: scratch.assign(1, '/').append(PATH_MAX, 's'); break;
   }
   BBatchSortOptions options;
   options.uMemoryBytes = kSmall;  // would need runs
