@@ -74,8 +74,19 @@ CQiError CScanEngine::ProcessVolumeWorkUnit(CVolumeWorkUnitPtr /*pVolumeUnit*/) 
 }
 
 CQiError CScanEngine::ScanQueryCallback(CItemPtr pItem) {
+  return DeliverItem(std::move(pItem), false);
+}
+
+CQiError CScanEngine::ScanQueryCallbackFiltered(CItemPtr pItem) {
+  return DeliverItem(std::move(pItem), true);
+}
+
+CQiError CScanEngine::DeliverItem(CItemPtr pItem, bool bFiltered) {
   if (m_bFileScanDebugEnabled && pItem) {
-    ZRLOG(0, "Attributes [0x%08X] Source Path [%s] Local Path [%s]", pItem->GetAttributes(),
+    ZRLOG(0,
+          bFiltered ? "Attributes [0x%08X] Filtered Source Path [%s] Filtered Local Path [%s]"
+                    : "Attributes [0x%08X] Source Path [%s] Local Path [%s]",
+          pItem->GetAttributes(),
           FXString::EscapeControl(pItem->GetSourceFullyQualifiedItemName()).c_str(),
           FXString::EscapeControl(pItem->GetLocalFullyQualifiedItemName()).c_str());
   }
@@ -87,31 +98,11 @@ CQiError CScanEngine::ScanQueryCallback(CItemPtr pItem) {
   COutputHandler* pHandler = m_pOutputHandler.get();
   if (pHandler == nullptr) return CQiError();
 
-  CQiError error = pHandler->OnItem(std::move(pItem));
+  CQiError error = bFiltered ? pHandler->OnItemFiltered(std::move(pItem))
+                             : pHandler->OnItem(std::move(pItem));
   if (error.IsError()) {
     if (!error.IsWin32(QiErrorCode::NotSupported)) return QI_PUSH(error);
     // The handler does not take this item: skip it and go on.
-    ZRLOG(7, "OnItem failed, continuing, error=%s", error.AsString().c_str());
-  }
-  return CQiError();
-}
-
-CQiError CScanEngine::ScanQueryCallbackFiltered(CItemPtr pItem) {
-  if (m_bFileScanDebugEnabled && pItem) {
-    ZRLOG(0, "Attributes [0x%08X] Filtered Source Path [%s] Filtered Local Path [%s]",
-          pItem->GetAttributes(),
-          FXString::EscapeControl(pItem->GetSourceFullyQualifiedItemName()).c_str(),
-          FXString::EscapeControl(pItem->GetLocalFullyQualifiedItemName()).c_str());
-  }
-  if (m_pScannerCallback && m_pScannerCallback->IsAborted())
-    return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
-
-  COutputHandler* pHandler = m_pOutputHandler.get();
-  if (pHandler == nullptr) return CQiError();
-
-  CQiError error = pHandler->OnItemFiltered(std::move(pItem));
-  if (error.IsError()) {
-    if (!error.IsWin32(QiErrorCode::NotSupported)) return QI_PUSH(error);
     ZRLOG(7, "OnItem failed, continuing, error=%s", error.AsString().c_str());
   }
   return CQiError();

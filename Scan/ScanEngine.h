@@ -71,6 +71,10 @@ class CScanEngine {
   COutputHandlerPtr GetOutputHandler() const { return m_pOutputHandler; }
   bool IsFileScanDebugEnabled() const { return m_bFileScanDebugEnabled; }
 
+ private:
+  // The path of a selected (or, with bFiltered, a filter-rejected) item to the output handler.
+  CQiError DeliverItem(CItemPtr pItem, bool bFiltered);
+
  protected:
   // The loops that every engine runs around its ProcessWorkUnit. ProcessVolumesOfMedium runs
   // ProcessVolumeWorkUnit over each volume of the physical medium: an abort (995) ends the walk,
