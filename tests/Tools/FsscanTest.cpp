@@ -188,13 +188,20 @@ class FsscanFixture : public ::testing::Test {
   CTempTree m_scratch;
 };
 
-// --print0 against find, with 1 and with 4 traversal workers.
-class FsscanPrint0 : public FsscanFixture, public ::testing::WithParamInterface<int> {};
+// --print0 against find, through the facade, the fast driver and the scan arbiter's engines.
+struct SPrint0Case {
+  const char* szName;
+  std::vector<std::string> lstArgs;  // how the scan runs
+};
+
+class FsscanPrint0 : public FsscanFixture, public ::testing::WithParamInterface<SPrint0Case> {};
 
 TEST_P(FsscanPrint0, ReportsWhatFindListsMinusTheExcludedAndRecordsWhatItCannotRead) {
   const std::string strMixed = m_tree.Path("mixed"), strFailures = m_scratch.Path("failures");
-  const SRun run = Fsscan({"--print0", "--exclude", "*.tmp", "--failures", strFailures, "--workers",
-                           std::to_string(GetParam()), strMixed});
+  std::vector<std::string> lstArgs{"--print0", "--exclude", "*.tmp", "--failures", strFailures};
+  lstArgs.insert(lstArgs.end(), GetParam().lstArgs.begin(), GetParam().lstArgs.end());
+  lstArgs.push_back(strMixed);
+  const SRun run = Fsscan(lstArgs);
   EXPECT_EQ(run.iExit, 1) << run.strErr;  // the unreadable folder is content that failed
 
   size_t nRecords = 0;
@@ -211,8 +218,43 @@ TEST_P(FsscanPrint0, ReportsWhatFindListsMinusTheExcludedAndRecordsWhatItCannotR
   EXPECT_EQ(mapFailures, (std::map<std::string, int>{{strMixed + "/locked", EACCES}})) << ReadFile(strFailures);
 }
 
-INSTANTIATE_TEST_SUITE_P(Workers, FsscanPrint0, ::testing::Values(1, 4),
-                         [](const auto& info) { return "Workers" + std::to_string(info.param); });
+INSTANTIATE_TEST_SUITE_P(
+    Engines, FsscanPrint0,
+    ::testing::Values(SPrint0Case{"Facade", {"--workers", "1"}}, SPrint0Case{"FastDriver4Workers", {"--workers", "4"}},
+                      SPrint0Case{"ArbiterFastThenFindFirst",
+                                  {"--engines", "fast,findfirst", "--workers", "2", "--scanners", "2"}},
+                      SPrint0Case{"Traverse1Worker", {"--traverse", "--workers", "1"}},
+                      SPrint0Case{"Traverse2Workers", {"--traverse", "--workers", "2"}}),
+    [](const auto& info) { return std::string(info.param.szName); });
+
+// --from-file: the on-demand engine scans the listed files alone, the listed folder as find lists
+// it (the folder itself only with --top-level), records the missing path and skips "/".
+class FsscanFromFile : public FsscanFixture, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
+  const bool bTopLevel = GetParam();
+  const std::string strMixed = m_tree.Path("mixed"), strAbsent = m_tree.Path("clean/absent");
+  const std::string strContent = m_scratch.Path("content"), strFailures = m_scratch.Path("failures");
+  std::ofstream(strContent) << m_tree.Path("clean/y") << "\n/\n" << strMixed << "\n" << strAbsent << "\n"
+                            << m_tree.Path("clean/dir a/x.txt") << "\n";
+  std::vector<std::string> lstArgs{"--print0", "--failures", strFailures, "--from-file", strContent};
+  if (bTopLevel) lstArgs.push_back("--top-level");
+  const SRun run = Fsscan(lstArgs);
+  EXPECT_EQ(run.iExit, 1) << run.strErr;
+
+  size_t nRecords = 0;
+  const std::set<std::string> setReported = SplitNul(run.strOut, &nRecords);
+  EXPECT_EQ(nRecords, setReported.size()) << "an object was reported twice";
+  std::set<std::string> setExpected = Find({strMixed});
+  setExpected.insert({m_tree.Path("clean/y"), m_tree.Path("clean/dir a/x.txt")});
+  if (bTopLevel) setExpected.insert(strMixed);
+  EXPECT_EQ(setReported, setExpected);
+  EXPECT_EQ(ReadFailures(strFailures), (std::map<std::string, int>{{strMixed + "/locked", EACCES}, {strAbsent, ENOENT}}))
+      << ReadFile(strFailures);
+}
+
+INSTANTIATE_TEST_SUITE_P(TopLevel, FsscanFromFile, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "WithTopLevel" : "Plain"; });
 
 // A folder chain whose paths pass PATH_MAX: every object find lists is either reported or lies
 // below a folder recorded in the failures file; nothing is dropped silently.
@@ -282,6 +324,7 @@ struct SExitCase {
   int iExit;
   std::vector<std::string> lstPrint0;  // the paths of the exact --print0 output, in order
   const char* szFailure;               // the one path in the failures file; null: none expected
+  const char* szError = nullptr;       // the first line of stderr, when it matters
 };
 
 class FsscanExit : public FsscanFixture, public ::testing::WithParamInterface<SExitCase> {};
@@ -307,6 +350,9 @@ TEST_P(FsscanExit, EndsWithTheDocumentedStatus) {
   } else {
     EXPECT_TRUE(mapFailures.empty()) << run.strErr;
   }
+  if (testCase.szError) {
+    EXPECT_EQ(run.strErr.substr(0, run.strErr.find('\n')), fnExpand(testCase.szError));
+  }
   if (testCase.iExit != 2) {
     EXPECT_NE(run.strErr.find(" items, "), std::string::npos) << run.strErr;
   }
@@ -325,7 +371,17 @@ INSTANTIATE_TEST_SUITE_P(
         SExitCase{"UnknownOption", {"--bogus", "{T}/clean"}, 2, {}, nullptr},
         SExitCase{"NoPath", {"-0"}, 2, {}, nullptr},
         SExitCase{"BadWorkers", {"--workers", "0", "{T}/clean"}, 2, {}, nullptr},
-        SExitCase{"OutputCannotBeOpened", {"-o", "{S}/absent/out", "{T}/clean"}, 2, {}, nullptr}),
+        SExitCase{"OutputCannotBeOpened", {"-o", "{S}/absent/out", "{T}/clean"}, 2, {}, nullptr},
+        SExitCase{"UnknownEngine", {"--engines", "fast,bogus", "{T}/clean"}, 2, {}, nullptr,
+                  "fsscan: --engines: unknown engine 'bogus' (engines: findfirst, fast, traverse, ondemand)"},
+        SExitCase{"EmptyEngineList", {"--engines", "", "{T}/clean"}, 2, {}, nullptr,
+                  "fsscan: --engines: the engine list is empty (engines: findfirst, fast, traverse, ondemand)"},
+        SExitCase{"ArbiterMissingPath", {"-0", "-f", "{S}/failures", "--engines", "findfirst", "{T}/clean/absent"}, 1,
+                  {}, "{T}/clean/absent"},
+        SExitCase{"ContentFileMissing", {"-0", "-f", "{S}/failures", "--from-file", "{S}/absent"}, 2, {}, nullptr,
+                  "fsscan: cannot read the content file '{S}/absent': No such file or directory"},
+        SExitCase{"ContentFileWithPath", {"--from-file", "{S}/absent", "{T}/clean"}, 2, {}, nullptr,
+                  "fsscan: --from-file takes no PATH arguments"}),
     [](const auto& info) { return std::string(info.param.szName); });
 
 #endif  // FSSCAN_TOOL_PATH

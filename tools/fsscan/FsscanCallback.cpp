@@ -1,11 +1,17 @@
 #include "FsscanCallback.h"
 
+#include "EngineFactory.h"
+
 static_assert(std::atomic<bool>::is_always_lock_free, "the interrupt flag is set from a signal handler");
 
 std::atomic<bool> CFsscanCallback::s_bInterrupted{false};
 
-CFsscanCallback::CFsscanCallback(COutputHandlerPtr pOutputHandler, CItemConsumerPtr pFailureConsumer)
-    : m_pOutputHandler(std::move(pOutputHandler)), m_pFailureConsumer(std::move(pFailureConsumer)) {}
+CFsscanCallback::CFsscanCallback(COutputHandlerPtr pOutputHandler, CItemConsumerPtr pFailureConsumer,
+                                 std::vector<std::string> lstEngineNames, std::string strInstance)
+    : m_pOutputHandler(std::move(pOutputHandler)),
+      m_pFailureConsumer(std::move(pFailureConsumer)),
+      m_lstEngineNames(std::move(lstEngineNames)),
+      m_strInstance(std::move(strInstance)) {}
 
 CFsscanCallback::~CFsscanCallback() = default;
 
@@ -20,6 +26,11 @@ CQiError CFsscanCallback::GetOutputHandler(const std::string&, COutputHandlerPtr
 
 CQiError CFsscanCallback::GetScanFailureConsumer(CItemConsumerPtr& pConsumer) {
   pConsumer = m_pFailureConsumer;
+  return CQiError();
+}
+
+CQiError CFsscanCallback::GetScanEngineList(CScanEngineList& lstEngines) {
+  QI_RETURN_IF_ERROR(CEngineFactory::MakeEngines(m_lstEngineNames, m_strInstance, lstEngines));
   return CQiError();
 }
 

@@ -1,14 +1,17 @@
 // CFsscanCallback: fsscan's part in a scan. Hands the same output handler to every volume, the
-// failure consumer to every engine, and answers IsAborted with the base flag or an interrupt
-// (SIGINT/SIGTERM, recorded by RequestInterrupt from the signal handler).
+// failure consumer to every engine, new engines of the names given at construction (see
+// CEngineFactory) to every scanner of the scan arbiter that asks, and answers IsAborted with the
+// base flag or an interrupt (SIGINT/SIGTERM, recorded by RequestInterrupt from the signal
+// handler).
 //
-// Threads: called from every engine thread at once; it holds only shared pointers set at
-// construction and atomic flags.
+// Threads: called from every engine thread at once; it holds only shared pointers and names set
+// at construction and atomic flags.
 #pragma once
 
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Scan/ItemConsumer.h"
 #include "Scan/OutputHandler.h"
@@ -16,13 +19,17 @@
 
 class CFsscanCallback : public CScannerCallback {
  public:
-  CFsscanCallback(COutputHandlerPtr pOutputHandler, CItemConsumerPtr pFailureConsumer);
+  // lstEngineNames: the engines of GetScanEngineList, in order (names of CEngineFactory).
+  CFsscanCallback(COutputHandlerPtr pOutputHandler, CItemConsumerPtr pFailureConsumer,
+                  std::vector<std::string> lstEngineNames = {}, std::string strInstance = std::string());
   ~CFsscanCallback() override;
 
   bool IsAborted() const override;
   std::string AsString() const override;
   CQiError GetOutputHandler(const std::string& strName, COutputHandlerPtr& pHandler) override;
   CQiError GetScanFailureConsumer(CItemConsumerPtr& pConsumer) override;
+  // New engine objects on every call: each scanner drives engines of its own.
+  CQiError GetScanEngineList(CScanEngineList& lstEngines) override;
 
   // Async-signal-safe: marks every callback of the process as aborted.
   static void RequestInterrupt();
@@ -31,6 +38,8 @@ class CFsscanCallback : public CScannerCallback {
  private:
   COutputHandlerPtr m_pOutputHandler;
   CItemConsumerPtr m_pFailureConsumer;
+  const std::vector<std::string> m_lstEngineNames;
+  const std::string m_strInstance;
   static std::atomic<bool> s_bInterrupted;
 };
 

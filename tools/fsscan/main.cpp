@@ -1,6 +1,7 @@
 // fsscan: scans folder trees with the scan library and lists what it finds.
 //
 //   fsscan [options] PATH...
+//   fsscan [options] --from-file FILE
 //
 // Each PATH is content of the scan (a folder, or a single file, which is then reported alone);
 // relative paths are taken from the working directory and reported as absolute paths. Every
@@ -16,16 +17,31 @@
 // live progress line while scanning when stderr is a terminal.
 //
 // Exit status: 0 when everything was scanned; 1 when some content failed (a failure was
-// recorded, or a work unit did not complete; a PATH that does not exist is content that failed
-// and is recorded as a failure); 2 on a usage or set-up error (unknown option, bad number, an
-// output, failures or log file that cannot be opened, items that cannot be written); 130 when
-// interrupted (SIGINT/SIGTERM abort the scan).
+// recorded, or a work unit did not complete; a PATH, or a path listed in the --from-file FILE,
+// that does not exist is content that failed and is recorded as a failure); 2 on a usage or
+// set-up error (unknown option or engine, bad number, an output, failures, log or --from-file
+// content file that cannot be opened, items that cannot be written); 130 when interrupted
+// (SIGINT/SIGTERM abort the scan). The content file counts as set-up: like the output and
+// failures files it is an input of fsscan itself, not content of the scan.
 //
-// --workers 1 (the default) runs the scanner facade (CBasicScanner: the FindFirst engine, one
-// traversal worker per physical medium). --workers N > 1 runs the fast FindFirst engine with N
-// traversal workers per medium through CFastScanDriver, since the facade cannot.
+// How the scan runs:
+//   - by default, --workers 1: the scanner facade (CBasicScanner: the FindFirst engine, one
+//     traversal worker per physical medium);
+//   - --workers N > 1 alone: the fast FindFirst engine with N traversal workers per medium
+//     through CFastScanDriver, since the facade cannot;
+//   - --engines LIST (or --traverse, short for --engines traverse): the library's scan arbiter
+//     through CArbiterScanDriver, with --scanners scanner threads; each offers every work unit
+//     to the listed engines in order (CEngineFactory names them) and --workers sets the
+//     traversal workers per work unit of the engines that have several (fast, traverse);
+//   - --from-file FILE: the arbiter with the on-demand engine alone. FILE holds one absolute path
+//     per line; a file is reported alone, a folder is traversed and its objects reported, the
+//     folder itself only with --top-level (so a listed folder gives what `find DIR -mindepth 1`
+//     lists); empty lines and the line "/" are skipped; a listed path that does not exist is
+//     recorded as a failure. No PATH arguments go with it.
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -36,6 +52,8 @@
 #include <string>
 #include <vector>
 
+#include "ArbiterScanDriver.h"
+#include "EngineFactory.h"
 #include "FailureReportConsumer.h"
 #include "FastScanDriver.h"
 #include "FsscanCallback.h"
@@ -67,14 +85,22 @@ struct SOptions {
   int iWorkers = 1;
   bool bPrint0 = false;
   bool bTopLevel = false;
+  bool bEnginesGiven = false;    // --engines or --traverse: run the scan arbiter
+  std::vector<std::string> lstEngines;
+  int iScanners = 1;
+  bool bScannersGiven = false;
+  bool bFromFile = false;        // --from-file: the on-demand engine on this content file
+  std::string strFromFile;
   ItemSet setExcludes;
   ItemSet setExceptions;
   ItemSet setContentExceptions;
   std::vector<std::string> lstPaths;
 };
 
+// printf format: %s is the list of engine names.
 const char kUsage[] =
     "Usage: fsscan [options] PATH...\n"
+    "       fsscan [options] --from-file FILE\n"
     "Scans the folder trees below each PATH and lists every object found.\n"
     "\n"
     "  -o, --output FILE            write the item list to FILE (default: stdout)\n"
@@ -85,7 +111,20 @@ const char kUsage[] =
     "  -x, --exclude PATTERN        leave out objects matching PATTERN (filter item)\n"
     "  -e, --exception PATTERN      keep objects matching PATTERN although excluded\n"
     "  -c, --content-exception PATH leave PATH out of the content\n"
-    "  -w, --workers N              traversal workers per physical medium (default 1)\n"
+    "  -w, --workers N              traversal workers per physical medium (default 1),\n"
+    "                               with the scan arbiter per work unit\n"
+    "      --engines LIST           run the scan arbiter with these engines, comma separated,\n"
+    "                               tried in order on every work unit (e.g. fast,findfirst);\n"
+    "                               engines: %s;\n"
+    "                               ondemand reads each PATH as a list of paths (--from-file)\n"
+    "      --traverse               short for --engines traverse\n"
+    "      --scanners N             scanner threads of the scan arbiter, 1 to 64 (default 1)\n"
+    "      --from-file FILE         scan the paths listed in FILE, one absolute path per line,\n"
+    "                               with the on-demand engine (no PATH then): a file is\n"
+    "                               reported alone, a folder's objects below it (the folder\n"
+    "                               itself with --top-level), a missing path is a failure, the\n"
+    "                               line \"/\" and empty lines are skipped; a FILE that cannot be\n"
+    "                               read is a set-up error (exit 2)\n"
     "  -l, --log FILE               write the library's log to FILE ('-' for stderr)\n"
     "  -L, --log-level N            log level, -1 to 7 (default 1; alone: log to stderr)\n"
     "  -h, --help                   show this help\n"
@@ -102,13 +141,15 @@ bool ParseInt(const char* szText, int iMin, int iMax, int& iValue) {
 
 // 0 to go on, kExitUsage on a usage error, -1 when the help was printed.
 int ParseOptions(int argc, char** argv, SOptions& options) {
-  enum { kOptTopLevel = 256 };
+  enum { kOptTopLevel = 256, kOptEngines, kOptTraverse, kOptScanners, kOptFromFile };
   static const struct option kLongOptions[] = {
       {"output", required_argument, nullptr, 'o'},   {"print0", no_argument, nullptr, '0'},
       {"top-level", no_argument, nullptr, kOptTopLevel}, {"failures", required_argument, nullptr, 'f'},
       {"exclude", required_argument, nullptr, 'x'},  {"exception", required_argument, nullptr, 'e'},
       {"content-exception", required_argument, nullptr, 'c'}, {"workers", required_argument, nullptr, 'w'},
       {"log", required_argument, nullptr, 'l'},      {"log-level", required_argument, nullptr, 'L'},
+      {"engines", required_argument, nullptr, kOptEngines}, {"traverse", no_argument, nullptr, kOptTraverse},
+      {"scanners", required_argument, nullptr, kOptScanners}, {"from-file", required_argument, nullptr, kOptFromFile},
       {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
   int iOption;
   while ((iOption = getopt_long(argc, argv, "o:0f:x:e:c:w:l:L:h", kLongOptions, nullptr)) != -1) {
@@ -134,11 +175,54 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
         }
         options.bLog = true;
         break;
-      case 'h': fputs(kUsage, stdout); return -1;
+      case kOptEngines: {
+        CQiError error = CEngineFactory::ParseList(optarg, options.lstEngines);
+        if (error.IsError()) {
+          fprintf(stderr, "fsscan: --engines: %s\n", error.GetMessage().c_str());
+          return kExitUsage;
+        }
+        options.bEnginesGiven = true;
+        break;
+      }
+      case kOptTraverse:
+        options.lstEngines = {"traverse"};
+        options.bEnginesGiven = true;
+        break;
+      case kOptScanners:
+        if (!ParseInt(optarg, 1, 64, options.iScanners)) {
+          fprintf(stderr, "fsscan: --scanners wants a number from 1 to 64, not '%s'\n", optarg);
+          return kExitUsage;
+        }
+        options.bScannersGiven = true;
+        break;
+      case kOptFromFile:
+        options.strFromFile = optarg;
+        options.bFromFile = true;
+        break;
+      case 'h': printf(kUsage, CEngineFactory::GetNamesText().c_str()); return -1;
       default: fputs("Try 'fsscan --help' for more information.\n", stderr); return kExitUsage;
     }
   }
   for (int i = optind; i < argc; ++i) options.lstPaths.emplace_back(argv[i]);
+  const char* szTryHelp = "Try 'fsscan --help' for more information.\n";
+  if (options.bFromFile) {
+    if (!options.lstPaths.empty()) {
+      fprintf(stderr, "fsscan: --from-file takes no PATH arguments\n%s", szTryHelp);
+      return kExitUsage;
+    }
+    if (options.bEnginesGiven) {
+      fprintf(stderr, "fsscan: --from-file runs the ondemand engine; --engines and --traverse do not go with it\n%s",
+              szTryHelp);
+      return kExitUsage;
+    }
+    options.lstEngines = {"ondemand"};
+    options.bEnginesGiven = true;
+    return 0;
+  }
+  if (options.bScannersGiven && !options.bEnginesGiven) {
+    fprintf(stderr, "fsscan: --scanners needs --engines, --traverse or --from-file\n%s", szTryHelp);
+    return kExitUsage;
+  }
   if (options.lstPaths.empty()) {
     fputs("fsscan: no PATH given\nTry 'fsscan --help' for more information.\n", stderr);
     return kExitUsage;
@@ -153,6 +237,24 @@ std::string MakeAbsolute(const std::string& strPath) {
   std::string strCwd = pCwd.get();
   if (strCwd.empty() || strCwd.back() != '/') strCwd.push_back('/');
   return strCwd + strPath;
+}
+
+// The --from-file content file must be a readable file: the on-demand engine would skip it with
+// a log line only, and the scan would pass as one that found nothing.
+bool CheckContentFile(const std::string& strPath) {
+  const int fd = open(strPath.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    fprintf(stderr, "fsscan: cannot read the content file '%s': %m\n", FXString::EscapeControl(strPath).c_str());
+    return false;
+  }
+  struct stat st {};
+  const bool bFolder = fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+  close(fd);
+  if (bFolder) {
+    fprintf(stderr, "fsscan: the content file '%s' is a folder\n", FXString::EscapeControl(strPath).c_str());
+    return false;
+  }
+  return true;
 }
 
 void OnSignal(int) { CFsscanCallback::RequestInterrupt(); }
@@ -192,6 +294,7 @@ int main(int argc, char** argv) {
   if (iParse < 0) return kExitSuccess;
   if (iParse != 0) return iParse;
   InstallSignalHandlers();
+  if (options.bFromFile && !CheckContentFile(options.strFromFile)) return kExitUsage;
 
   if (options.bLog) {
     auto pLogWriter = std::make_shared<CFileLogWriter>(options.iLogLevel);
@@ -230,11 +333,11 @@ int main(int argc, char** argv) {
       pFailuresFile, [&progress](const std::string& strLine) { progress.PrintMessage(strLine); });
   auto pItems = std::make_shared<CItemLineOutputHandler>(
       pOutput.get(), options.bPrint0 ? CItemLineOutputHandler::EFormat::Print0 : CItemLineOutputHandler::EFormat::Lines);
-  auto pCallback = std::make_shared<CFsscanCallback>(pItems, pFailures);
+  auto pCallback = std::make_shared<CFsscanCallback>(pItems, pFailures, options.lstEngines, kInstanceName);
 
   auto pBag = std::make_shared<CBag>();
   if (options.bTopLevel) (void)pBag->Write(SXScannerConfigurationBagId::idProcessTopLevelContent, true);
-  if (options.iWorkers > 1) (void)pBag->Write(kEnableFolderLevelMultithread, true);
+  if (options.iWorkers > 1 || options.bEnginesGiven) (void)pBag->Write(kEnableFolderLevelMultithread, true);
   (void)pCallback->SetScannerConfigurationBag(pBag);
 
   const auto tStart = std::chrono::steady_clock::now();
@@ -256,7 +359,29 @@ int main(int argc, char** argv) {
     (void)pFailures->RecordContentFailure(strPath, error);
   };
 
-  if (options.iWorkers == 1) {
+  if (options.bEnginesGiven) {
+    CArbiterScanDriver driver(llScanId, pCallback, pBag, options.iWorkers, options.iScanners);
+    // With --from-file the content is the content file: its work unit's scan path names it.
+    const std::vector<std::string> lstContent =
+        options.bFromFile ? std::vector<std::string>{options.strFromFile} : options.lstPaths;
+    for (const std::string& strPath : lstContent) {
+      const std::string strAbsolute = MakeAbsolute(strPath);
+      CQiError error = driver.AddLocalContentItem(strAbsolute);
+      if (error.IsError()) fnAssignFailed(strAbsolute, error); else ++nAssigned;
+    }
+    if (nAssigned > 0) {
+      CQiError error = driver.Run(options.setContentExceptions, options.setExcludes, options.setExceptions);
+      if (error.IsError() && !error.IsWin32(QiErrorCode::OperationAborted)) {
+        progress.PrintMessage("fsscan: the scan could not run: " + error.GetMessage());
+        bSetUpFailed = true;
+      } else {
+        // An abort that no interrupt asked for: a scanner met an error that ends the scan.
+        const bool bEndedByError = error.IsError() && !CFsscanCallback::IsInterrupted();
+        if (bEndedByError) progress.PrintMessage("fsscan: the scan was ended: " + error.GetMessage());
+        nUnfinishedUnits = ReportUnfinishedUnits(*driver.GetWorkUnitManager(), progress) + (bEndedByError ? 1 : 0);
+      }
+    }
+  } else if (options.iWorkers == 1) {
     CBasicScanner scanner(llScanId, kInstanceName, pCallback);
     (void)scanner.SetLogWriter(CLogWriterInterface::GetProcessLogWriter());
     (void)scanner.SetConfigurationBag(pBag);
