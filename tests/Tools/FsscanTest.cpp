@@ -228,7 +228,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.szName); });
 
 // --from-file: the on-demand engine scans the listed files alone, the listed folder as find lists
-// it (the folder itself only with --top-level), records the missing path and skips "/".
+// it minus the excluded (the folder itself only with --top-level), records the missing path and
+// skips "/".
 class FsscanFromFile : public FsscanFixture, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
@@ -237,7 +238,7 @@ TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
   const std::string strContent = m_scratch.Path("content"), strFailures = m_scratch.Path("failures");
   std::ofstream(strContent) << m_tree.Path("clean/y") << "\n/\n" << strMixed << "\n" << strAbsent << "\n"
                             << m_tree.Path("clean/dir a/x.txt") << "\n";
-  std::vector<std::string> lstArgs{"--print0", "--failures", strFailures, "--from-file", strContent};
+  std::vector<std::string> lstArgs{"--print0", "--exclude", "*.tmp", "--failures", strFailures, "--from-file", strContent};
   if (bTopLevel) lstArgs.push_back("--top-level");
   const SRun run = Fsscan(lstArgs);
   EXPECT_EQ(run.iExit, 1) << run.strErr;
@@ -245,7 +246,9 @@ TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
   size_t nRecords = 0;
   const std::set<std::string> setReported = SplitNul(run.strOut, &nRecords);
   EXPECT_EQ(nRecords, setReported.size()) << "an object was reported twice";
-  std::set<std::string> setExpected = Find({strMixed});
+  std::set<std::string> setExpected;
+  for (const std::string& strPath : Find({strMixed}))
+    if (!HasExcludedComponent(strPath)) setExpected.insert(strPath);
   setExpected.insert({m_tree.Path("clean/y"), m_tree.Path("clean/dir a/x.txt")});
   if (bTopLevel) setExpected.insert(strMixed);
   EXPECT_EQ(setReported, setExpected);
@@ -381,7 +384,9 @@ INSTANTIATE_TEST_SUITE_P(
         SExitCase{"ContentFileMissing", {"-0", "-f", "{S}/failures", "--from-file", "{S}/absent"}, 2, {}, nullptr,
                   "fsscan: cannot read the content file '{S}/absent': No such file or directory"},
         SExitCase{"ContentFileWithPath", {"--from-file", "{S}/absent", "{T}/clean"}, 2, {}, nullptr,
-                  "fsscan: --from-file takes no PATH arguments"}),
+                  "fsscan: --from-file takes no PATH arguments"},
+        SExitCase{"ContentFileWithPathFilter", {"-x", "{T}/clean", "--from-file", "{S}/absent"}, 2, {}, nullptr,
+                  "fsscan: with --from-file, --exclude and --exception take patterns, not paths: '{T}/clean'"}),
     [](const auto& info) { return std::string(info.param.szName); });
 
 #endif  // FSSCAN_TOOL_PATH

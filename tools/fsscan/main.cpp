@@ -37,7 +37,13 @@
 //     per line; a file is reported alone, a folder is traversed and its objects reported, the
 //     folder itself only with --top-level (so a listed folder gives what `find DIR -mindepth 1`
 //     lists); empty lines and the line "/" are skipped; a listed path that does not exist is
-//     recorded as a failure. No PATH arguments go with it.
+//     recorded as a failure. No PATH arguments go with it. Volumes mounted below a listed
+//     folder are scanned too, each by a traversal of its own whose root (the mount point) is,
+//     like the listed folder, reported only with --top-level: that is where the listing
+//     differs from find's. The content file is the work unit's only scan path, and a work unit
+//     takes only the filter paths that concern its scan paths, so --exclude/--exception take
+//     patterns here (a path starting with '/' is a usage error) and --content-exception is
+//     refused.
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
@@ -123,8 +129,11 @@ const char kUsage[] =
     "                               with the on-demand engine (no PATH then): a file is\n"
     "                               reported alone, a folder's objects below it (the folder\n"
     "                               itself with --top-level), a missing path is a failure, the\n"
-    "                               line \"/\" and empty lines are skipped; a FILE that cannot be\n"
-    "                               read is a set-up error (exit 2)\n"
+    "                               line \"/\" and empty lines are skipped; volumes mounted\n"
+    "                               below a folder are scanned too, their mount points only\n"
+    "                               with --top-level; filters are patterns here (no '/' first),\n"
+    "                               no --content-exception; a FILE that cannot be read is a\n"
+    "                               set-up error (exit 2)\n"
     "  -l, --log FILE               write the library's log to FILE ('-' for stderr)\n"
     "  -L, --log-level N            log level, -1 to 7 (default 1; alone: log to stderr)\n"
     "  -h, --help                   show this help\n"
@@ -214,6 +223,20 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
       fprintf(stderr, "fsscan: --from-file runs the ondemand engine; --engines and --traverse do not go with it\n%s",
               szTryHelp);
       return kExitUsage;
+    }
+    // The content file's work unit takes only the filters that concern its own path, and the
+    // on-demand traversal consults no scan content: paths would be dropped without a word.
+    if (!options.setContentExceptions.empty()) {
+      fprintf(stderr, "fsscan: --content-exception does not go with --from-file\n%s", szTryHelp);
+      return kExitUsage;
+    }
+    for (const ItemSet* pSet : {&options.setExcludes, &options.setExceptions}) {
+      for (const std::string& strItem : *pSet) {
+        if (strItem.empty() || strItem[0] != '/') continue;
+        fprintf(stderr, "fsscan: with --from-file, --exclude and --exception take patterns, not paths: '%s'\n%s",
+                FXString::EscapeControl(strItem).c_str(), szTryHelp);
+        return kExitUsage;
+      }
     }
     options.lstEngines = {"ondemand"};
     options.bEnginesGiven = true;
