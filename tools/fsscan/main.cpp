@@ -32,7 +32,9 @@
 //   - --engines LIST (or --traverse, short for --engines traverse): the library's scan arbiter
 //     through CArbiterScanDriver, with --scanners scanner threads; each offers every work unit
 //     to the listed engines in order (CEngineFactory names them) and --workers sets the
-//     traversal workers per work unit of the engines that have several (fast, traverse);
+//     traversal workers per work unit of the engines that have several (fast, traverse); the
+//     traverse engine does not take --top-level (its traversal never reports a content root);
+//     the ondemand engine reads each PATH as a content file (see --from-file);
 //   - --from-file FILE: the arbiter with the on-demand engine alone. FILE holds one absolute path
 //     per line; a file is reported alone, a folder is traversed and its objects reported, the
 //     folder itself only with --top-level (so a listed folder gives what `find DIR -mindepth 1`
@@ -111,7 +113,8 @@ const char kUsage[] =
     "\n"
     "  -o, --output FILE            write the item list to FILE (default: stdout)\n"
     "  -0, --print0                 list only the paths, each ended by a NUL byte (as find -print0)\n"
-    "      --top-level              also report each content PATH itself\n"
+    "      --top-level              also report each content PATH itself (not with the traverse\n"
+    "                               engine, which never reports a content root)\n"
     "  -f, --failures FILE          write objects that could not be scanned to FILE\n"
     "                               (default: one message each on stderr)\n"
     "  -x, --exclude PATTERN        leave out objects matching PATTERN (filter item)\n"
