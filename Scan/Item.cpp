@@ -6,13 +6,18 @@
 #include "Platform/FXPath.h"
 
 CItem::CItem(CBagPtr pWorkUnitBag)
-    : m_pWorkUnitBag(std::move(pWorkUnitBag)), m_pItemBag(std::make_shared<CBag>()) {}
+    : m_pWorkUnitBag(std::move(pWorkUnitBag)) {}
 
 CItem::CItem(const CItemPtr& pParent, CBagPtr pWorkUnitBag) : CItem(std::move(pWorkUnitBag)) {
   if (pParent && pParent->isNewInImage()) setNewInImage();
 }
 
 CItem::~CItem() = default;
+
+CBagPtr CItem::GetItemBag() const {
+  std::call_once(m_onceItemBag, [this] { m_pItemBag = std::make_shared<CBag>(); });
+  return m_pItemBag;
+}
 
 const std::string& CItem::EmptyString() {
   static const std::string s_strEmpty;

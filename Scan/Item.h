@@ -8,7 +8,7 @@
 // This base class knows nothing about the object: every query answers "unknown" (attributes
 // 0xFFFFFFFF, empty names, zero sizes, default time stamps). It carries what every item has:
 //  - the work-unit bag (shared with every item of the work unit; may be empty),
-//  - a private item bag, created empty by every constructor, where engines put per-item values
+//  - a private item bag, made empty on its first use (most items never need one), where engines put per-item values
 //    (for example "errorCode" for the scan-failures writer, "SELECTED_FOR_BACKUP"),
 //  - flag bits: 1 new-in-image, 2 selected (bits 4, 8 and 16 are reserved and stay clear),
 //  - the interface table: owned CItemInterface objects indexed by a small id.
@@ -29,6 +29,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -90,7 +91,8 @@ class CItem : public FVBase {
   virtual void initializeParentItem();
 
   CBagPtr GetWorkUnitBag() const { return m_pWorkUnitBag; }
-  CBagPtr GetItemBag() const { return m_pItemBag; }
+  // Made on the first call; later calls return the same bag. Safe from several threads.
+  CBagPtr GetItemBag() const;
 
   void setNewInImage() { m_uFlags |= kFlagNewInImage; }
   bool isNewInImage() const { return (m_uFlags & kFlagNewInImage) != 0; }
@@ -117,7 +119,8 @@ class CItem : public FVBase {
 
  private:
   CBagPtr m_pWorkUnitBag;
-  CBagPtr m_pItemBag;
+  mutable CBagPtr m_pItemBag;
+  mutable std::once_flag m_onceItemBag;
   uint8_t m_uFlags = 0;
   // Declared last so that the interfaces are destroyed before the bags.
   std::vector<std::unique_ptr<CItemInterface>> m_vInterfaces;
