@@ -242,6 +242,16 @@ bool CFilterSet::IsMatchEntireFolder(const CFilterTermTestString& folder) const 
   return !CouldMatchAtOrBelow(1, folder);
 }
 
+// Asked for every entry of a scan: stops at the first item instead of counting them all.
+bool CFilterSet::IsEmpty() const {
+  for (size_t index = 0; index < kStates; ++index) {
+    if (!m_vWildcards[index].empty()) return false;
+    for (const auto& plain : m_aPlain[index])
+      if (plain && plain->Count() != 0) return false;
+  }
+  return true;
+}
+
 size_t CFilterSet::GetItemCount() const {
   return GetItemCount(BFilterNodeState::Include) + GetItemCount(BFilterNodeState::Exception);
 }

@@ -82,7 +82,7 @@ class CFilterSet {
   }
   bool IsUseInsensitiveFilterForWildCardSet() const { return m_bInsensitiveWildcards; }
 
-  bool IsEmpty() const { return GetItemCount() == 0; }
+  bool IsEmpty() const;
   size_t GetItemCount() const;
   size_t GetItemCount(BFilterNodeState state) const;
   size_t GetWildcardItemCount() const;
