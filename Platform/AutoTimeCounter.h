@@ -1,23 +1,24 @@
-// CAutoTimeCounter: a scoped timer. It reads the steady clock when made and, when it goes out of
+// CAutoTimeCounter: a scoped timer. It reads the performance clock (CPerfClock) when made and, when it goes out of
 // scope (or at Stop), adds the elapsed nanoseconds and one sample to its counter.
 //
 //   { CAutoTimeCounter timer(EScanPerfCounterType::TIME_ADD_TO_COLLECT); ... }
 //   { CAutoTimeCounter timer(CScanPerformanceCounter::GetThreadCounter(volume)
 //                                [EScanPerfCounterType::TIME_FINDFIRST]); ... }
 //
-// Costs two clock reads and two relaxed atomic adds. A null counter makes it a no-op. One
+// Costs two clock reads (two rdtsc instructions where the kernel keeps time with the time-stamp
+// counter) and two relaxed atomic adds. A null counter makes it a no-op. One
 // timer belongs to one thread; the counter it feeds may be shared.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 
+#include "Platform/PerfClock.h"
 #include "Platform/ScanPerformanceCounter.h"
 
 class CAutoTimeCounter {
  public:
   explicit CAutoTimeCounter(CScanPerformanceCounter* pCounter)
-      : m_pCounter(pCounter), m_tStart(std::chrono::steady_clock::now()) {}
+      : m_pCounter(pCounter), m_tStart(CPerfClock::Now()) {}
   explicit CAutoTimeCounter(CScanPerformanceCounter& counter) : CAutoTimeCounter(&counter) {}
   // Times on the per-scan counter of the type.
   explicit CAutoTimeCounter(EScanPerfCounterType eType)
@@ -34,12 +35,11 @@ class CAutoTimeCounter {
   }
 
   uint64_t GetElapsedNanoseconds() const {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                     std::chrono::steady_clock::now() - m_tStart)
-                                     .count());
+    const CPerfClock::Ticks now = CPerfClock::Now();
+    return CPerfClock::ToNanoseconds(now - m_tStart, now);
   }
 
  private:
   CScanPerformanceCounter* m_pCounter;
-  std::chrono::steady_clock::time_point m_tStart;
+  CPerfClock::Ticks m_tStart;
 };

@@ -80,6 +80,25 @@ thread_local SThreadSets t_threadSets;
 
 }  // namespace
 
+uint64_t CScanPerformanceCounter::GetTotalNanoseconds() const {
+  uint64_t ullTotal = 0;
+  for (const SStripe& stripe : m_aStripes) ullTotal += stripe.ullTotalNs.load(std::memory_order_relaxed);
+  return ullTotal;
+}
+
+uint64_t CScanPerformanceCounter::GetSamples() const {
+  uint64_t ullSamples = 0;
+  for (const SStripe& stripe : m_aStripes) ullSamples += stripe.ullSamples.load(std::memory_order_relaxed);
+  return ullSamples;
+}
+
+void CScanPerformanceCounter::Reset() {
+  for (SStripe& stripe : m_aStripes) {
+    stripe.ullTotalNs.store(0, std::memory_order_relaxed);
+    stripe.ullSamples.store(0, std::memory_order_relaxed);
+  }
+}
+
 const char* CScanPerformanceCounter::GetTypeName(EScanPerfCounterType eType) {
   const size_t uIndex = static_cast<size_t>(eType);
   return uIndex < kScanPerfCounterTypeCount ? kTypeNames[uIndex] : "TIME_UNKNOWN";

@@ -13,11 +13,13 @@
 //   "Volume=%s, ThreadId=%ld, Counter=%s, Total=%llu ms, Samples=%llu, Average=%llu us"
 // (Total truncated to whole milliseconds, Average = total / samples in whole microseconds.)
 //
-// Threads: Add is lock-free (relaxed atomics) and may be called from any number of threads at
-// once; readers see each counter's own values, not a snapshot across counters. A thread's set
+// Threads: Add is lock-free (relaxed atomics, one stripe per CPU) and may be called from any
+// number of threads at once; readers see each counter's own values, not a snapshot across counters. A thread's set
 // is meant to be updated by that thread only, but may be read and logged from any thread.
 // Usually a counter is fed through CAutoTimeCounter.
 #pragma once
+
+#include <sched.h>
 
 #include <atomic>
 #include <cstdint>
@@ -28,7 +30,7 @@
 
 class CScanPerformanceCounterSet;
 
-class alignas(64) CScanPerformanceCounter {  // own cache line: no false sharing between timers
+class CScanPerformanceCounter {
  public:
   explicit CScanPerformanceCounter(
       EScanPerfCounterType eType = EScanPerfCounterType::TIME_TOTAL_SCAN)
@@ -37,15 +39,13 @@ class alignas(64) CScanPerformanceCounter {  // own cache line: no false sharing
   CScanPerformanceCounter& operator=(const CScanPerformanceCounter&) = delete;
 
   void Add(uint64_t ullNanoseconds, uint64_t ullSamples = 1) {
-    m_ullTotalNs.fetch_add(ullNanoseconds, std::memory_order_relaxed);
-    m_ullSamples.fetch_add(ullSamples, std::memory_order_relaxed);
+    SStripe& stripe = m_aStripes[CurrentStripe()];
+    stripe.ullTotalNs.fetch_add(ullNanoseconds, std::memory_order_relaxed);
+    stripe.ullSamples.fetch_add(ullSamples, std::memory_order_relaxed);
   }
-  uint64_t GetTotalNanoseconds() const { return m_ullTotalNs.load(std::memory_order_relaxed); }
-  uint64_t GetSamples() const { return m_ullSamples.load(std::memory_order_relaxed); }
-  void Reset() {
-    m_ullTotalNs.store(0, std::memory_order_relaxed);
-    m_ullSamples.store(0, std::memory_order_relaxed);
-  }
+  uint64_t GetTotalNanoseconds() const;
+  uint64_t GetSamples() const;
+  void Reset();
 
   EScanPerfCounterType GetType() const { return m_eType; }
   const char* GetName() const { return GetTypeName(m_eType); }
@@ -66,7 +66,19 @@ class alignas(64) CScanPerformanceCounter {  // own cache line: no false sharing
   static void ResetAll();
 
  private:
+  // The per-scan timers are fed by every traversal worker for every entry: each CPU adds to a
+  // stripe of its own (on its own cache line), so that workers on different cores do not take
+  // turns owning one line. Reads add the stripes up.
+  static constexpr size_t kStripes = 8;
+  struct alignas(64) SStripe {
+    std::atomic<uint64_t> ullTotalNs{0};
+    std::atomic<uint64_t> ullSamples{0};
+  };
+  static size_t CurrentStripe() {
+    const int iCpu = sched_getcpu();
+    return iCpu < 0 ? 0 : static_cast<size_t>(iCpu) % kStripes;
+  }
+
+  SStripe m_aStripes[kStripes];
   EScanPerfCounterType m_eType;
-  std::atomic<uint64_t> m_ullTotalNs{0};
-  std::atomic<uint64_t> m_ullSamples{0};
 };
