@@ -1,5 +1,5 @@
-// FXCriticalSection is header-only: every operation forwards to std::recursive_mutex and is
-// inlined. This unit keeps the one-pair-per-class layout and checks the Lockable shape.
+// FXCriticalSection is header-only: every operation forwards to std::recursive_mutex (Enter after
+// a short spin) and is inlined. This unit keeps the one-pair-per-class layout and checks the Lockable shape.
 #include "Platform/FXCriticalSection.h"
 
 #include <type_traits>

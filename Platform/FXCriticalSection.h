@@ -6,7 +6,16 @@
 // Enter/Leave/TryEnter keep the platform's naming; lock/unlock/try_lock make it a standard
 // Lockable (std::lock_guard, std::unique_lock, std::condition_variable_any). CScopedLock holds it
 // for one scope. Any thread may use it; a thread leaves only what it entered.
+//
+// Like a critical section with a spin count, Enter first tries the lock a number of times
+// before it sleeps: sections are usually held for well under a microsecond (one item handed to
+// an output handler), and putting a thread to sleep and waking it costs two system calls and a
+// context switch each, many times the wait itself.
 #pragma once
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 #include <memory>
 #include <mutex>
@@ -18,13 +27,19 @@ class FXCriticalSection {
   FXCriticalSection(const FXCriticalSection&) = delete;
   FXCriticalSection& operator=(const FXCriticalSection&) = delete;
 
-  void Enter() { m_mutex.lock(); }
+  void Enter() {
+    for (int i = 0; i < kSpinCount; ++i) {
+      if (m_mutex.try_lock()) return;
+      Pause();
+    }
+    m_mutex.lock();
+  }
   void Leave() { m_mutex.unlock(); }
   // True when the caller now holds the section (it was free or already the caller's).
   bool TryEnter() { return m_mutex.try_lock(); }
 
   // Standard Lockable names.
-  void lock() { m_mutex.lock(); }
+  void lock() { Enter(); }
   void unlock() { m_mutex.unlock(); }
   bool try_lock() { return m_mutex.try_lock(); }
 
@@ -41,6 +56,13 @@ class FXCriticalSection {
   };
 
  private:
+  static constexpr int kSpinCount = 200;
+  static void Pause() {
+#if defined(__x86_64__)
+    _mm_pause();
+#endif
+  }
+
   std::recursive_mutex m_mutex;
 };
 
