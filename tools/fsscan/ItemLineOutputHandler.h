@@ -14,8 +14,9 @@
 // Counters: items, folders, and bytes (the sum of the sizes of the non-folder items).
 //
 // Threads: OnItem may be called from several traversal workers at once. Each thread appends its
-// records to a buffer of its own and hands the buffer to the stream in blocks of about 64 KiB
-// under one mutex, so records are never interleaved and no lock is taken per record. Flush
+// records to a buffer of its own and writes the buffer to the stream's descriptor (after
+// flushing the stream) in blocks of about 64 KiB under one mutex, so records are never
+// interleaved and no lock is taken per record. Flush
 // writes what the buffers still hold; call it once the workers are done (after the scan). The
 // counters include the records handed to the stream so far; after Flush they are complete. They
 // may be read from any thread at any time. The stream is the caller's; it must outlive the
