@@ -21,9 +21,16 @@ const std::string& EmptyString() {
 
 // Paths go into messages escaped, so that a name holding a newline stays on one log line.
 std::string Printable(const std::string& path) { return FXString::EscapeControl(path); }
+
+// A traversal lists one folder after another, each through a wrapper of its own: the thread
+// keeps the buffer of the last wrapper it destroyed for the next one it opens.
+thread_local std::unique_ptr<char[]> t_pSpareBuffer;
 }  // namespace
 
-DIR_Wrapper::~DIR_Wrapper() { Close(); }
+DIR_Wrapper::~DIR_Wrapper() {
+  Close();
+  if (m_pBuffer && !t_pSpareBuffer) t_pSpareBuffer = std::move(m_pBuffer);
+}
 
 const std::string& DIR_Wrapper::GetFolder() const {
   return m_pFolder ? *m_pFolder : EmptyString();
@@ -55,6 +62,7 @@ CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::str
     return QI_ERROR_ERRNO(err, "Failed to open folder for listing, Path=%s",
                           Printable(folderPath).c_str());
   }
+  if (!m_pBuffer) m_pBuffer = std::move(t_pSpareBuffer);
   if (!m_pBuffer) {
     m_pBuffer.reset(new (std::nothrow) char[kBufferSize]);
     if (!m_pBuffer) {

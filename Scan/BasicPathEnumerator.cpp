@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <new>
 
@@ -256,7 +257,7 @@ CQiError CBasicPathEnumerator::TakeEntry(CItemPtr& pItem) {
   CQiError error;
   const int iLastError = m_findData.getLastError();
   if (iLastError == 0) {
-    error = MakeFindFirstItem(m_pParentBag, m_strLocalPath, m_strSourcePath, m_findData, pItem);
+    error = MakeListedItem(pItem);
     if (error.IsError()) return error;
   } else {
     error = QI_ERROR_ERRNO(iLastError, "Entry is not good, Entry=%s", Printable(strName).c_str());
@@ -270,4 +271,30 @@ CQiError CBasicPathEnumerator::TakeEntry(CItemPtr& pItem) {
   }
   if (m_bParentNewInImage) pItem->setNewInImage();
   return error;
+}
+
+CQiError CBasicPathEnumerator::MakeListedItem(CItemPtr& pItem) {
+#if !defined(__SANITIZE_THREAD__)
+  // (ThreadSanitizer does not model the fence below, so its builds always allocate.)
+  for (std::shared_ptr<CFindFirstItem>& pRecycled : m_aRecycledItems) {
+    if (!pRecycled || pRecycled.use_count() != 1) continue;
+    // The holder that dropped it last may have been another thread: its release of the item
+    // must be seen before the item is written.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    pRecycled->Refill(m_pParentBag, m_strLocalPath, m_strSourcePath, m_findData);
+    pItem = pRecycled;
+    return CQiError();
+  }
+#endif
+  std::shared_ptr<CFindFirstItem> pNew;
+  try {
+    pNew = std::make_shared<CFindFirstItem>(m_pParentBag, m_strLocalPath, m_strSourcePath, m_findData);
+  } catch (const std::bad_alloc&) {
+    return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "Failed to allocate the item of [%s]",
+                          Printable(m_strLocalPath).c_str());
+  }
+  m_aRecycledItems[m_uNextRecycledSlot] = pNew;
+  m_uNextRecycledSlot = (m_uNextRecycledSlot + 1) % kRecycledItems;
+  pItem = std::move(pNew);
+  return CQiError();
 }

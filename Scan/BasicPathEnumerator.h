@@ -30,6 +30,7 @@
 #include <string>
 
 #include "Platform/FXFile.h"
+#include "Scan/FindFirstItem.h"
 #include "Scan/PathCacheUnorderedT.h"
 #include "Scan/PathEnumerator.h"
 
@@ -83,6 +84,9 @@ class CBasicPathEnumerator : public CPathEnumerator {
   // Passes over "." / ".." and entries refused by the mount path cache, then builds the item of
   // the entry in m_findData. Errors are returned without a frame of this place.
   CQiError TakeEntry(CItemPtr& pItem);
+  // The item of the listed entry: a recycled one when a caller has dropped one of the last
+  // items handed out, else a new one.
+  CQiError MakeListedItem(CItemPtr& pItem);
   bool IsIgnoredMountPath(const std::string& strSourcePath) const;
 
   // The listing's working state, set up by FindFirst and reused for every entry.
@@ -93,6 +97,14 @@ class CBasicPathEnumerator : public CPathEnumerator {
   size_t m_uLocalPrefixLength = 0;
   std::string m_strSourcePath;  // the parent's source path and '/', then the entry's name
   size_t m_uSourcePrefixLength = 0;
+
+  // The last items handed out by the listing. One that only this array still holds has been
+  // dropped by everyone it went to and is filled again for a later entry, which saves the
+  // allocation of the item and of its path (a scan mostly drops an entry's item before it asks
+  // for the next). Slots are taken over in turn when all of them are still held. Never copied.
+  static constexpr size_t kRecycledItems = 4;
+  std::shared_ptr<CFindFirstItem> m_aRecycledItems[kRecycledItems];
+  size_t m_uNextRecycledSlot = 0;
 };
 
 using CBasicPathEnumeratorPtr = std::shared_ptr<CBasicPathEnumerator>;

@@ -111,6 +111,10 @@ class CItem : public FVBase {
   size_t GetInterfaceTableSize() const { return m_vInterfaces.size(); }
 
  protected:
+  // Makes the item as new, for a subclass that fills a dropped item again instead of allocating
+  // one: the work-unit bag, no item bag, no flags, no interfaces. Only for an item that nobody
+  // else holds.
+  void ResetItem(CBagPtr pWorkUnitBag);
   // The empty string that the "unknown" answers refer to; lives for the whole process.
   static const std::string& EmptyString();
   // Splits a path into parent folder and name with the platform's splitter ("/" gives an empty

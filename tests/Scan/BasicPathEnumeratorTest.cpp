@@ -619,3 +619,45 @@ TEST_F(BasicPathEnumeratorFixture, CloneStartsWithoutListingAndKeepsOptionsAndCa
 }
 
 }  // namespace
+
+// A caller that drops each item before asking for the next gets recycled items: each must look
+// exactly as a newly built one (no bag values, flags or cached names of the entry before), and
+// an item still held must never change under its holder.
+TEST_F(BasicPathEnumeratorFixture, DroppedItemsComeBackAsNewAndHeldOnesNeverChange) {
+  for (const char* szName : {"a-long-file-name-beyond-the-short-string.txt", "b", "sub", "c.txt"})
+    m_tree.MakeFile(std::string("recycle/") + szName, szName);
+  m_tree.MakeSymlink("recycle/link", "b");
+  const std::string strFolder = m_tree.Path("recycle");
+  CItemPtr pParent = FolderItem(strFolder, "/src/recycle");
+  CBasicPathEnumerator reference;
+  const SListing expected = ListAll(reference, strFolder, pParent);
+  ASSERT_EQ(expected.vItems.size(), 5u);
+
+  CBasicPathEnumerator enumerator;
+  CItemPtr pHeld;  // the first item, kept to the end
+  CItemPtr pItem;
+  CQiError error = enumerator.FindFirst(strFolder, pParent, pItem);
+  for (size_t i = 0; pItem; ++i) {
+    ASSERT_LT(i, expected.vItems.size());
+    const CItemPtr& pWant = expected.vItems[i];
+    EXPECT_EQ(pItem->GetItemName(), pWant->GetItemName());
+    EXPECT_EQ(pItem->GetSourceFullyQualifiedParentFolder(), "/src/recycle");
+    EXPECT_EQ(pItem->GetSourceFullyQualifiedItemName(), pWant->GetSourceFullyQualifiedItemName());
+    EXPECT_EQ(pItem->GetAttributes(), pWant->GetAttributes());
+    EXPECT_EQ(pItem->GetFileSize(), pWant->GetFileSize());
+    EXPECT_FALSE(pItem->isSelected());
+    bool bMarked = false;
+    EXPECT_TRUE(pItem->GetItemBag()->Read("mark", bMarked).IsError()) << pItem->GetItemName();
+    // Marks the item, then drops it (all but the first).
+    (void)pItem->GetItemBag()->Write("mark", true);
+    pItem->setSelected();
+    if (i == 0) pHeld = pItem;
+    pItem.reset();
+    error = enumerator.FindNext(pItem);
+  }
+  EXPECT_TRUE(error.IsWin32(kNoMoreFiles)) << error.AsString();
+  ASSERT_NE(pHeld, nullptr);
+  EXPECT_EQ(pHeld->GetItemName(), expected.vItems[0]->GetItemName());
+  EXPECT_EQ(pHeld->GetLocalFullyQualifiedItemName(), expected.vItems[0]->GetLocalFullyQualifiedItemName());
+  EXPECT_TRUE(pHeld->isSelected());
+}
