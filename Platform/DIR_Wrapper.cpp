@@ -12,6 +12,7 @@
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 #include "Platform/FileData.h"
+#include "Platform/ListingFolderCache.h"
 
 namespace {
 const std::string& EmptyString() {
@@ -56,7 +57,8 @@ CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::str
   if (name.find('\0') != std::string::npos)
     return QI_ERROR_ERRNO(EINVAL, "Failed to open folder for listing: path holds a NUL byte, Path=%s",
                           Printable(folderPath).c_str());
-  int fd = openat(iDirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY);
+  int fd = iDirFd == AT_FDCWD ? CListingFolderCache::Open(name)
+                              : openat(iDirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) {
     int err = errno;
     return QI_ERROR_ERRNO(err, "Failed to open folder for listing, Path=%s",
@@ -80,7 +82,8 @@ CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::str
 
 void DIR_Wrapper::Close() {
   if (m_iFd >= 0) {
-    close(m_iFd);
+    // A traversal keeps the descriptor for opening the folder's sub-folders.
+    if (!CListingFolderCache::Keep(m_pFolder, m_iFd)) close(m_iFd);
     m_iFd = -1;
   }
   m_pFolder.reset();

@@ -11,6 +11,10 @@
 // The entries "." and ".." are returned with their status unread (state 0), as with
 // kOptionNoStatus: callers skip them, and their status would cost two fstatat calls per folder.
 //
+// Open by path goes through CListingFolderCache (relative to a kept descriptor of the parent
+// when the thread's traversal keeps one), and Close hands the descriptor to that cache when a
+// traversal is active on the thread.
+//
 // The buffer is allocated on the first Open and kept across Close, so a handle that lists many
 // folders one after another allocates it once. Entries are returned in the kernel's order,
 // "." and ".." included.

@@ -9,6 +9,7 @@
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
+#include "Platform/ListingFolderCache.h"
 #include "Platform/LogWriterInterface.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Platform/ZRDebugFunction.h"
@@ -195,6 +196,11 @@ CQiError CScanTraverseFolder::Traverse() {
     QI_RETURN_IF_ERROR(ProcessTopLevelContent());
     m_pPrivate->SetProcessTopLevelContentItem(false);
   }
+  // No folder stays open once the traversal is over, however it ends.
+  struct SCloseFolders {
+    const CListingFolderCachePtr& pCache;
+    ~SCloseFolders() { pCache->CloseAll(); }
+  } closeFolders{m_pPrivate->GetListingFolderCache()};
   if (m_pPrivate->GetMaxWorkers() <= 1) {
     QI_RETURN_IF_ERROR(TraverseOnCallingThread());
   } else {
@@ -237,6 +243,8 @@ CQiError CScanTraverseFolder::ProcessTopLevelContent() {
 
 CQiError CScanTraverseFolder::TraverseOnCallingThread() {
   CPathEnumerator& enumerator = *m_pPrivate->GetPathEnumerator();
+  // Sub-folders open relative to their parents.
+  CListingFolderCache::CThreadScope folderScope(m_pPrivate->GetListingFolderCache());
   Clock::time_point tLastLog = Clock::now();
   for (;;) {
     if (IsAborted()) {

@@ -32,6 +32,7 @@
 #include "Platform/Bag.h"
 #include "Platform/FXEvent.h"
 #include "Platform/FXMutex.h"
+#include "Platform/ListingFolderCache.h"
 #include "Platform/QiError.h"
 #include "Scan/AbortOperationCheck.h"
 #include "Scan/PathEnumerator.h"
@@ -73,6 +74,8 @@ class CScanTraverseFolderPrivate {
 
   void SetPathEnumerator(CPathEnumeratorPtr pEnumerator) { m_pPathEnumerator = std::move(pEnumerator); }
   const CPathEnumeratorPtr& GetPathEnumerator() const { return m_pPathEnumerator; }
+  // The descriptors of recently listed folders, shared by the traversal's threads.
+  const CListingFolderCachePtr& GetListingFolderCache() const { return m_pListingFolderCache; }
   void SetProcessTopLevelContentItem(bool bProcess) { m_bProcessTopLevelContentItem = bProcess; }
   bool GetProcessTopLevelContentItem() const { return m_bProcessTopLevelContentItem; }
   void SetMaxWorkers(int iMaxWorkers) { m_iMaxWorkers = iMaxWorkers; }
@@ -98,6 +101,7 @@ class CScanTraverseFolderPrivate {
   std::vector<CScanTraverseFolderWorkerPtr> m_lstWorkers;
 
   CPathEnumeratorPtr m_pPathEnumerator;
+  const CListingFolderCachePtr m_pListingFolderCache = std::make_shared<CListingFolderCache>();
   bool m_bProcessTopLevelContentItem = false;
   int m_iMaxWorkers = 1;
   std::set<uint32_t> m_setIgnoredConsumerErrors;

@@ -2,6 +2,7 @@
 
 #include "Platform/AutoTimeCounter.h"
 #include "Platform/FXErrorUtil.h"
+#include "Platform/ListingFolderCache.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Scan/ScanTraverseFolder.h"
 
@@ -70,6 +71,8 @@ CQiError CScanTraverseFolderWorker::OnTimeout() { return ProcessPendingFolders()
 
 CQiError CScanTraverseFolderWorker::ProcessPendingFolders() {
   if (!m_pEnumerator) return CQiError();
+  // Sub-folders open relative to their parents (this worker's or another's).
+  CListingFolderCache::CThreadScope folderScope(m_pPrivate->GetListingFolderCache());
   if (!m_bInitialized) {
     m_bInitialized = true;
     CQiError error = m_pTraversal->OnInitializeWorker();

@@ -143,7 +143,8 @@ CQiError CTraverseFolder2::Traverse() {
   } else {
     error = WaitForWorkers();
   }
-  // The workers are stopped: nothing delivers any more.
+  // The workers are stopped: nothing delivers any more, and no folder stays open.
+  m_pPrivate->GetListingFolderCache()->CloseAll();
   CQiError closeError = CloseOutputHandler();
   if (error.IsError()) {
     if (closeError.IsError())

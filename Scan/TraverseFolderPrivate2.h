@@ -33,6 +33,7 @@
 
 #include "Platform/FXEvent.h"
 #include "Platform/FXMutex.h"
+#include "Platform/ListingFolderCache.h"
 #include "Platform/QiError.h"
 #include "Scan/AbortOperationCheck.h"
 #include "Scan/FoldersToTraverse2.h"
@@ -102,8 +103,12 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
   int m_iMaxWorkers = 1;
   bool m_bProcessTopLevelContentItem = false;
 
+  // The descriptors of recently listed folders, shared by the traversal's threads.
+  const CListingFolderCachePtr& GetListingFolderCache() const { return m_pListingFolderCache; }
+
  private:
   CWorkUnitPtr m_pWorkUnit;
+  const CListingFolderCachePtr m_pListingFolderCache = std::make_shared<CListingFolderCache>();
   CScannerCallbackPtr m_pCallback;
   CTraverseFolder2* m_pTraversal;
 

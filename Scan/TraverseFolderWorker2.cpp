@@ -3,6 +3,7 @@
 #include "Platform/AutoTimeCounter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
+#include "Platform/ListingFolderCache.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Scan/EnumerateFiles.h"
 #include "Scan/ScannerConfigurationBagId.h"
@@ -178,6 +179,8 @@ void CTraverseFolderWorker2::GoIdle() {
 }
 
 CQiError CTraverseFolderWorker2::ProcessPendingFolders() {
+  // Sub-folders open relative to their parents (this worker's or another's).
+  CListingFolderCache::CThreadScope folderScope(m_pPrivate->GetListingFolderCache());
   for (;;) {
     if (IsStopRequested() || m_pPrivate->IsAborted() || m_pPrivate->HasScanFailure()) {
       GoIdle();

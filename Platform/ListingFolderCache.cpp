@@ -1,0 +1,99 @@
+#include "Platform/ListingFolderCache.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+namespace {
+constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY;
+
+thread_local CListingFolderCache* t_pCache = nullptr;
+}  // namespace
+
+CListingFolderCache::~CListingFolderCache() {
+  // No scope holds the cache any more, so no slot is in use.
+  for (SKept& kept : m_aKept)
+    if (kept.iFd >= 0) close(kept.iFd);
+}
+
+CListingFolderCache::CThreadScope::CThreadScope(std::shared_ptr<CListingFolderCache> pCache)
+    : m_pCache(std::move(pCache)), m_pPrevious(t_pCache) {
+  t_pCache = m_pCache.get();
+}
+
+CListingFolderCache::CThreadScope::~CThreadScope() { t_pCache = m_pPrevious; }
+
+int CListingFolderCache::Open(const std::string& strFolder) {
+  CListingFolderCache* pCache = t_pCache;
+  const size_t nSlash = strFolder.rfind('/');
+  if (pCache != nullptr && nSlash != std::string::npos && nSlash + 1 < strFolder.size()) {
+    const std::string_view parent(strFolder.data(), nSlash == 0 ? 1 : nSlash);
+    const char* szName = strFolder.c_str() + nSlash + 1;
+    const bool bDots =
+        szName[0] == '.' && (szName[1] == '\0' || (szName[1] == '.' && szName[2] == '\0'));
+    SKept* pParent = nullptr;
+    if (!bDots) {
+      std::lock_guard<std::mutex> lock(pCache->m_mutex);
+      for (SKept& kept : pCache->m_aKept) {
+        if (kept.iFd >= 0 && *kept.pFolder == parent) {
+          // In use: no other thread closes or replaces it until it is given back below.
+          ++kept.iUsers;
+          pParent = &kept;
+          break;
+        }
+      }
+    }
+    if (pParent != nullptr) {
+      const int iFd = openat(pParent->iFd, szName, kOpenFlags);
+      const int iError = errno;
+      {
+        std::lock_guard<std::mutex> lock(pCache->m_mutex);
+        --pParent->iUsers;
+      }
+      errno = iError;
+      return iFd;
+    }
+  }
+  return openat(AT_FDCWD, strFolder.c_str(), kOpenFlags);
+}
+
+bool CListingFolderCache::Keep(std::shared_ptr<const std::string> pFolder, int iFd) {
+  CListingFolderCache* pCache = t_pCache;
+  if (pCache == nullptr || !pFolder || iFd < 0) return false;
+  int iOldFd = -1;
+  {
+    std::lock_guard<std::mutex> lock(pCache->m_mutex);
+    // The oldest slot that nobody is opening through.
+    size_t uSlot = pCache->m_uNext;
+    size_t uTried = 0;
+    while (pCache->m_aKept[uSlot].iUsers > 0 && ++uTried < kCapacity) uSlot = (uSlot + 1) % kCapacity;
+    SKept& slot = pCache->m_aKept[uSlot];
+    if (slot.iUsers > 0) return false;  // every slot in use: the caller closes it
+    iOldFd = slot.iFd;
+    slot.pFolder = std::move(pFolder);
+    slot.iFd = iFd;
+    pCache->m_uNext = (uSlot + 1) % kCapacity;
+  }
+  if (iOldFd >= 0) close(iOldFd);
+  return true;
+}
+
+void CListingFolderCache::CloseAll() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (SKept& kept : m_aKept) {
+    if (kept.iUsers > 0) continue;  // its user's thread gives it back; the destructor closes it
+    if (kept.iFd >= 0) close(kept.iFd);
+    kept.iFd = -1;
+    kept.pFolder.reset();
+  }
+  m_uNext = 0;
+}
+
+size_t CListingFolderCache::GetKeptCount() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  size_t n = 0;
+  for (const SKept& kept : m_aKept) n += kept.iFd >= 0 ? 1 : 0;
+  return n;
+}
