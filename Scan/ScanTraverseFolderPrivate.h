@@ -1,16 +1,15 @@
 // CScanTraverseFolderPrivate: the state that a folder traversal (CScanTraverseFolder) shares with
 // its worker threads (CScanTraverseFolderWorker).
 //
-// The queue: a list of CScanFoldersToTraverse used as a stack (entries are appended at the back
-// and taken from the back, so the folder added last is listed next and the walk is depth-first;
-// memory stays proportional to the folders met but not yet listed). One mutex guards the queue,
-// the first-folder flag and the busy-worker count; it is taken once per added and per taken
-// folder, never per entry.
+// The queue: a CFolderQueueT of CScanFoldersToTraverse used as a stack (the folder added last is
+// listed next and the walk is depth-first; memory stays proportional to the folders met but not
+// yet listed), with the first-folder flag and the busy-worker count under its lock; the lock is
+// taken once per added and per taken folder, never per entry.
 //
 // The events:
-//   - folder available (manual reset): set whenever a folder is added, reset when a worker finds
-//     the queue empty (both under the queue mutex, so a wake-up is never lost). All workers wait
-//     on it, so one set wakes every idle worker;
+//   - folder available (the queue's, manual reset): set whenever a folder is added, reset when a
+//     worker finds the queue empty, so a wake-up is never lost. All workers wait on it, so one
+//     set wakes every idle worker;
 //   - worker state (auto reset): set when a worker goes idle, fails or sees an abort. The
 //     coordinator waits on it with its 10 s time-out, so a finished or aborted traversal is
 //     noticed at once and the periodic counter logging keeps its cadence.
@@ -35,6 +34,7 @@
 #include "Platform/ListingFolderCache.h"
 #include "Platform/QiError.h"
 #include "Scan/AbortOperationCheck.h"
+#include "Scan/FolderQueueT.h"
 #include "Scan/PathEnumerator.h"
 #include "Scan/ScanFoldersToTraverse.h"
 
@@ -49,23 +49,25 @@ class CScanTraverseFolderPrivate {
   CScanTraverseFolderPrivate& operator=(const CScanTraverseFolderPrivate&) = delete;
 
   // Appends the entry at the back of the queue and sets the folder-available event.
-  void AddFolder(CScanFoldersToTraverse&& entry);
+  void AddFolder(CScanFoldersToTraverse&& entry) { m_queue.Add(std::move(entry)); }
   // Takes the entry at the back. bFirstFolder tells whether it is the first folder this traversal
   // lists (exactly one entry ever gets true). pIdle is the taking worker's idle flag (null on the
   // calling thread): cleared when an entry is taken; when the queue is empty it is set, the
   // folder-available event is reset and Win32 259 (no more items) comes back.
-  CQiError TakeFolder(CScanFoldersToTraverse& entry, bool& bFirstFolder, std::atomic<bool>* pIdle);
+  CQiError TakeFolder(CScanFoldersToTraverse& entry, bool& bFirstFolder, std::atomic<bool>* pIdle) {
+    return m_queue.Take(entry, bFirstFolder, pIdle);
+  }
   // Marks a worker idle without taking anything (a worker that stops on abort).
-  void MarkIdle(std::atomic<bool>& bIdle);
+  void MarkIdle(std::atomic<bool>& bIdle) { m_queue.MarkIdle(bIdle); }
   // Moves every queued entry out (top-level processing re-queues what it keeps).
-  std::vector<CScanFoldersToTraverse> TakeAll();
-  uint64_t GetFolderCount() const;
+  std::vector<CScanFoldersToTraverse> TakeAll() { return m_queue.TakeAll(); }
+  uint64_t GetFolderCount() const { return m_queue.GetCount(); }
   // Finds a queued entry whose input folder is the path or an ancestor of it; copies it out.
   bool FindQueuedAncestor(const std::string& strPath, CScanFoldersToTraverse& root) const;
   // Queue empty and no worker busy: nothing can be added any more.
-  bool IsDone() const;
+  bool IsDone() const { return m_queue.IsDone(); }
 
-  const FXEventPtr& GetFolderAvailableEvent() const { return m_pFolderAvailableEvent; }
+  const FXEventPtr& GetFolderAvailableEvent() const { return m_queue.GetFolderAvailableEvent(); }
   // Wakes the coordinator of a multi-worker traversal.
   void SignalWorkerState() { m_pWorkerStateEvent->Set(); }
   const FXEventPtr& GetWorkerStateEvent() const { return m_pWorkerStateEvent; }
@@ -91,12 +93,7 @@ class CScanTraverseFolderPrivate {
   const std::string& GetVolumeName() const { return m_strVolumeName; }
 
  private:
-  mutable FXMutex m_mutex;  // guards the three members below
-  std::vector<CScanFoldersToTraverse> m_lstFoldersToTraverse;
-  bool m_bFirstFolder = true;
-  int m_iBusyWorkers = 0;
-
-  FXEventPtr m_pFolderAvailableEvent;
+  CFolderQueueT<CScanFoldersToTraverse> m_queue;
   FXEventPtr m_pWorkerStateEvent;
   std::vector<CScanTraverseFolderWorkerPtr> m_lstWorkers;
 

@@ -1,12 +1,12 @@
 // CTraverseFolderPrivate2: the state that the second-generation folder traversal (CTraverseFolder2)
 // shares with its workers (CTraverseFolderWorker2).
 //
-// The queue is a stack of CFoldersToTraverse2 (appended at the back, taken from the back: the
-// walk is depth-first). One mutex guards the queue, the busy-worker count, the first-folder flag,
-// the worker vector and the scan failure.
+// The queue is a CFolderQueueT of CFoldersToTraverse2 used as a stack (the walk is depth-first),
+// with the busy-worker count and the first-folder flag under its lock. A mutex of its own guards
+// the scan failure.
 //
 // Events:
-//   - folder available (manual reset): set when a folder is added, reset under the mutex when a
+//   - folder available (the queue's, manual reset): set when a folder is added, reset when a
 //     worker finds the queue empty, so a wake-up is never lost; all workers wait on it;
 //   - coordinator (auto reset): set when a worker goes idle, raises a scan failure or sees an
 //     abort; the coordinator waits on it with its 10 s time-out, so it notices completion,
@@ -36,6 +36,7 @@
 #include "Platform/ListingFolderCache.h"
 #include "Platform/QiError.h"
 #include "Scan/AbortOperationCheck.h"
+#include "Scan/FolderQueueT.h"
 #include "Scan/FoldersToTraverse2.h"
 #include "Scan/OutputHandler.h"
 #include "Scan/ScannerCallback.h"
@@ -53,16 +54,18 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
 
   // ---- queue ----
   // Appends at the back and sets the folder-available event.
-  void AddFolder(CFoldersToTraverse2&& entry);
+  void AddFolder(CFoldersToTraverse2&& entry) { m_queue.Add(std::move(entry)); }
   // Takes the entry at the back; bFirstFolder is true for exactly one entry (the first taken).
   // pIdle, the worker's idle flag, is cleared when an entry is taken; on an empty queue it is
   // set, the folder-available event is reset and Win32 259 comes back.
   CQiError GetFolderToTraverse(CFoldersToTraverse2& entry, bool& bFirstFolder,
-                               std::atomic<bool>* pIdle);
-  void MarkIdle(std::atomic<bool>& bIdle);
-  uint64_t GetFolderCount() const;
+                               std::atomic<bool>* pIdle) {
+    return m_queue.Take(entry, bFirstFolder, pIdle);
+  }
+  void MarkIdle(std::atomic<bool>& bIdle) { m_queue.MarkIdle(bIdle); }
+  uint64_t GetFolderCount() const { return m_queue.GetCount(); }
   // Queue empty and no worker holds a folder.
-  bool IsDone() const;
+  bool IsDone() const { return m_queue.IsDone(); }
 
   // ---- scan failure ----
   // Records the first failure that must end the scan and wakes the coordinator.
@@ -77,7 +80,7 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
   const FXEventPtr& GetAbortEvent() const { return m_pAbortEvent; }
 
   // ---- events ----
-  const FXEventPtr& GetFolderAvailableEvent() const { return m_pFolderAvailableEvent; }
+  const FXEventPtr& GetFolderAvailableEvent() const { return m_queue.GetFolderAvailableEvent(); }
   const FXEventPtr& GetCoordinatorEvent() const { return m_pCoordinatorEvent; }
   void SignalCoordinator() { m_pCoordinatorEvent->Set(); }
 
@@ -108,24 +111,21 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
 
  private:
   CWorkUnitPtr m_pWorkUnit;
-  const CListingFolderCachePtr m_pListingFolderCache = std::make_shared<CListingFolderCache>();
   CScannerCallbackPtr m_pCallback;
   CTraverseFolder2* m_pTraversal;
 
-  mutable FXMutex m_mutex;  // guards the members up to m_scanFailure
-  std::vector<CFoldersToTraverse2> m_lstFoldersToTraverse;
-  int m_iBusyWorkers = 0;
-  bool m_bFirstFolder = true;
+  CFolderQueueT<CFoldersToTraverse2> m_queue;
+  mutable FXMutex m_mutexFailure;  // guards m_scanFailure
   CQiError m_scanFailure;
   std::atomic<bool> m_bHasScanFailure{false};
 
-  FXEventPtr m_pFolderAvailableEvent;
   FXEventPtr m_pCoordinatorEvent;
   std::vector<CTraverseFolderWorker2Ptr> m_lstWorkers;
   CTraverseFolderWorker2Ptr m_pPrototype;
   CAbortOperationCheck* m_pAbortCheck = nullptr;
   FXEventPtr m_pAbortEvent;
   COutputHandlerPtr m_pOutputHandler;
+  const CListingFolderCachePtr m_pListingFolderCache = std::make_shared<CListingFolderCache>();
 };
 
 using CTraverseFolderPrivate2Ptr = std::shared_ptr<CTraverseFolderPrivate2>;
