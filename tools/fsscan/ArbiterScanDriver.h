@@ -21,35 +21,17 @@
 // done. The scanners share the callback and the bag.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <set>
-#include <string>
+#include "ScanDriver.h"
 
-#include "Platform/Bag.h"
-#include "Platform/StringCompare.h"
-#include "Scan/ScannerCallback.h"
-#include "Scan/Unix/WorkUnitManager.h"
-
-class CArbiterScanDriver {
+class CArbiterScanDriver : public CScanDriver {
  public:
-  using ItemSet = std::set<std::string, __less_fscase_cmp>;
-
   // iMaxWorkers traversal workers per work unit, iScanners scanner threads.
   CArbiterScanDriver(int64_t llScanId, CScannerCallbackPtr pCallback, CBagPtr pBag, int iMaxWorkers,
                      int iScanners);
 
-  CQiError AddLocalContentItem(const std::string& strPath);
   CQiError Run(const ItemSet& setScanContentExceptions, const ItemSet& setFilters,
                const ItemSet& setFilterExceptions);
 
-  const CWorkUnitManagerPtr& GetWorkUnitManager() const { return m_pWorkUnitManager; }
-
  private:
-  const int64_t m_llScanId;
-  CScannerCallbackPtr m_pCallback;
-  CBagPtr m_pBag;
-  const int m_iMaxWorkers;
   const int m_iScanners;
-  CWorkUnitManagerPtr m_pWorkUnitManager;
 };

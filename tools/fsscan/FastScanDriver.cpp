@@ -5,32 +5,14 @@
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 #include "Scan/FastFindFirstScanEngine.h"
-#include "Scan/ScannerConfigurationBagId.h"
 
 CFastScanDriver::CFastScanDriver(int64_t llScanId, const std::string& strInstance, CScannerCallbackPtr pCallback,
                                  CBagPtr pBag, int iMaxWorkers)
-    : m_strInstance(strInstance),
-      m_pCallback(std::move(pCallback)),
-      m_pBag(std::move(pBag)),
-      m_iMaxWorkers(iMaxWorkers),
-      m_pWorkUnitManager(std::make_shared<CWorkUnitManager>(llScanId)) {
-  m_pWorkUnitManager->SetConfigurationBag(m_pBag);
-}
-
-CQiError CFastScanDriver::AddLocalContentItem(const std::string& strPath) {
-  QI_RETURN_IF_ERROR(m_pWorkUnitManager->AssignLocalWorkUnit(strPath));
-  return CQiError();
-}
+    : CScanDriver(llScanId, std::move(pCallback), std::move(pBag), iMaxWorkers), m_strInstance(strInstance) {}
 
 CQiError CFastScanDriver::Run(const ItemSet& setScanContentExceptions, const ItemSet& setFilters,
                               const ItemSet& setFilterExceptions) {
-  const ItemSet setNone;
-  QI_RETURN_IF_ERROR(m_pWorkUnitManager->FinalizeWorkUnits(setScanContentExceptions, setFilters,
-                                                           setFilterExceptions, setNone, setNone));
-  for (const auto& [strKey, pWorkUnit] : m_pWorkUnitManager->GetWorkUnitMap()) {
-    if (pWorkUnit && pWorkUnit->GetBag())
-      QI_RETURN_IF_ERROR(pWorkUnit->GetBag()->Write(SXScannerConfigurationBagId::idMaxWorkers, m_iMaxWorkers));
-  }
+  QI_RETURN_IF_ERROR(FinalizeWorkUnits(setScanContentExceptions, setFilters, setFilterExceptions));
 
   // One thread per medium, all at once, as the facade runs them.
   const auto& mapMedia = m_pWorkUnitManager->GetPhysicalMediaVolumeWorkUnitMap();

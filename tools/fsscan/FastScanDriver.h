@@ -15,28 +15,19 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "Platform/Bag.h"
-#include "Platform/StringCompare.h"
-#include "Scan/ScannerCallback.h"
-#include "Scan/Unix/WorkUnitManager.h"
+#include "ScanDriver.h"
 
-class CFastScanDriver {
+class CFastScanDriver : public CScanDriver {
  public:
-  using ItemSet = std::set<std::string, __less_fscase_cmp>;
-
   CFastScanDriver(int64_t llScanId, const std::string& strInstance, CScannerCallbackPtr pCallback,
                   CBagPtr pBag, int iMaxWorkers);
 
-  CQiError AddLocalContentItem(const std::string& strPath);
   CQiError Run(const ItemSet& setScanContentExceptions, const ItemSet& setFilters,
                const ItemSet& setFilterExceptions);
 
-  const CWorkUnitManagerPtr& GetWorkUnitManager() const { return m_pWorkUnitManager; }
   // One line per medium whose engine failed otherwise than by an abort.
   const std::vector<std::string>& GetMediumErrors() const { return m_lstMediumErrors; }
 
@@ -44,9 +35,5 @@ class CFastScanDriver {
   CQiError RunMedium(const CPhysicalMediaWorkUnitPtr& pMediaUnit);
 
   std::string m_strInstance;
-  CScannerCallbackPtr m_pCallback;
-  CBagPtr m_pBag;
-  int m_iMaxWorkers;
-  CWorkUnitManagerPtr m_pWorkUnitManager;
   std::vector<std::string> m_lstMediumErrors;
 };
