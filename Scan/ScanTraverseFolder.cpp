@@ -11,6 +11,7 @@
 #include "Platform/FXString.h"
 #include "Platform/ListingFolderCache.h"
 #include "Platform/LogWriterInterface.h"
+#include "Platform/PerfClock.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Platform/ZRDebugFunction.h"
 #include "Scan/BasicPathEnumerator.h"
@@ -49,6 +50,50 @@ struct CScanTraverseFolder::SListing {
   std::vector<CItemPtr> lstReparsePoints;
   int iRetries = 0;
 };
+
+namespace {
+// The per-entry steps of a listing (the next entry, the dispatch of one entry) are timed with one
+// clock reading between them and added to their counters once per folder: a counter update per
+// entry cost more than the reading itself.
+class CEntryTimes {
+ public:
+  explicit CEntryTimes(CScanPerformanceCounter& findNext)
+      : m_findNext(findNext),
+        m_processItem(CScanPerformanceCounter::GetCounter(EScanPerfCounterType::TIME_PROCESS_ITEM)),
+        m_tMark(CPerfClock::Now()) {}
+  ~CEntryTimes() {
+    const CPerfClock::Ticks tNow = CPerfClock::Now();
+    if (m_ullFindNextSamples != 0)
+      m_findNext.Add(CPerfClock::ToNanoseconds(m_findNextTicks, tNow), m_ullFindNextSamples);
+    if (m_ullProcessSamples != 0)
+      m_processItem.Add(CPerfClock::ToNanoseconds(m_processTicks, tNow), m_ullProcessSamples);
+  }
+  CEntryTimes(const CEntryTimes&) = delete;
+  CEntryTimes& operator=(const CEntryTimes&) = delete;
+
+  // Ends the step under way as a dispatch (EndProcess) or a FindNext (EndFindNext).
+  void EndProcess() { m_processTicks += Lap(); ++m_ullProcessSamples; }
+  void EndFindNext() { m_findNextTicks += Lap(); ++m_ullFindNextSamples; }
+  // Starts the next step now, the time since the last mark counted nowhere.
+  void Restart() { m_tMark = CPerfClock::Now(); }
+
+ private:
+  CPerfClock::Ticks Lap() {
+    const CPerfClock::Ticks tNow = CPerfClock::Now();
+    const CPerfClock::Ticks tLap = tNow - m_tMark;
+    m_tMark = tNow;
+    return tLap;
+  }
+
+  CScanPerformanceCounter& m_findNext;
+  CScanPerformanceCounter& m_processItem;
+  CPerfClock::Ticks m_tMark;
+  CPerfClock::Ticks m_findNextTicks = 0;
+  CPerfClock::Ticks m_processTicks = 0;
+  uint64_t m_ullFindNextSamples = 0;
+  uint64_t m_ullProcessSamples = 0;
+};
+}  // namespace
 
 CScanTraverseFolder::CScanTraverseFolder()
     : m_pPrivate(std::make_shared<CScanTraverseFolderPrivate>()) {
@@ -446,6 +491,7 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
   }
 
   bool bSkipping = false;  // a restarted listing passes over what was already processed
+  CEntryTimes times(listing.counters[EScanPerfCounterType::TIME_FINDNEXT]);
   for (;;) {
     if (error.IsError() && !pItem) {
       if (error.IsWin32(QiErrorCode::NoMoreFiles)) return CQiError();
@@ -461,6 +507,7 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
         pItem.reset();
         error = listing.enumerator.FindFirst(listing.strPattern, listing.pFolderItem, pItem);
         bSkipping = listing.pLastProcessed != nullptr;
+        times.Restart();
         continue;
       }
       if (listing.iRetries > 0)
@@ -475,8 +522,9 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
       QI_RETURN_IF_ERROR(ProcessEntry(listing, error, pItem));
     }
     pItem.reset();
-    CAutoTimeCounter timer(listing.counters[EScanPerfCounterType::TIME_FINDNEXT]);
+    times.EndProcess();
     error = listing.enumerator.FindNext(pItem);
+    times.EndFindNext();
   }
 }
 
@@ -500,7 +548,7 @@ CQiError CScanTraverseFolder::ProcessEntry(SListing& listing, CQiError& entryErr
   if (pItem->IsReparsePoint()) {
     listing.lstReparsePoints.push_back(pItem);
   } else {
-    CQiError error = ProcessItem(listing.strFolder, listing.entry.GetOutputFolder(), pItem);
+    CQiError error = DispatchItem(listing.strFolder, listing.entry.GetOutputFolder(), pItem);
     if (error.IsError() && failOnConsumerError(error))
       return QI_PUSH(error, "Failed to report failed item.");
   }
@@ -535,6 +583,11 @@ CQiError CScanTraverseFolder::AbortedError(const SListing& listing) const {
 CQiError CScanTraverseFolder::ProcessItem(const std::string& strInput, const std::string& strOutput,
                                           CItemPtr& pItem) {
   CAutoTimeCounter timer(EScanPerfCounterType::TIME_PROCESS_ITEM);
+  return DispatchItem(strInput, strOutput, pItem);
+}
+
+CQiError CScanTraverseFolder::DispatchItem(const std::string& strInput, const std::string& strOutput,
+                                           CItemPtr& pItem) {
   if (!pItem) return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid directory entry");
   const bool bFolder = pItem->IsFolder();
   const std::string* pLocal = &pItem->GetLocalFullyQualifiedItemName();

@@ -126,6 +126,8 @@ class CScanTraverseFolder {
   CQiError StopWorkers(bool bWait, bool bCollectErrors);
   CQiError ListFolder(SListing& listing);
   CQiError ProcessEntry(SListing& listing, CQiError& entryError, CItemPtr& pItem);
+  // ProcessItem without its timer, for the listing loop that times its entries itself.
+  CQiError DispatchItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
   CQiError OnListingError(SListing& listing, const CQiError& error);
   CQiError AbortedError(const SListing& listing) const;
 
