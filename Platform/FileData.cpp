@@ -1,6 +1,7 @@
 #include "Platform/FileData.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "Platform/FXFile.h"
@@ -33,6 +34,22 @@ CFileData::CFileData(const std::string& path, FileNameMode mode, const struct st
   } else if (!path.empty()) {
     m_pParentDirectory = std::make_shared<const std::string>(path);
   }
+}
+
+CFileData& CFileData::operator=(const CFileData& other) {
+  if (this == &other) return *this;
+  // The entry's header and its name: what follows the name's NUL is never read.
+  const size_t nName = strnlen(other.m_dirent.d_name, sizeof(other.m_dirent.d_name) - 1);
+  std::memcpy(&m_dirent, &other.m_dirent, offsetof(struct dirent, d_name) + nName);
+  m_dirent.d_name[nName] = '\0';
+  m_stat = other.m_stat;
+  m_strFileName = other.m_strFileName;
+  if (m_pParentDirectory != other.m_pParentDirectory) m_pParentDirectory = other.m_pParentDirectory;
+  m_iStatusState = other.m_iStatusState;
+  m_iLastError = other.m_iLastError;
+  m_eMode = other.m_eMode;
+  m_bOffline = other.m_bOffline;
+  return *this;
 }
 
 bool CFileData::getFileInfo() {

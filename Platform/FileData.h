@@ -58,6 +58,12 @@ class CFileData {
   // In kModeFullPath a non-null pStat is copied and marks the status valid; in
   // kModeParentDirectory pStat is ignored.
   CFileData(const std::string& path, FileNameMode mode, const struct stat* pStat = nullptr);
+  CFileData(const CFileData&) = default;
+  CFileData(CFileData&&) = default;
+  CFileData& operator=(CFileData&&) = default;
+  // A copy that re-points the shared parent folder only when it differs: an item refilled with
+  // the next record of the same listing then touches no reference count.
+  CFileData& operator=(const CFileData& other);
 
   // Reads the status once, while it has not been read: lstat of parent/name in kModeFullPath,
   // of the name alone otherwise. On failure keeps errno and state -1. True when valid.
