@@ -98,8 +98,12 @@ void CItemLineOutputHandler::AppendLine(const CItem& item, std::string& strOut) 
   if (llNanoseconds >= 0 && llNanoseconds < 1000000000) {
     p = std::to_chars(p, p + kMaxDigits, static_cast<long long>(tWrite.GetSeconds())).ptr;
     *p++ = '.';
-    long long llRest = llNanoseconds;
-    for (int i = 8; i >= 0; --i, llRest /= 10) p[i] = static_cast<char>('0' + llRest % 10);
+    // Nine digits, zeros in front.
+    char szDigits[kMaxDigits];
+    const char* pDigitsEnd = std::to_chars(szDigits, szDigits + sizeof(szDigits), llNanoseconds).ptr;
+    const size_t nDigits = static_cast<size_t>(pDigitsEnd - szDigits);
+    memset(p, '0', 9 - nDigits);
+    memcpy(p + 9 - nDigits, szDigits, nDigits);
     p += 9;
     *p++ = ' ';
     strOut.append(szHead, p);
