@@ -1,6 +1,8 @@
 #include "Scan/EnumerateFiles.h"
 
 #include <atomic>
+#include <string>
+#include <string_view>
 
 #include "Platform/AutoTimeCounter.h"
 #include "Platform/FXErrorUtil.h"
@@ -20,9 +22,19 @@ std::atomic<uint64_t> g_ullNextTraversalId{1};
 struct SContentFolderCache {
   uint64_t ullTraversalId = 0;
   const CFilterSet* pContent = nullptr;
+  // A folder entirely in content: so is every folder below it, which is then not asked again.
+  std::string strEntireRoot;
+  bool bHasEntireRoot = false;
+  // The last folder asked about (outside strEntireRoot) and its answer.
   std::string strFolder;
+  bool bFolderKnown = false;
   bool bEntirelyInContent = false;
 };
+
+bool IsAtOrBelow(std::string_view folder, const std::string& strRoot) {
+  if (folder.size() < strRoot.size() || folder.compare(0, strRoot.size(), strRoot) != 0) return false;
+  return folder.size() == strRoot.size() || strRoot.back() == '/' || folder[strRoot.size()] == '/';
+}
 thread_local SContentFolderCache t_contentFolder;
 
 bool HasItems(const CFilterSetPtr& pSet) { return pSet && !pSet->IsEmpty(); }
@@ -74,12 +86,20 @@ bool CEnumerateFiles::IsFolderEntirelyInContent(const std::string& strPath) cons
   if (nSlash == std::string::npos) return false;
   const std::string_view folder(strPath.data(), nSlash == 0 ? 1 : nSlash);
   SContentFolderCache& cache = t_contentFolder;
-  if (cache.ullTraversalId != m_ullTraversalId || cache.pContent != m_pScanContent.get() ||
-      cache.strFolder != folder) {
+  if (cache.ullTraversalId != m_ullTraversalId || cache.pContent != m_pScanContent.get()) {
     cache.ullTraversalId = m_ullTraversalId;
     cache.pContent = m_pScanContent.get();
-    cache.strFolder.assign(folder);
-    cache.bEntirelyInContent = m_pScanContent->IsMatchEntireFolder(CFilterTermTestString(folder));
+    cache.bHasEntireRoot = false;
+    cache.bFolderKnown = false;
+  }
+  if (cache.bHasEntireRoot && IsAtOrBelow(folder, cache.strEntireRoot)) return true;
+  if (cache.bFolderKnown && cache.strFolder == folder) return cache.bEntirelyInContent;
+  cache.strFolder.assign(folder);
+  cache.bFolderKnown = true;
+  cache.bEntirelyInContent = m_pScanContent->IsMatchEntireFolder(CFilterTermTestString(folder));
+  if (cache.bEntirelyInContent) {
+    cache.strEntireRoot.assign(folder);
+    cache.bHasEntireRoot = true;
   }
   return cache.bEntirelyInContent;
 }
