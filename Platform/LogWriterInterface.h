@@ -61,6 +61,11 @@ class CLogWriterInterface : public std::enable_shared_from_this<CLogWriterInterf
   static std::shared_ptr<CLogWriterInterface> GetProcessLogWriter();
   // The writer of the calling thread: its wrapper's writer, else the process-wide one, else null.
   static CLogWriterInterface* Current();
+  // Whether the current writer would write a message of the level (false without a writer).
+  static bool IsCurrentLevelOn(int level) {
+    const CLogWriterInterface* pWriter = Current();
+    return pWriter != nullptr && pWriter->IsLevelOn(level);
+  }
 
  protected:
   virtual void Write(const SLogRecord& record) = 0;
@@ -89,5 +94,4 @@ using CLogWriterInterfacePtr = std::shared_ptr<CLogWriterInterface>;
   } while (0)
 
 // True when a message of the level would be written by the current writer.
-#define ZRLOG_ON(level)                                                           \
-  (CLogWriterInterface::Current() != nullptr && CLogWriterInterface::Current()->IsLevelOn(level))
+#define ZRLOG_ON(level) CLogWriterInterface::IsCurrentLevelOn(level)
