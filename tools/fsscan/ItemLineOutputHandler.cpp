@@ -3,6 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -45,6 +49,18 @@ inline bool WordNeedsEscape(uint64_t v) {
 bool NeedsEscape(const std::string& strText) {
   const char* p = strText.data();
   size_t n = strText.size();
+#if defined(__SSE2__)
+  // Sixteen bytes at a time: c <= 0x1f (unsigned), c == 0x7f, c == '\\'.
+  const __m128i k1f = _mm_set1_epi8(0x1f);
+  const __m128i k7f = _mm_set1_epi8(0x7f);
+  const __m128i k5c = _mm_set1_epi8('\\');
+  for (; n >= 16; p += 16, n -= 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(v, k1f), v);
+    const __m128i special = _mm_or_si128(_mm_cmpeq_epi8(v, k7f), _mm_cmpeq_epi8(v, k5c));
+    if (_mm_movemask_epi8(_mm_or_si128(control, special)) != 0) return true;
+  }
+#endif
   for (; n >= sizeof(uint64_t); p += sizeof(uint64_t), n -= sizeof(uint64_t)) {
     uint64_t v;
     memcpy(&v, p, sizeof(v));
