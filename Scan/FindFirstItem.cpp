@@ -37,9 +37,9 @@ CFindFirstItem::CFindFirstItem(const CItemPtr& pParent, CBagPtr pWorkUnitBag,
 
 CFindFirstItem::~CFindFirstItem() = default;
 
-void CFindFirstItem::Refill(CBagPtr pWorkUnitBag, const std::string& strLocalPath,
+void CFindFirstItem::Refill(const CBagPtr& pWorkUnitBag, const std::string& strLocalPath,
                             const std::string& strSourcePath, const FXFile::CFileData& fileData) {
-  ResetItem(std::move(pWorkUnitBag));
+  ResetItem(pWorkUnitBag);
   m_fileData = fileData;
   m_strLocalFullPath.assign(strLocalPath);
   m_bSourceIsLocal = strLocalPath == strSourcePath;

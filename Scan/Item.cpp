@@ -14,14 +14,14 @@ CItem::CItem(const CItemPtr& pParent, CBagPtr pWorkUnitBag) : CItem(std::move(pW
 
 CItem::~CItem() = default;
 
-void CItem::ResetItem(CBagPtr pWorkUnitBag) {
+void CItem::ResetItem(const CBagPtr& pWorkUnitBag) {
   m_vInterfaces.clear();
   m_pItemBag.reset();
   // A used once-flag cannot be re-armed: a fresh one takes its place (nobody else holds the
   // item, so nobody is inside call_once).
   m_onceItemBag.~once_flag();
   new (&m_onceItemBag) std::once_flag();
-  m_pWorkUnitBag = std::move(pWorkUnitBag);
+  if (m_pWorkUnitBag != pWorkUnitBag) m_pWorkUnitBag = pWorkUnitBag;
   m_uFlags = 0;
 }
 
