@@ -35,7 +35,7 @@ class DIR_Wrapper {
   static constexpr size_t kBufferSize = 64 * 1024;
   // Option bit (file operation options): leave the status unread (state 0); the record's
   // getFileInfo() reads it later with an lstat of the full path. For callers that need names only.
-  static constexpr long long kOptionNoStatus = 0x2;
+  static constexpr long long kOptionNoStatus = 0x4;
 
   DIR_Wrapper() = default;
   ~DIR_Wrapper();

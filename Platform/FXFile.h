@@ -20,9 +20,11 @@
 //    longer than PATH_MAX, ...) and the message "Failed to open folder for listing, Path=%s";
 //    the handle is then closed.
 //  - file operation options (signed 64-bit bit set, passed through by the path enumerators):
-//    bit 0 (kFindOptionMountPathCheck) belongs to the caller's mount-path check and is ignored
-//    here; bit 1 (kFindOptionNoStatus) skips the fstatat (state 0; getFileInfo() reads it lazily).
-//    Other bits are ignored.
+//    bit 0 (kFindOptionMountPathCheck) belongs to the caller's mount-path check and bit 1
+//    (kFindOptionMultiThread) tells that the caller lists on several threads; both are ignored
+//    here (every listing reads each status relative to its own open folder). Bit 2
+//    (kFindOptionNoStatus) skips the fstatat (state 0; getFileInfo() reads it lazily). Other bits
+//    are ignored.
 //  - ZRFindFirstFileAt lists a folder relative to an open folder descriptor, for paths longer
 //    than PATH_MAX (the long path handler descends component by component).
 //
@@ -51,7 +53,10 @@ class FXFile {
   using DIR_Wrapper = ::DIR_Wrapper;
 
   static constexpr long long kFindOptionMountPathCheck = 0x1;  // the caller's; ignored here
+  static constexpr long long kFindOptionMultiThread = 0x2;     // ignored here
   static constexpr long long kFindOptionNoStatus = DIR_Wrapper::kOptionNoStatus;
+  static_assert(kFindOptionNoStatus != kFindOptionMountPathCheck &&
+                kFindOptionNoStatus != kFindOptionMultiThread);
 
   // Opens the folder named by the pattern and fills the record with its first entry.
   static CQiError ZRFindFirstFile(auto_find_handle& handle, const std::string& pattern,

@@ -130,6 +130,7 @@ CQiError CFindFirstScanEngine::PrepareOptions(SWorkUnitOptions& options) {
         options.mountPathCache.Insert(volume.m_strMountPoint, volume.m_strFSType);
     }
   }
+  if (options.bEnableMultiThread) options.llFileOperationOptions |= FXFile::kFindOptionMultiThread;
   return CQiError();
 }
 

@@ -46,10 +46,9 @@ class CFindFirstScanEngine : public CScanEngine {
   static constexpr const char* kParamEnableFolderLevelMultithread = "EnableFolderLevelMultithread";
   // bool: build the ignore-mount list even when no stale file system is present.
   static constexpr const char* kParamSkipNonLocalMountDetails = "RegKey:SkipNonLocalMountDetails";
-  // bool: hands the enumerator the ignore-mount list and options even without stale mounts.
-  // (Elsewhere this switch also sets option bit 1, a multi-threaded status read; on this
-  // platform bit 1 means "names only, no status" (FXFile::kFindOptionNoStatus) and the listing
-  // already reads each status relative to the open folder, so the bit is not set.)
+  // bool: adds option bit 1 (FXFile::kFindOptionMultiThread) and hands the enumerator the
+  // ignore-mount list and options even without stale mounts. The listing ignores the bit: it
+  // reads each status relative to its own open folder whatever the threads.
   static constexpr const char* kParamEnableMultiThread = "EnableMultiThread";
   // bool, work-unit bag: the traversal's built-in system-protected-files filter.
   static constexpr const char* kKeySystemProtectedFilesFilterBuiltIn =

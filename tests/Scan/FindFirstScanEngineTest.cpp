@@ -311,6 +311,8 @@ int ScanAndFindAsNobody(void* pArg) {
   const SExactRun& run = *static_cast<const SExactRun*>(pArg);
   auto pCallback = std::make_shared<CTestCallback>();
   pCallback->Set(CFindFirstScanEngine::kParamEnableFolderLevelMultithread, true);
+  // Several workers also set the multi-threaded enumeration bit, which must not change the set.
+  pCallback->Set(CFindFirstScanEngine::kParamEnableMultiThread, run.iWorkers > 1);
   auto pEngine = MakeEngine(run.eKind, pCallback);
   CWorkUnitPtr pUnit = MakeUnit({run.strRoot});
   if (!pUnit || pUnit->GetBag()->Write(SXScannerConfigurationBagId::idMaxWorkers, run.iWorkers).IsError() ||
