@@ -48,6 +48,10 @@ struct CScanTraverseFolder::SListing {
   CItemPtr pLastProcessed;  // where a restarted listing resumes
   // The folder's reparse points, dispatched once all its other entries have been.
   std::vector<CItemPtr> lstReparsePoints;
+  // Too many reparse points to hold: they are left out of the listing and passed on by a second
+  // listing of the folder (bReparsePass), which passes on nothing else.
+  bool bRelistReparsePoints = false;
+  bool bReparsePass = false;
   int iRetries = 0;
 };
 
@@ -447,9 +451,19 @@ CQiError CScanTraverseFolder::TraverseFolder(const CScanFoldersToTraverse& entry
 
   listing.strPattern = FXPath::AddTrailingDelimiter(listing.strFolder);
   QI_RETURN_IF_ERROR(ListFolder(listing));
-  // Reparse points come after every other entry of their folder. They were kept aside during
-  // the listing: the order of a second listing that passes only them, without listing (and
-  // describing every entry of) the folder twice.
+  // Reparse points come after every other entry of their folder. Up to kMaxHeldReparsePoints
+  // of them are kept aside during the listing: the order of a second listing that passes only
+  // them, without listing (and describing every entry of) the folder twice. A folder with more
+  // is listed a second time, so that memory stays bounded whatever the folder holds.
+  if (listing.bRelistReparsePoints) {
+    if (ZRLOG_ON(3))
+      ZRLOG(3, "Listing folder again for its reparse points, Folder=%s", Esc(listing.strFolder).c_str());
+    listing.bReparsePass = true;
+    listing.pLastProcessed.reset();
+    listing.iRetries = 0;
+    QI_RETURN_IF_ERROR(ListFolder(listing));
+    return CQiError();
+  }
   for (CItemPtr& pItem : listing.lstReparsePoints) {
     if (IsAborted()) return AbortedError(listing);
     CQiError itemError = ProcessItem(listing.strFolder, strOutput, pItem);
@@ -530,6 +544,16 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
 
 CQiError CScanTraverseFolder::ProcessEntry(SListing& listing, CQiError& entryError,
                                            CItemPtr& pItem) {
+  if (listing.bReparsePass) {
+    // The second listing passes on its reparse points only; the rest was dealt with before.
+    if (entryError.IsSuccess() && pItem && pItem->IsReparsePoint()) {
+      CQiError error = ProcessItem(listing.strFolder, listing.entry.GetOutputFolder(), pItem);
+      if (error.IsError() && failOnConsumerError(error))
+        return QI_PUSH(error, "Failed to report failed item.");
+    }
+    if (pItem) listing.pLastProcessed = std::move(pItem);
+    return CQiError();
+  }
   if (entryError.IsError()) {
     // The entry was listed but its status could not be read.
     if (IsSilentEntryError(entryError)) return CQiError();
@@ -546,7 +570,12 @@ CQiError CScanTraverseFolder::ProcessEntry(SListing& listing, CQiError& entryErr
   }
   if (!pItem) return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid directory entry");
   if (pItem->IsReparsePoint()) {
-    listing.lstReparsePoints.push_back(pItem);
+    if (listing.lstReparsePoints.size() < kMaxHeldReparsePoints) {
+      listing.lstReparsePoints.push_back(pItem);
+    } else if (!listing.bRelistReparsePoints) {
+      listing.lstReparsePoints.clear();
+      listing.bRelistReparsePoints = true;
+    }
   } else {
     CQiError error = DispatchItem(listing.strFolder, listing.entry.GetOutputFolder(), pItem);
     if (error.IsError() && failOnConsumerError(error))

@@ -89,6 +89,10 @@ class CScanTraverseFolder {
   // given in strNewOutputPath, extended by the folder's remainder).
   bool FolderWillAlreadyBeTraversed(const std::string& strPath, std::string& strNewOutputPath) const;
 
+  // The reparse points of one folder held aside for dispatch after the folder's other entries;
+  // a folder with more is listed a second time for them.
+  static constexpr size_t kMaxHeldReparsePoints = 1024;
+
   // Dispatches one item by kind to the hooks (the traversal's per-entry step).
   CQiError ProcessItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
   // Lists one queued folder with the given enumerator. bFirstFolder makes its errors fatal.
