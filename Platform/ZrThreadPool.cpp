@@ -90,15 +90,8 @@ int ZrThreadPool::QueueJob(JobFunction fnJob) {
                                       m_strName.c_str()));
     return kInvalidJob;
   }
-  if (static_cast<int>(m_lstQueue.size()) >= m_iQueueLimit) {
-    SetLastErrorLocked(QI_ERROR_WIN32(kErrorQueueFull,
-                                      "Thread pool queue is full, Name=%s, QueueLimit=%d",
-                                      m_strName.c_str(), m_iQueueLimit));
-    return kInvalidJob;
-  }
-
   // Grow when every thread would be busy with this job waiting.
-  const int iIdle = static_cast<int>(m_lstThreads.size()) - m_iBusyThreads;
+  int iIdle = static_cast<int>(m_lstThreads.size()) - m_iBusyThreads;
   if (static_cast<int>(m_lstQueue.size()) + 1 > iIdle &&
       static_cast<int>(m_lstThreads.size()) < m_iMaxThreads) {
     CQiError error = StartThreadLocked();
@@ -111,6 +104,17 @@ int ZrThreadPool::QueueJob(JobFunction fnJob) {
         return kInvalidJob;
       }
     }
+  }
+
+  // The limit counts the jobs that must wait for a thread: jobs queued faster than idle threads
+  // wake up to take them are not waiting, or a facade with more media than the limit could not
+  // start although it has a thread for every medium.
+  iIdle = static_cast<int>(m_lstThreads.size()) - m_iBusyThreads;
+  if (static_cast<int>(m_lstQueue.size()) + 1 - iIdle > m_iQueueLimit) {
+    SetLastErrorLocked(QI_ERROR_WIN32(kErrorQueueFull,
+                                      "Thread pool queue is full, Name=%s, QueueLimit=%d",
+                                      m_strName.c_str(), m_iQueueLimit));
+    return kInvalidJob;
   }
 
   const int iJob = m_iNextJob++;

@@ -5,7 +5,7 @@
 //   name            names the pool in log lines and its threads ("<name>/<n>", cut to the
 //                   kernel's 15 bytes);
 //   queueLimit      how many jobs may wait for a thread at once (>= 1); a job queued beyond it
-//                   is refused;
+//                   is refused (jobs that an idle thread has yet to pick up do not wait);
 //   minThreads      threads the pool always has (>= 0);
 //   maxThreads      threads it may grow to (>= 1, >= minThreads);
 //   initialThreads  threads started by Initialize, raised to minThreads and cut to maxThreads.
