@@ -129,10 +129,9 @@ CScanner::EUnitResult CScanner::ProcessWorkUnit(const CVolumeWorkUnitPtr& pVolum
     CQiError callbackError = m_pCallback->OnScannerError(pEngine, error, bAbort, bSkip, bTryNext);
     if (callbackError.IsError()) ZRLOG(-1, "OnScannerError failed: %s", error.AsString().c_str());
     if (bAbort) return EUnitResult::EndScan;
-    if (bSkip) {
-      bSkipped = true;
-      break;
-    }
+    // Skip only settles how a unit that no engine scans ends (quietly); the trial goes on
+    // while the callback asks for the next engine.
+    if (bSkip) bSkipped = true;
     if (!bTryNext) break;
     ZRLOG(3, "Scan engine cannot process work unit, Engine=[%s], WorkUnit=[%s], Disposition=[%s], "
              "result=%s",
