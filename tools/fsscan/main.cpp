@@ -1,10 +1,13 @@
 // fsscan: scans folder trees with the scan library and lists what it finds.
 //
-//   fsscan [options] PATH...
+//   fsscan [options] [PATH...]
 //   fsscan [options] --from-file FILE
 //
 // Each PATH is content of the scan (a folder, or a single file, which is then reported alone);
-// relative paths are taken from the working directory and reported as absolute paths. Every
+// relative paths are taken from the working directory and reported as absolute paths. With no
+// PATH it scans /usr and, unless -o names an output, prints only the summary. Content
+// exceptions and filter items that name a relative path ("build/tmp", not a pattern such as
+// "*.o") are taken from the working directory too. Every
 // object below a content folder is reported once: symbolic links are reported, never followed;
 // nested mount points are left out. The content folder itself is reported only with --top-level
 // (`find PATH -mindepth 1` lists the same objects as fsscan, `find PATH` those of --top-level).
@@ -58,6 +61,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ArbiterScanDriver.h"
@@ -77,6 +81,7 @@ namespace {
 constexpr int kExitSuccess = 0;
 constexpr int kExitContentFailed = 1;
 constexpr int kExitUsage = 2;
+constexpr char kDefaultPath[] = "/usr";  // scanned when no PATH is given
 constexpr int kExitInterrupted = 130;
 constexpr const char* kInstanceName = "fsscan";
 // The callback parameter that lets the fast engine accept work.
@@ -107,9 +112,10 @@ struct SOptions {
 
 // printf format: %s is the list of engine names.
 const char kUsage[] =
-    "Usage: fsscan [options] PATH...\n"
+    "Usage: fsscan [options] [PATH...]\n"
     "       fsscan [options] --from-file FILE\n"
-    "Scans the folder trees below each PATH and lists every object found.\n"
+    "Scans the folder trees below each PATH and lists every object found. With no PATH it\n"
+    "scans /usr and prints only the summary (unless -o names an output).\n"
     "\n"
     "  -o, --output FILE            write the item list to FILE (default: stdout)\n"
     "  -0, --print0                 list only the paths, each ended by a NUL byte (as find -print0)\n"
@@ -117,7 +123,8 @@ const char kUsage[] =
     "                               engine, which never reports a content root)\n"
     "  -f, --failures FILE          write objects that could not be scanned to FILE\n"
     "                               (default: one message each on stderr)\n"
-    "  -x, --exclude PATTERN        leave out objects matching PATTERN (filter item)\n"
+    "  -x, --exclude PATTERN        leave out objects matching PATTERN (filter item; a relative\n"
+    "                               path without wildcards is taken from the working directory)\n"
     "  -e, --exception PATTERN      keep objects matching PATTERN although excluded\n"
     "  -c, --content-exception PATH leave PATH out of the content\n"
     "  -w, --workers N              traversal workers per physical medium (default 1),\n"
@@ -149,6 +156,43 @@ bool ParseInt(const char* szText, int iMin, int iMax, int& iValue) {
   if (FXString::ToInt64(szText, llValue).IsError() || llValue < iMin || llValue > iMax) return false;
   iValue = static_cast<int>(llValue);
   return true;
+}
+
+// A relative path joined to the working directory (a physical path, so ".." is resolved by
+// name); "." and ".." of the relative part are resolved, since the library takes paths as they
+// stand. An absolute path is left as given.
+std::string MakeAbsolute(const std::string& strPath) {
+  if (strPath.empty() || strPath[0] == '/') return strPath;
+  std::unique_ptr<char, decltype(&free)> pCwd(getcwd(nullptr, 0), &free);
+  if (!pCwd) return strPath;  // the library refuses the relative path and it is recorded as failed
+  std::string strAbsolute = pCwd.get();
+  if (strAbsolute == "/") strAbsolute.clear();
+  for (size_t start = 0; start <= strPath.size();) {
+    size_t end = strPath.find('/', start);
+    if (end == std::string::npos) end = strPath.size();
+    const std::string_view name = std::string_view(strPath).substr(start, end - start);
+    if (name == "..") {
+      const size_t slash = strAbsolute.rfind('/');
+      strAbsolute.erase(slash == std::string::npos ? 0 : slash);
+    } else if (!name.empty() && name != ".") {
+      strAbsolute.push_back('/');
+      strAbsolute.append(name);
+    }
+    start = end + 1;
+  }
+  return strAbsolute.empty() ? std::string("/") : strAbsolute;
+}
+
+// Items that are relative paths made absolute. With bPatterns, only items that hold a '/' and no
+// wildcard are paths: "*.o" or "cache" name a last component at any depth.
+ItemSet AnchorRelativePaths(const ItemSet& setItems, bool bPatterns) {
+  ItemSet setAnchored;
+  for (const std::string& strItem : setItems) {
+    const bool bPath = !bPatterns || (strItem.find('/') != std::string::npos &&
+                                      strItem.find_first_of("*?[") == std::string::npos);
+    setAnchored.insert(bPath ? MakeAbsolute(strItem) : strItem);
+  }
+  return setAnchored;
 }
 
 // 0 to go on, kExitUsage on a usage error, -1 when the help was printed.
@@ -250,19 +294,15 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
     return kExitUsage;
   }
   if (options.lstPaths.empty()) {
-    fputs("fsscan: no PATH given\nTry 'fsscan --help' for more information.\n", stderr);
-    return kExitUsage;
+    options.lstPaths.emplace_back(kDefaultPath);
+    if (options.strOutput.empty()) options.strOutput = "/dev/null";
   }
+  // A relative path among the exceptions and filter items would never match the absolute paths
+  // of the scan: it is anchored where the user stands, as the content paths are.
+  options.setContentExceptions = AnchorRelativePaths(options.setContentExceptions, false);
+  options.setExcludes = AnchorRelativePaths(options.setExcludes, true);
+  options.setExceptions = AnchorRelativePaths(options.setExceptions, true);
   return 0;
-}
-
-std::string MakeAbsolute(const std::string& strPath) {
-  if (strPath.empty() || strPath[0] == '/') return strPath;
-  std::unique_ptr<char, decltype(&free)> pCwd(getcwd(nullptr, 0), &free);
-  if (!pCwd) return strPath;  // the library refuses the relative path and it is recorded as failed
-  std::string strCwd = pCwd.get();
-  if (strCwd.empty() || strCwd.back() != '/') strCwd.push_back('/');
-  return strCwd + strPath;
 }
 
 // The --from-file content file must be a readable file: the on-demand engine would skip it with
