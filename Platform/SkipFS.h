@@ -1,10 +1,10 @@
 // skipFS: the file-system types a backup treats specially.
 //
 // GetIgnoreFSTypes lists the pseudo file systems that a backup never enters (kernel interfaces,
-// control file systems, automount triggers), space-separated. Engines search a mount's type in
-// that text as a substring, which is how the ignore-mount list is built; note that this also
-// matches "tmpfs" (inside "devtmpfs") and a bare "fuse" (inside "fusectl"), so code that needs
-// an exact answer uses IsIgnoredFSType, which compares whole names. The list deliberately leaves
+// control file systems, automount triggers), space-separated. The engines build their
+// ignore-mount lists with IsIgnoredFSType, which compares whole names: a substring search of the
+// text would also match "tmpfs" (inside "devtmpfs") and a bare "fuse" (inside "fusectl") and
+// leave real data out of the backup. For a caller that searches it as text all the same, the list leaves
 // out pseudo file systems whose names hold a real file system's name, which the substring
 // search would then ignore: "selinuxfs" (holds "xfs"), "xenfs", "functionfs" and "nfsd" (hold
 // "nfs"), "openpromfs" ("romfs"), "spufs" ("ufs"). They are mounted below /sys or /proc, which
