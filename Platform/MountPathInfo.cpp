@@ -132,7 +132,8 @@ CQiError MountPathInfo::GetVolumeName(const std::string& path, std::string& volu
 
 CQiError MountPathInfo::expandContentPathByVolumes(const std::string& realPath,
                                                    const std::vector<SLogicalVolume>& lstVolumes,
-                                                   std::vector<SContentEntry>& lstEntries) {
+                                                   std::vector<SContentEntry>& lstEntries,
+                                                   std::vector<std::string>* pLeftOut) {
   QI_RETURN_IF_ERROR(ValidateAbsolutePath(realPath));
   std::string content = FXPath::RemoveTrailingDelimiters(realPath);
   std::vector<SLogicalVolume> visible = FXFolder::FilterVisibleVolumes(lstVolumes);
@@ -154,9 +155,12 @@ CQiError MountPathInfo::expandContentPathByVolumes(const std::string& realPath,
     else
       below.push_back(&volume);
   }
-  std::sort(below.begin(), below.end(), [](const SLogicalVolume* a, const SLogicalVolume* b) {
+  auto pathOrder = [](const SLogicalVolume* a, const SLogicalVolume* b) {
     return ComparePaths(a->m_strMountPoint, b->m_strMountPoint) < 0;
-  });
+  };
+  std::sort(below.begin(), below.end(), pathOrder);
+  // The mounts that get no entry; a traversal of the entries must not walk into them.
+  std::vector<const SLogicalVolume*> leftOut = ignored;
   for (const SLogicalVolume* volume : below) {
     const std::string& mountPoint = volume->m_strMountPoint;
     auto under = std::find_if(ignored.begin(), ignored.end(), [&](const SLogicalVolume* i) {
@@ -166,14 +170,21 @@ CQiError MountPathInfo::expandContentPathByVolumes(const std::string& realPath,
       ZRLOG(3, "Mount [%s] (%s) lies on the pseudo file system [%s] (%s); not expanded",
             mountPoint.c_str(), volume->m_strFSType.c_str(), (*under)->m_strMountPoint.c_str(),
             (*under)->m_strFSType.c_str());
+      leftOut.push_back(volume);
       continue;
     }
     if (CheckInStaleFSList(mountPoint)) {
       ZRLOG(0, "Mount [%s] (%s) below content [%s] is stale; not expanded", mountPoint.c_str(),
             volume->m_strFSType.c_str(), content.c_str());
+      leftOut.push_back(volume);
       continue;
     }
     entries.push_back({mountPoint, mountPoint, mountPoint, false});
+  }
+  if (pLeftOut != nullptr) {
+    std::sort(leftOut.begin(), leftOut.end(), pathOrder);
+    pLeftOut->clear();
+    for (const SLogicalVolume* volume : leftOut) pLeftOut->push_back(volume->m_strMountPoint);
   }
   lstEntries = std::move(entries);
   return CQiError();
@@ -182,6 +193,15 @@ CQiError MountPathInfo::expandContentPathByVolumes(const std::string& realPath,
 CQiError MountPathInfo::expandContentPathByVolumes(const std::string& path,
                                                    std::vector<SContentEntry>& lstEntries,
                                                    ContentMapperAPI* pMapper) {
+  std::vector<std::string> lstLeftOut;
+  QI_RETURN_IF_ERROR(expandContentPathByVolumes(path, lstEntries, lstLeftOut, pMapper));
+  return CQiError();
+}
+
+CQiError MountPathInfo::expandContentPathByVolumes(const std::string& path,
+                                                   std::vector<SContentEntry>& lstEntries,
+                                                   std::vector<std::string>& lstLeftOut,
+                                                   ContentMapperAPI* pMapper) {
   QI_RETURN_IF_ERROR(ValidateAbsolutePath(path));
   std::string callerPath = FXPath::RemoveTrailingDelimiters(path);
   std::string realPath;
@@ -189,7 +209,9 @@ CQiError MountPathInfo::expandContentPathByVolumes(const std::string& path,
   std::vector<SLogicalVolume> volumes;
   QI_RETURN_IF_ERROR(FXFolder::getLogicalVolumeList(volumes), "getLogicalVolumeList failed");
   std::vector<SContentEntry> entries;
-  QI_RETURN_IF_ERROR(expandContentPathByVolumes(realPath, volumes, entries));
+  std::vector<std::string> leftOut;
+  QI_RETURN_IF_ERROR(expandContentPathByVolumes(realPath, volumes, entries, &leftOut));
+  for (std::string& mountPoint : leftOut) mountPoint = CallerForm(callerPath, realPath, mountPoint);
 
   for (SContentEntry& entry : entries) {
     entry.m_strLocalMountPath = entry.m_bContentPath
@@ -209,6 +231,7 @@ CQiError MountPathInfo::expandContentPathByVolumes(const std::string& path,
           entry.m_strVolumeName.c_str());
   }
   lstEntries = std::move(entries);
+  lstLeftOut = std::move(leftOut);
   return CQiError();
 }
 

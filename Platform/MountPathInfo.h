@@ -12,6 +12,10 @@
 // (component by component, so a folder comes right before what lies in it). Left out are mounts
 // of pseudo file systems (skipFS::IsIgnoredFSType), mounts lying below such a mount, stale mounts
 // (CheckInStaleFSList) and mounts the process cannot reach (stacked under another mount).
+// Whoever traverses the entries must still keep out of the reachable mounts that were left out
+// (pseudo file systems, mounts below them, stale mounts): the traversal of /srv/chroot would
+// otherwise walk its /proc, and a stale mount hangs every call that touches it. The overloads
+// with lstLeftOut / pLeftOut give their mount points, in path order.
 // Entries are given in the caller's form of the path (a nested mount reached through a linked
 // content path is given below the content path as written); the volume name is the mount
 // point as the mount table has it. With a content mapper the source path of each entry is the
@@ -49,11 +53,18 @@ class MountPathInfo {
   static CQiError expandContentPathByVolumes(const std::string& path,
                                              std::vector<SContentEntry>& lstEntries,
                                              ContentMapperAPI* pMapper = nullptr);
+  // The same, and the mount points strictly below the path that were left out (given in the
+  // caller's form, like the entries; no mapper applies to them).
+  static CQiError expandContentPathByVolumes(const std::string& path,
+                                             std::vector<SContentEntry>& lstEntries,
+                                             std::vector<std::string>& lstLeftOut,
+                                             ContentMapperAPI* pMapper = nullptr);
   // The same over a given table, for a path taken as already real (nothing is resolved). Source
-  // paths equal local paths.
+  // paths equal local paths. pLeftOut, when given, receives the mount points left out.
   static CQiError expandContentPathByVolumes(const std::string& realPath,
                                              const std::vector<SLogicalVolume>& lstVolumes,
-                                             std::vector<SContentEntry>& lstEntries);
+                                             std::vector<SContentEntry>& lstEntries,
+                                             std::vector<std::string>* pLeftOut = nullptr);
 
   // The mount point of the volume holding the path ("/" for the root volume).
   static CQiError GetVolumeName(const std::string& path, std::string& volumeName);

@@ -1,9 +1,13 @@
 #include "Scan/OnDemandEnumerateFiles.h"
 
 #include "Platform/AutoTimeCounter.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXFile.h"
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
 #include "Platform/LogWriterInterface.h"
+#include "Scan/BasicPathEnumerator.h"
+#include "Scan/PathCacheUnorderedT.h"
 
 namespace {
 bool HasItems(const CFilterSetPtr& pSet) { return pSet && !pSet->IsEmpty(); }
@@ -23,6 +27,28 @@ void COnDemandEnumerateFiles::SetOnDemandFilters(const std::vector<std::string>&
 
 void COnDemandEnumerateFiles::SetBlackListFilter(CFilterSetPtr& pBlackListFilter) {
   m_pBlackListFilter = pBlackListFilter;
+}
+
+CQiError COnDemandEnumerateFiles::SetIgnoredMountPaths(
+    const std::vector<std::string>& lstMountPoints) {
+  if (lstMountPoints.empty()) return CQiError();
+  // The listing looks every entry up by its source path; on-demand traversals report entries
+  // under their local paths, so the local mount points are the keys.
+  auto* pBasic = dynamic_cast<CBasicPathEnumerator*>(GetPathEnumerator().get());
+  if (pBasic == nullptr)
+    return QI_ERROR_WIN32(QiErrorCode::NotSupported,
+                          "The path enumerator cannot leave mount points out, MountPoint=%s",
+                          FXString::EscapeControl(lstMountPoints.front()).c_str());
+  CPathCacheUnorderedT<std::string> cache;
+  for (const std::string& strMountPoint : lstMountPoints) {
+    cache.Insert(FXPath::RemoveTrailingDelimiters(strMountPoint), strMountPoint);
+    if (ZRLOG_ON(5))
+      ZRLOG(5, "Leaving mount point [%s] out of the traversal",
+            FXString::EscapeControl(strMountPoint).c_str());
+  }
+  pBasic->SetMountPathCache(cache);
+  pBasic->SetFileOperationOptions(FXFile::kFindOptionMountPathCheck);
+  return CQiError();
 }
 
 void COnDemandEnumerateFiles::SetExcludedAttributes(unsigned int uExcludedAttributes) {

@@ -7,6 +7,9 @@
 //   - the nested-volume filter: an entry at or below one of the volumes mounted under the path
 //     being traversed is left to that volume's own traversal,
 //   - the black-list filter built by the engine for the path.
+// Mounts below the path that no traversal is to enter (pseudo file systems, stale mounts) are
+// left out before any filter is asked: the listing passes over them (SetIgnoredMountPaths, the
+// path enumerator's mount path cache), so they are neither reported nor walked.
 // The work unit's scan content is not consulted: the scan paths of an on-demand unit name the
 // content files that list the paths, not the paths themselves.
 //
@@ -34,6 +37,9 @@ class COnDemandEnumerateFiles : public CEnumerateFiles {
   void SetOnDemandFilters(const std::vector<std::string>& lstNestedVolumes);
   // Entries matched by the set are left out, with everything below them.
   void SetBlackListFilter(CFilterSetPtr& pBlackListFilter);
+  // Mount points (local paths) that the listing passes over, with everything below them. Set
+  // before Traverse. Win32 50 when the path enumerator has no mount path cache.
+  CQiError SetIgnoredMountPaths(const std::vector<std::string>& lstMountPoints);
 
   void SetExcludedAttributes(unsigned int uExcludedAttributes);
   void SetFilters(CFilterSetPtr pFilters);

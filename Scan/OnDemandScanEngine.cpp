@@ -164,7 +164,10 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
   if (ZRLOG_ON(5))
     ZRLOG(5, "Content [%s] is a directory, check nested mount points.", Esc(strPath).c_str());
   std::vector<SContentEntry> lstEntries;
-  QI_RETURN_IF_ERROR(MountPathInfo::expandContentPathByVolumes(strPath, lstEntries),
+  // Mounts below the folder that get no entry (pseudo file systems, stale mounts) are kept out
+  // of every traversal of its entries.
+  std::vector<std::string> lstLeftOut;
+  QI_RETURN_IF_ERROR(MountPathInfo::expandContentPathByVolumes(strPath, lstEntries, lstLeftOut),
                      "expandContentPathByVolumes failed");
   for (const SContentEntry& entry : lstEntries) {
     const std::string& strLocal = entry.m_strLocalMountPath;
@@ -180,7 +183,7 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
         lstNested.push_back(other.m_strLocalMountPath);
     }
     if (ZRLOG_ON(5)) ZRLOG(5, "Traversing path [%s]", Esc(strLocal).c_str());
-    QI_RETURN_IF_ERROR(TraverseScanPath(strLocal, lstNested, pWorkUnit));
+    QI_RETURN_IF_ERROR(TraverseScanPath(strLocal, lstNested, lstLeftOut, pWorkUnit));
   }
   return CQiError();
 }
@@ -206,6 +209,13 @@ CQiError COnDemandScanEngine::SwitchOutputHandler(const std::string& strScanPath
 
 CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
                                                const std::vector<std::string>& lstNestedVolumes,
+                                               CWorkUnitPtr pWorkUnit) {
+  return TraverseScanPath(strPath, lstNestedVolumes, {}, std::move(pWorkUnit));
+}
+
+CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
+                                               const std::vector<std::string>& lstNestedVolumes,
+                                               const std::vector<std::string>& lstIgnoredMounts,
                                                CWorkUnitPtr pWorkUnit) {
   if (!pWorkUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No work unit");
   if (ZRLOG_ON(5)) ZRLOG(5, "Traversing path [%s]", Esc(strPath).c_str());
@@ -234,6 +244,7 @@ CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
   traversal.SetFilters(pWorkUnit->GetFilters());
   traversal.SetSystemFilters(pWorkUnit->GetSystemFilters());
   traversal.SetOnDemandFilters(lstNestedVolumes);
+  QI_RETURN_IF_ERROR(traversal.SetIgnoredMountPaths(lstIgnoredMounts));
   traversal.SetAbortCheck(m_pScannerCallback.get());
   traversal.SetMaxWorkers(1);
   bool bTopLevel = false;

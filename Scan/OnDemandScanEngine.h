@@ -3,8 +3,10 @@
 //
 //   - A file (or link, device, ...) is reported as a single item.
 //   - A folder is split by the volumes mounted below it; each part is traversed by a
-//     COnDemandEnumerateFiles that leaves the nested volumes to their own parts. With
-//     "OnDemand::AutoExpandDirs" false a folder is neither traversed nor reported.
+//     COnDemandEnumerateFiles that leaves the nested volumes to their own parts. Mounts below
+//     it that get no part (pseudo file systems such as proc or sysfs, stale mounts) are left
+//     out of every traversal altogether. With "OnDemand::AutoExpandDirs" false a folder is
+//     neither traversed nor reported.
 //   - The output handler follows the volumes: it is opened (named by the volume's mount point
 //     with a trailing delimiter) for the volume of the first path, and closed and reopened
 //     whenever a path lies on another volume; the last one is closed at the end of the unit.
@@ -56,6 +58,11 @@ class COnDemandScanEngine : public CScanEngine {
   // One line of a content file; strOpenVolume is the volume whose output handler is open.
   CQiError ProcessContentPath(const CWorkUnitPtr& pWorkUnit, const std::string& strPath,
                               std::string& strOpenVolume);
+  // TraverseScanPath that also keeps the listing out of the given mount points.
+  CQiError TraverseScanPath(const std::string& strPath,
+                            const std::vector<std::string>& lstNestedVolumes,
+                            const std::vector<std::string>& lstIgnoredMounts,
+                            CWorkUnitPtr pWorkUnit);
   CQiError SwitchOutputHandler(const std::string& strScanPath, const std::string& strVolume,
                                std::string& strOpenVolume);
   // Records a path that cannot be scanned (the item as far as it can be described).

@@ -1,11 +1,13 @@
 // The on-demand engine on real temporary trees: content files listing files and folders, the
 // line "/", empty lines, vanished paths, paths on a second volume (/dev/shm), black-list content,
-// nested volumes (a tmpfs mounted inside the tree, when the test may mount), and a listed folder
-// giving the same items as the FindFirst engine.
+// nested volumes (a tmpfs mounted inside the tree, when the test may mount), pseudo and stale
+// mounts below a listed folder (a recorded mount table), and a listed folder giving the same
+// items as the FindFirst engine.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -13,6 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "Platform/FXFolder.h"
+#include "Platform/MountPathInfo.h"
+#include "Platform/StaleMountDetector.h"
 #include "Scan/FindFirstScanEngine.h"
 #include "Scan/OnDemandScanEngine.h"
 #include "Scan/ScannerConfigurationBagId.h"
@@ -439,5 +444,112 @@ TEST(OnDemandNestedVolume, LeftToItsOwnEntry) {
                 "Filtered by nested volume filter, Folder=(" + tree.Path("dir") + ")", 5),
             1u);
 }
+
+// ---- mounts below a listed folder that get no entry of their own ----
+
+// Makes a recorded mount table the process's table, with one of its network mounts stale, while
+// it lives.
+class CRecordedMounts {
+ public:
+  CRecordedMounts(const std::string& strTableFile, const std::string& strStaleMount) {
+    FXFolder::SetMountInfoPath(strTableFile);
+    CStaleMountDetector& detector = CStaleMountDetector::Process();
+    detector.SetStatFunction([strStaleMount](const std::string& strMount) {
+      return strMount == strStaleMount ? ESTALE : 0;
+    });
+    m_refreshError = detector.Refresh();
+  }
+  ~CRecordedMounts() {
+    CStaleMountDetector::Process().Reset();
+    CStaleMountDetector::Process().SetStatFunction(nullptr);
+    FXFolder::SetMountInfoPath("");
+  }
+  CQiError m_refreshError;
+};
+
+struct SMountCase {
+  const char* szName;
+  const char* szListed;  // "%R" the tree
+  std::vector<std::string> lstReported;
+  std::vector<std::string> lstHandlerNames;
+  std::vector<std::string> lstSkipped;  // mount points the listings passed over
+};
+
+const SMountCase kMountCases[] = {
+    {"FolderAbovePseudoAndStaleMounts",
+     "%R/dir",
+     {"%R/dir/b.txt", "%R/dir/vol/v.txt"},
+     {"/", "%R/dir/vol/"},
+     {"%R/dir/nfs", "%R/dir/proc", "%R/dir/vol/sys"}},
+    {"NestedVolumeListedItself",
+     "%R/dir/vol",
+     {"%R/dir/vol/v.txt"},
+     {"%R/dir/vol/"},
+     {"%R/dir/vol/sys"}},
+    // The mount points are left out in the form the folder was listed in.
+    {"FolderThroughLinkedParent",
+     "%R/up/dir",
+     {"%R/up/dir/b.txt", "%R/up/dir/vol/v.txt"},
+     {"/", "%R/dir/vol/"},
+     {"%R/up/dir/nfs", "%R/up/dir/proc", "%R/up/dir/vol/sys"}},
+};
+
+class OnDemandLeftOutMounts : public ::testing::TestWithParam<SMountCase> {};
+
+TEST_P(OnDemandLeftOutMounts, AreNeitherReportedNorWalked) {
+  const SMountCase& row = GetParam();
+  CLogCapture log;
+  CTempTree tree, out;
+  tree.MakeFile("dir/b.txt");
+  tree.MakeFile("dir/proc/1/status");
+  tree.MakeFile("dir/proc/sub/x");
+  tree.MakeFile("dir/nfs/n.txt");
+  tree.MakeFile("dir/vol/v.txt");
+  tree.MakeFile("dir/vol/sys/kernel");
+  tree.MakeSymlink("up", tree.Root());
+  const std::string strR = tree.Root();
+  // proc and sysfs are pseudo file systems (the xfs below proc goes with it), the nfs4 mount is
+  // stale, and the xfs at dir/vol is a nested volume with an entry of its own.
+  CRecordedMounts mounts(out.MakeFile("mountinfo", "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                                                   "2 1 0:5 / " + strR + "/dir/proc rw - proc proc rw\n"
+                                                   "3 2 0:40 / " + strR + "/dir/proc/sub rw - xfs /dev/sdd rw\n"
+                                                   "4 1 0:41 / " + strR + "/dir/nfs rw - nfs4 srv:/export rw\n"
+                                                   "5 1 8:3 / " + strR + "/dir/vol rw - xfs /dev/sdc rw\n"
+                                                   "6 5 0:6 / " + strR + "/dir/vol/sys rw - sysfs sysfs rw\n"),
+                         strR + "/dir/nfs");
+  ASSERT_TRUE(mounts.m_refreshError.IsSuccess()) << mounts.m_refreshError.AsString();
+  ASSERT_TRUE(MountPathInfo::CheckInStaleFSList(strR + "/dir/nfs"));
+  auto expand = [&](std::string strText) {
+    for (size_t pos; (pos = strText.find("%R")) != std::string::npos;) strText.replace(pos, 2, strR);
+    return strText;
+  };
+  auto expandAll = [&](const std::vector<std::string>& lstIn) {
+    std::vector<std::string> lstOut;
+    for (const std::string& strText : lstIn) lstOut.push_back(expand(strText));
+    return lstOut;
+  };
+  auto pCallback = std::make_shared<CNamingCallback>();
+  COnDemandScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  CWorkUnitPtr pUnit;
+
+  ASSERT_TRUE(engine
+                  .ProcessVolumeWorkUnit(MakeVolume(
+                      {WriteContentFile(out.Path("content"), {expand(row.szListed)})}, pUnit))
+                  .IsSuccess());
+
+  EXPECT_EQ(pUnit->DispositionAsString(), "Processed(OD)");
+  std::vector<std::string> lstPaths = pCallback->m_pHandler->Paths();
+  std::vector<std::string> lstExpected = expandAll(row.lstReported);
+  EXPECT_EQ(std::multiset<std::string>(lstPaths.begin(), lstPaths.end()),
+            std::multiset<std::string>(lstExpected.begin(), lstExpected.end()));
+  EXPECT_EQ(pCallback->m_vHandlerNames, expandAll(row.lstHandlerNames));
+  for (const std::string& strSkipped : expandAll(row.lstSkipped))
+    EXPECT_EQ(log->Count("[" + strSkipped + "] skipped by ignoreFS rule", 0), 1u) << strSkipped;
+  EXPECT_EQ(log->CountContaining("] skipped by ignoreFS rule", 0), row.lstSkipped.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Mounts, OnDemandLeftOutMounts, ::testing::ValuesIn(kMountCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
 
 }  // namespace
