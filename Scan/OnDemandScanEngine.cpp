@@ -22,6 +22,14 @@
 namespace {
 std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
 
+// True when a traversal failed because its folder is gone: the failure is that of a missing
+// folder, and the path is no longer a folder. Any other failure of the traversal stands.
+bool HasVanished(const std::string& strPath, const CQiError& error) {
+  if (!error.IsErrNo(ENOENT) && !error.IsErrNo(ENOTDIR)) return false;
+  struct stat st {};
+  return FXFile::zrlstat(strPath, st) != 0 || !S_ISDIR(st.st_mode);
+}
+
 bool HasWildcard(const std::string& strPath) {
   return strPath.find_first_of("*?[") != std::string::npos;
 }
@@ -272,6 +280,12 @@ CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
     if (ZRLOG_ON(5)) ZRLOG(5, "Content = %s is a directory", Esc(strPath).c_str());
     if (!IsAutoExpandDir()) return CQiError();
     error = traversal.Traverse();
+    if (error.IsError() && HasVanished(strPath, error)) {
+      // Gone (or replaced) since it was described: skipped like a path that does not exist.
+      // The traversal has recorded the failure of its listing already.
+      ZRLOG(0, "Path does not exist, NOT adding content [%s]", Esc(strPath).c_str());
+      return CQiError();
+    }
   } else {
     error = ScanQueryCallback(pItem);
   }

@@ -11,7 +11,8 @@
 //     with a trailing delimiter) for the volume of the first path, and closed and reopened
 //     whenever a path lies on another volume; the last one is closed at the end of the unit.
 //   - A path that does not exist (or cannot be described) is written to the scan-failure
-//     consumer and the next line follows; the line "/" and empty lines are never scanned.
+//     consumer and the next line follows; so is a folder that vanishes (or stops being a
+//     folder) before its listing starts. The line "/" and empty lines are never scanned.
 //   - Black-list content (SetBlackListScanContent) is left out of every path it applies to:
 //     entries at, above or below the path (entries with wildcards always apply).
 // Unreadable content files are skipped; a failed volume lookup, output-handler switch or

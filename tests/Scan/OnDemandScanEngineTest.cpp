@@ -1,15 +1,17 @@
 // The on-demand engine on real temporary trees: content files listing files and folders, the
 // line "/", empty lines, vanished paths, paths on a second volume (/dev/shm), black-list content,
-// nested volumes (a tmpfs mounted inside the tree, when the test may mount), pseudo and stale
-// mounts below a listed folder (a recorded mount table), and a listed folder giving the same
-// items as the FindFirst engine.
+// folders that vanish before their listing, nested volumes (a tmpfs mounted inside the tree,
+// when the test may mount), pseudo and stale mounts below a listed folder (a recorded mount
+// table), and a listed folder giving the same items as the FindFirst engine.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -354,6 +356,112 @@ TEST_P(OnDemandUnitFails, EndsTheUnitAndClosesTheHandler) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Units, OnDemandUnitFails, ::testing::ValuesIn(kFailCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- a listed folder that changes between its check and its listing ----
+
+// Runs a step at the first abort check after it is armed. With a file listed before the folder,
+// arming it when the file's item arrives makes the step run where the traversal of the folder
+// asks, after the engine has checked and described the folder and before it is listed.
+class CHookCallback : public CNamingCallback {
+ public:
+  bool IsAborted() const override {
+    std::function<void()> fnStep;
+    fnStep.swap(m_fnAtNextAbortCheck);
+    if (fnStep) fnStep();
+    return CNamingCallback::IsAborted();
+  }
+  mutable std::function<void()> m_fnAtNextAbortCheck;
+};
+
+enum class EFolderChange { Removed, ReplacedByFile, ItemsRefused };
+
+struct SChangeCase {
+  const char* szName;
+  EFolderChange eChange;
+  const char* szDisposition;
+  std::vector<std::string> lstReported;  // "%R" the tree
+  std::vector<std::string> lstFailureLines;
+  size_t nMissingLines;  // "Path does not exist, NOT adding content [%R/dir]"
+};
+
+const SChangeCase kChangeCases[] = {
+    // Gone: recorded once, like a path that does not exist, and the next line follows.
+    {"Removed",
+     EFolderChange::Removed,
+     "Processed(OD)",
+     {"%R/a.txt", "%R/z.txt"},
+     {"folder %R/dir:2"},
+     1},
+    {"ReplacedByFile",
+     EFolderChange::ReplacedByFile,
+     "Processed(OD)",
+     {"%R/a.txt", "%R/z.txt"},
+     {"file %R/dir:20"},
+     1},
+    // Any other failure of the traversal still ends the unit.
+    {"ItemsRefused",
+     EFolderChange::ItemsRefused,
+     "Failed(OD=5)",
+     {"%R/a.txt", "%R/dir/b.txt"},
+     {},
+     0},
+};
+
+class OnDemandFolderChanges : public ::testing::TestWithParam<SChangeCase> {};
+
+TEST_P(OnDemandFolderChanges, BeforeItsListing) {
+  const SChangeCase& row = GetParam();
+  CLogCapture log;
+  CTempTree tree, out;
+  const std::string strFolder = tree.Path("dir");
+  tree.MakeFile("dir/b.txt");
+  auto pCallback = std::make_shared<CHookCallback>();
+  pCallback->UseFailuresFile(out.Path("failures"));
+  std::function<void()> fnChange = [&] {
+    switch (row.eChange) {
+      case EFolderChange::Removed:
+        std::filesystem::remove_all(strFolder);
+        break;
+      case EFolderChange::ReplacedByFile:
+        std::filesystem::remove_all(strFolder);
+        tree.MakeFile("dir");
+        break;
+      case EFolderChange::ItemsRefused:
+        pCallback->m_pHandler->m_uFailCode = 5;
+        break;
+    }
+  };
+  pCallback->m_pHandler->m_fnOnItem = [&](size_t nCount) {
+    if (nCount == 1) pCallback->m_fnAtNextAbortCheck = fnChange;
+  };
+  COnDemandScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  const std::string strContent = WriteContentFile(
+      out.Path("content"), {tree.MakeFile("a.txt"), strFolder, tree.MakeFile("z.txt")});
+  CWorkUnitPtr pUnit;
+
+  (void)engine.ProcessVolumeWorkUnit(MakeVolume({strContent}, pUnit));
+
+  auto expand = [&](std::string strText) {
+    for (size_t pos; (pos = strText.find("%R")) != std::string::npos;)
+      strText.replace(pos, 2, tree.Root());
+    return strText;
+  };
+  std::vector<std::string> lstExpected;
+  for (const std::string& strPath : row.lstReported) lstExpected.push_back(expand(strPath));
+  std::vector<std::string> lstFailures;
+  for (const std::string& strLine : row.lstFailureLines) lstFailures.push_back(expand(strLine));
+  EXPECT_EQ(pUnit->DispositionAsString(), row.szDisposition);
+  EXPECT_EQ(pCallback->m_pHandler->Paths(), lstExpected);
+  EXPECT_EQ(pCallback->FailureLines(), lstFailures);
+  EXPECT_EQ(log->Count("Path does not exist, NOT adding content [" + strFolder + "]", 0),
+            row.nMissingLines);
+  EXPECT_EQ(pCallback->m_pHandler->m_iCompleted.load(), 1);
+  EXPECT_FALSE(engine.GetOutputHandler());
+}
+
+INSTANTIATE_TEST_SUITE_P(Folders, OnDemandFolderChanges, ::testing::ValuesIn(kChangeCases),
                          [](const auto& info) { return std::string(info.param.szName); });
 
 // ---- a listed folder gives what the FindFirst engine gives ----
