@@ -154,8 +154,11 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
     return CQiError();
   }
 
+  // A symbolic link is an entry of its folder: it belongs to the folder's volume, wherever it
+  // points (and whether or not its target can be reached at all).
+  const std::string strVolumeOf = S_ISLNK(st.st_mode) ? FXPath::GetParent(strPath) : strPath;
   std::string strVolume;
-  QI_RETURN_IF_ERROR(FXPathVolume::ZRGetVolumeNameForVolumeMountPoint(strPath, strVolume),
+  QI_RETURN_IF_ERROR(FXPathVolume::ZRGetVolumeNameForVolumeMountPoint(strVolumeOf, strVolume),
                      "Volume lookup failed for [%s]", Esc(strPath).c_str());
   strVolume = FXPath::AddTrailingDelimiter(strVolume);
   if (ZRLOG_ON(5))

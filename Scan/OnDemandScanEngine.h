@@ -7,6 +7,7 @@
 //     it that get no part (pseudo file systems such as proc or sysfs, stale mounts) are left
 //     out of every traversal altogether. With "OnDemand::AutoExpandDirs" false a folder is
 //     neither traversed nor reported.
+//   - A symbolic link is reported as the link, on the volume of the folder that holds it.
 //   - The output handler follows the volumes: it is opened (named by the volume's mount point
 //     with a trailing delimiter) for the volume of the first path, and closed and reopened
 //     whenever a path lies on another volume; the last one is closed at the end of the unit.

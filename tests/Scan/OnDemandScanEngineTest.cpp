@@ -1,10 +1,12 @@
-// The on-demand engine on real temporary trees: content files listing files and folders, the
-// line "/", empty lines, vanished paths, paths on a second volume (/dev/shm), black-list content,
-// folders that vanish before their listing, nested volumes (a tmpfs mounted inside the tree,
-// when the test may mount), pseudo and stale mounts below a listed folder (a recorded mount
-// table), and a listed folder giving the same items as the FindFirst engine.
+// The on-demand engine on real temporary trees: content files listing files, folders and
+// symbolic links, the line "/", empty lines, vanished paths, paths on a second volume
+// (/dev/shm), black-list content, folders that vanish before their listing, nested volumes (a
+// tmpfs mounted inside the tree, when the test may mount), pseudo and stale mounts below a
+// listed folder (a recorded mount table), and a listed folder giving the same items as the
+// FindFirst engine.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -191,6 +193,28 @@ const SContentCase kContentCases[] = {
      {"/", "/dev/shm/", "/"},
      nullptr,
      2},
+    // Links are entries of their folders: a link to the other volume, a link to itself and a
+    // link whose target the volume lookup cannot resolve all stay with the root volume.
+    {"ListedLinksBelongToTheirFolder",
+     {"%R/a.txt", "%R/shmlink", "%R/loop", "%R/dir/b.txt"},
+     -1,
+     false,
+     {},
+     {"%R/a.txt", "%R/shmlink", "%R/loop", "%R/dir/b.txt"},
+     {},
+     {"/"},
+     nullptr,
+     0},
+    {"LinkOnOtherVolumeSwitchesHandler",
+     {"%R/a.txt", "%S/rootlink"},
+     -1,
+     false,
+     {},
+     {"%R/a.txt", "%S/rootlink"},
+     {},
+     {"/", "/dev/shm/"},
+     nullptr,
+     1},
     {"BlackListContentIsLeftOut",
      {"%R/dir", "%R/a.txt", "%R/other/e.txt"},
      -1,
@@ -218,6 +242,9 @@ TEST_P(OnDemandContent, ReportsExactlyTheListedPaths) {
   tree.MakeFile("bad\xff\xfe");
   pShm->MakeFile("s.txt");
   pShm->MakeFile("sdir/t.txt");
+  tree.MakeSymlink("shmlink", pShm->Path("sdir"));
+  tree.MakeSymlink("loop", tree.Path("loop"));
+  pShm->MakeSymlink("rootlink", tree.Path("dir"));
   auto expand = [&](std::string strText) {
     for (const auto& [szToken, strValue] : {std::pair<const char*, std::string>{"%R", tree.Root()},
                                             {"%S", pShm->Root()},
@@ -357,6 +384,36 @@ TEST_P(OnDemandUnitFails, EndsTheUnitAndClosesTheHandler) {
 
 INSTANTIATE_TEST_SUITE_P(Units, OnDemandUnitFails, ::testing::ValuesIn(kFailCases),
                          [](const auto& info) { return std::string(info.param.szName); });
+
+// A listed link whose target lies in a folder the scan may not search is still an entry of its
+// own folder: the volume lookup must not depend on reaching the target.
+TEST(OnDemandLink, TargetBeyondReachStaysWithItsFolder) {
+  CTempTree tree, out;
+  tree.MakeFile("closed/target/f.txt");
+  chmod(tree.Path("closed").c_str(), 0700);
+  struct SArgs {
+    std::string strLink, strFile, strContent;
+  } args{tree.MakeSymlink("tolocked", tree.Path("closed/target")), tree.MakeFile("a.txt"), ""};
+  args.strContent = WriteContentFile(out.Path("content"), {args.strLink, args.strFile});
+
+  const int iStatus = RunAsNobody(
+      [](void* pArgs) -> int {
+        const SArgs& a = *static_cast<SArgs*>(pArgs);
+        auto pCallback = std::make_shared<CNamingCallback>();
+        COnDemandScanEngine engine;
+        (void)engine.SetScannerCallback(pCallback);
+        CWorkUnitPtr pUnit;
+        if (engine.ProcessVolumeWorkUnit(MakeVolume({a.strContent}, pUnit)).IsError()) return 1;
+        if (pUnit->DispositionAsString() != "Processed(OD)") return 2;
+        if (pCallback->m_pHandler->Paths() != std::vector<std::string>{a.strLink, a.strFile})
+          return 3;
+        if (pCallback->m_vHandlerNames != std::vector<std::string>{"/"}) return 4;
+        return 0;
+      },
+      &args);
+
+  EXPECT_EQ(iStatus, 0);
+}
 
 // ---- a listed folder that changes between its check and its listing ----
 
