@@ -99,7 +99,10 @@ CQiError COnDemandScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
   for (const CScanPathPtr& pScanPath : pWorkUnit->GetScanPaths()) {
     const std::string& strContentFile = pScanPath->GetLocalScanPath();
     FXFile::FILEPtr pFile;
-    if (FXFile::zrfopen(strContentFile, "r", pFile).IsError()) {
+    // A folder opens for reading, but every read of it fails (EISDIR): it is no content file.
+    struct stat stFile {};
+    if (FXFile::zrfopen(strContentFile, "r", pFile).IsError() ||
+        (fstat(fileno(pFile.get()), &stFile) == 0 && S_ISDIR(stFile.st_mode))) {
       ZRLOG(0, "Unable open content file (%s), not processing it.", Esc(strContentFile).c_str());
       continue;
     }

@@ -16,8 +16,9 @@
 //     folder) before its listing starts. The line "/" and empty lines are never scanned.
 //   - Black-list content (SetBlackListScanContent) is left out of every path it applies to:
 //     entries at, above or below the path (entries with wildcards always apply).
-// Unreadable content files are skipped; a failed volume lookup, output-handler switch or
-// traversal ends the work unit. Disposition tag "OD".
+// Content files that cannot be opened, and folders named as content files, are skipped; a
+// failed volume lookup, output-handler switch or traversal ends the work unit. Disposition tag
+// "OD".
 //
 // Ownership: as CScanEngine; the traversals are local to each path. Threads: one scanner thread
 // drives the engine; traversals run on that thread (one worker), so no lock is taken here.

@@ -1,9 +1,9 @@
 // The on-demand engine on real temporary trees: content files listing files, folders and
-// symbolic links, the line "/", empty lines, vanished paths, paths on a second volume
-// (/dev/shm), black-list content, folders that vanish before their listing, nested volumes (a
-// tmpfs mounted inside the tree, when the test may mount), pseudo and stale mounts below a
-// listed folder (a recorded mount table), and a listed folder giving the same items as the
-// FindFirst engine.
+// symbolic links, the line "/", empty lines, vanished paths, folders named as content files,
+// paths on a second volume (/dev/shm), black-list content, folders that vanish before their
+// listing, nested volumes (a tmpfs mounted inside the tree, when the test may mount), pseudo and
+// stale mounts below a listed folder (a recorded mount table), and a listed folder giving the
+// same items as the FindFirst engine.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -83,7 +83,7 @@ struct SContentCase {
   const char* szName;
   std::vector<std::string> lstLines;  // "%R" the tree, "%S" the /dev/shm tree
   int iAutoExpand;                    // -1 unset, else the value of "OnDemand::AutoExpandDirs"
-  bool bMissingContentFileFirst;      // a content file that does not exist comes first
+  const char* szContentFileFirst;     // a content file that comes first ("%O/none"), or null
   std::vector<std::string> lstBlackList;
   std::vector<std::string> lstReported;
   std::vector<std::string> lstFailureLines;
@@ -96,7 +96,7 @@ const SContentCase kContentCases[] = {
     {"ListedFilesAreReported",
      {"%R/a.txt", "%R/dir/b.txt"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt", "%R/dir/b.txt"},
      {},
@@ -106,7 +106,7 @@ const SContentCase kContentCases[] = {
     {"ListedFolderIsExpanded",
      {"%R/dir"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt", "%R/dir/skip", "%R/dir/skip/d.txt"},
      {},
@@ -116,7 +116,7 @@ const SContentCase kContentCases[] = {
     {"ListedFolderNotExpanded",
      {"%R/dir", "%R/a.txt"},
      0,
-     false,
+     nullptr,
      {},
      {"%R/a.txt"},
      {},
@@ -126,7 +126,7 @@ const SContentCase kContentCases[] = {
     {"RootLineIsNeverScanned",
      {"/"},
      -1,
-     false,
+     nullptr,
      {},
      {},
      {},
@@ -136,7 +136,7 @@ const SContentCase kContentCases[] = {
     {"EmptyLinesAreSkipped",
      {"", "%R/a.txt", ""},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt"},
      {},
@@ -146,7 +146,7 @@ const SContentCase kContentCases[] = {
     {"MissingContentFileIsSkipped",
      {"%R/a.txt"},
      -1,
-     true,
+     "%O/none",
      {},
      {"%R/a.txt"},
      {},
@@ -156,7 +156,7 @@ const SContentCase kContentCases[] = {
     {"VanishedPathIsRecorded",
      {"%R/gone", "%R/dir/gone/x", "%R/a.txt"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt"},
      {"folder %R/gone:2", "folder %R/dir/gone/x:2"},
@@ -166,7 +166,7 @@ const SContentCase kContentCases[] = {
     {"RelativePathIsRecorded",
      {"a.txt", "%R/a.txt"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt"},
      {"folder a.txt:87"},
@@ -176,7 +176,7 @@ const SContentCase kContentCases[] = {
     {"NonUtf8NameIsReported",
      {"%R/bad\xff\xfe"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/bad\xff\xfe"},
      {},
@@ -186,19 +186,29 @@ const SContentCase kContentCases[] = {
     {"OtherVolumeSwitchesHandler",
      {"%R/a.txt", "%S/s.txt", "%S/sdir", "%R/dir/b.txt", "%R/dir/sub/c.txt"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt", "%S/s.txt", "%S/sdir/t.txt", "%R/dir/b.txt", "%R/dir/sub/c.txt"},
      {},
      {"/", "/dev/shm/", "/"},
      nullptr,
      2},
-    // Links are entries of their folders: a link to the other volume, a link to itself and a
-    // link whose target the volume lookup cannot resolve all stay with the root volume.
+    {"FolderAsContentFileIsSkipped",
+     {"%R/a.txt"},
+     -1,
+     "%R/dir",
+     {},
+     {"%R/a.txt"},
+     {},
+     {"/"},
+     "Unable open content file (%R/dir), not processing it.",
+     0},
+    // Links are entries of their folders: a link to the other volume and a link to itself
+    // (whose real path cannot be resolved) both stay with the root volume.
     {"ListedLinksBelongToTheirFolder",
      {"%R/a.txt", "%R/shmlink", "%R/loop", "%R/dir/b.txt"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt", "%R/shmlink", "%R/loop", "%R/dir/b.txt"},
      {},
@@ -208,7 +218,7 @@ const SContentCase kContentCases[] = {
     {"LinkOnOtherVolumeSwitchesHandler",
      {"%R/a.txt", "%S/rootlink"},
      -1,
-     false,
+     nullptr,
      {},
      {"%R/a.txt", "%S/rootlink"},
      {},
@@ -218,7 +228,7 @@ const SContentCase kContentCases[] = {
     {"BlackListContentIsLeftOut",
      {"%R/dir", "%R/a.txt", "%R/other/e.txt"},
      -1,
-     false,
+     nullptr,
      {"%R/dir/skip", "%R/a.txt", "%R/other"},
      {"%R/dir/b.txt", "%R/dir/sub", "%R/dir/sub/c.txt"},
      {},
@@ -267,7 +277,7 @@ TEST_P(OnDemandContent, ReportsExactlyTheListedPaths) {
   (void)engine.SetScannerCallback(pCallback);
   engine.SetBlackListScanContent(expandAll(row.lstBlackList));
   std::vector<std::string> lstContentFiles;
-  if (row.bMissingContentFileFirst) lstContentFiles.push_back(out.Path("none"));
+  if (row.szContentFileFirst != nullptr) lstContentFiles.push_back(expand(row.szContentFileFirst));
   lstContentFiles.push_back(WriteContentFile(out.Path("content"), expandAll(row.lstLines)));
   CWorkUnitPtr pUnit;
 
