@@ -45,6 +45,10 @@ void CTraverseFolder2::SetMaxWorkers(int iMaxWorkers) { m_pPrivate->m_iMaxWorker
 void CTraverseFolder2::SetProcessTopLevelContentItem(bool bProcess) {
   m_pPrivate->m_bProcessTopLevelContentItem = bProcess;
 }
+void CTraverseFolder2::UseOutputHandler(const COutputHandlerPtr& pHandler) {
+  m_pPrivate->SetOutputHandler(pHandler);
+  m_bOutputHandlerGiven = true;
+}
 void CTraverseFolder2::SetWorker(const CTraverseFolderWorker2Ptr& pWorker) {
   m_pPrivate->SetPrototypeWorker(pWorker);
 }
@@ -107,51 +111,40 @@ void CTraverseFolder2::StopWorkers(bool bWait) {
   lstWorkers.clear();
 }
 
-CQiError CTraverseFolder2::OpenOutputHandler() {
-  const CScannerCallbackPtr& pCallback = m_pPrivate->GetScannerCallback();
-  if (!pCallback) return CQiError();
-  const std::string strVolume =
-      m_pPrivate->GetWorkUnit() ? m_pPrivate->GetWorkUnit()->GetSourceVolumeName() : std::string();
-  COutputHandlerPtr pHandler;
-  QI_RETURN_IF_ERROR(pCallback->GetOutputHandler(strVolume, pHandler),
-                     "GetOutputHandler failed, Volume=[%s]", Esc(strVolume).c_str());
-  if (!pHandler) {
-    // The traversal still runs; its items are dropped.
-    ZRLOG(0, "Output handler is unconfigured");
-    return CQiError();
-  }
-  m_pPrivate->SetOutputHandler(pHandler);
-  QI_RETURN_IF_ERROR(pHandler->Initialize(), "Output handler Initialize failed");
-  return CQiError();
-}
-
-CQiError CTraverseFolder2::CloseOutputHandler() {
-  COutputHandlerPtr pHandler = m_pPrivate->GetOutputHandler();
-  if (!pHandler) return CQiError();
-  m_pPrivate->SetOutputHandler(nullptr);
-  QI_RETURN_IF_ERROR(pHandler->Complete(), "Output handler Complete failed");
-  return CQiError();
-}
-
 CQiError CTraverseFolder2::Traverse() {
   ZRDEBUG_FUNCTION(2);
-  QI_RETURN_IF_ERROR(OpenOutputHandler());
-  CQiError error = CreateWorkerThreads();
-  if (error.IsError()) {
-    StopWorkers(true);
-    QI_PUSH(error);
-  } else {
-    error = WaitForWorkers();
+  CVolumeOutputHandler ownOutput;
+  if (!m_bOutputHandlerGiven) {
+    const CWorkUnitPtr& pUnit = m_pPrivate->GetWorkUnit();
+    QI_RETURN_IF_ERROR(ownOutput.Open(m_pPrivate->GetScannerCallback(),
+                                      pUnit ? pUnit->GetSourceVolumeName() : std::string()));
+    m_pPrivate->SetOutputHandler(ownOutput.Get());
   }
+  CQiError error = RunWorkers();
   // The workers are stopped: nothing delivers any more, and no folder stays open.
   m_pPrivate->GetListingFolderCache()->CloseAll();
-  CQiError closeError = CloseOutputHandler();
+  if (m_bOutputHandlerGiven) {
+    if (error.IsError()) return QI_PUSH(error);
+    return CQiError();
+  }
+  m_pPrivate->SetOutputHandler(nullptr);
+  CQiError closeError = ownOutput.Close();
   if (error.IsError()) {
     if (closeError.IsError())
       ZRLOG(-1, "CloseOutputHandler failed, error=%s", closeError.AsString().c_str());
-    return error;
+    return QI_PUSH(error);
   }
   QI_RETURN_IF_ERROR(closeError);
+  return CQiError();
+}
+
+CQiError CTraverseFolder2::RunWorkers() {
+  CQiError error = CreateWorkerThreads();
+  if (error.IsError()) {
+    StopWorkers(true);
+    return QI_PUSH(error);
+  }
+  QI_RETURN_IF_ERROR(WaitForWorkers());
   return CQiError();
 }
 

@@ -2,14 +2,20 @@
 // Traverse scan engine (CTraverseScanEngine) drives.
 //
 // Use: build it from the work unit and the scanner callback, queue the content roots
-// (AddFolderToList), set the configuration, then Traverse(). Traverse opens the callback's output
-// handler for the work unit's source volume, starts the workers (CTraverseFolderWorker2, always
-// at least one: the coordinator never lists folders itself) and waits until
+// (AddFolderToList), set the configuration, then Traverse(). Traverse starts the workers
+// (CTraverseFolderWorker2, always at least one: the coordinator never lists folders itself) and
+// waits until
 //   - a worker raised a scan failure: the traversal ends with that failure ("Traverse aborted"),
 //   - the queue is empty and every worker idle: success,
 //   - the abort check or abort event says aborted: Win32 995 "Operation aborted".
 // The workers filter the entries, send selected items to the output handler and write failures
 // to the scan-failure consumer; see CTraverseFolderWorker2.
+//
+// Output handler: used on its own, Traverse opens the callback's handler for the work unit's
+// source volume before the workers start and completes it once they have stopped, however the
+// traversal ends. An owner that covers one volume with several traversals (one per surface of a
+// work unit) opens the handler once itself (CVolumeOutputHandler) and hands it to each traversal
+// with UseOutputHandler; those traversals deliver to it and neither initialize nor complete it.
 //
 // Workers are made by asking a prototype worker (SetWorker; by default a CTraverseFolderWorker2)
 // for new workers of its own kind, so a subclass's prototype yields subclass workers.
@@ -56,6 +62,9 @@ class CTraverseFolder2 {
   void SetAbortEvent(const FXEventPtr& pEvent);
   void SetMaxWorkers(int iMaxWorkers);
   void SetProcessTopLevelContentItem(bool bProcess);
+  // Items go to this handler, already opened by the caller, who also completes it; an empty one
+  // drops them. Without this call Traverse opens and completes the volume's handler itself.
+  void UseOutputHandler(const COutputHandlerPtr& pHandler);
   // The prototype worker; it must be built on this traversal's private state (GetPrivate).
   void SetWorker(const CTraverseFolderWorker2Ptr& pWorker);
   const CTraverseFolderPrivate2Ptr& GetPrivate() const { return m_pPrivate; }
@@ -72,11 +81,13 @@ class CTraverseFolder2 {
  private:
   // Asks every worker to stop, then (with bWait) waits for each and releases them.
   void StopWorkers(bool bWait);
-  CQiError OpenOutputHandler();
-  CQiError CloseOutputHandler();
   CQiError WaitForWorkers();
+  // Starts the workers and waits for them; stops them however it ends.
+  CQiError RunWorkers();
 
   CTraverseFolderPrivate2Ptr m_pPrivate;
+  // The output handler was handed in (UseOutputHandler): the caller opens and completes it.
+  bool m_bOutputHandlerGiven = false;
 };
 
 using CTraverseFolder2Ptr = std::shared_ptr<CTraverseFolder2>;

@@ -14,8 +14,10 @@
 //
 // The configuration (excluded attributes, switches, abort check and event, maximum workers,
 // prototype worker) is set by the owner before Traverse and only read while workers run.
-// The output handler is opened by the coordinator for the work unit's volume before the workers
-// start and shared by them (a handler guards itself against concurrent items).
+// The output handler of the work unit's volume is set before the workers start and shared by
+// them (a handler guards itself against concurrent items). It is opened either by the traversal
+// itself or, when several traversals cover one volume, once by their owner (see
+// CVolumeOutputHandler and CTraverseFolder2::UseOutputHandler).
 //
 // It is itself the abort check of the traversal: aborted when the abort check says so or the
 // abort event is set.
@@ -29,6 +31,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "Platform/FXEvent.h"
@@ -129,3 +132,32 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
 };
 
 using CTraverseFolderPrivate2Ptr = std::shared_ptr<CTraverseFolderPrivate2>;
+
+// CVolumeOutputHandler: the output handler of one volume while it is open. Open asks the scanner
+// callback for the volume's handler and initializes it; Close completes it. Between the two,
+// every item of the volume goes to Get(), whichever traversal finds it, so a handler that starts
+// afresh in Initialize or finalizes the volume in Complete sees the volume whole.
+//
+// Exactly once: a handler whose Initialize succeeded is completed by the first Close (failed or
+// not) and never again; one still open at destruction is completed there, a failure logged. A
+// handler whose Initialize failed was never opened and is not completed. Without a callback, or
+// when the callback has no handler for the volume ("Output handler is unconfigured"), nothing is
+// open, Get() is empty and the items are dropped.
+//
+// Used by one thread (the owner of the traversals); the handler itself is shared with workers.
+class CVolumeOutputHandler {
+ public:
+  CVolumeOutputHandler() = default;
+  ~CVolumeOutputHandler();
+  CVolumeOutputHandler(const CVolumeOutputHandler&) = delete;
+  CVolumeOutputHandler& operator=(const CVolumeOutputHandler&) = delete;
+
+  CQiError Open(const CScannerCallbackPtr& pCallback, const std::string& strVolume);
+  CQiError Close();
+  // The open handler; empty before Open, after Close, or when none is configured.
+  const COutputHandlerPtr& Get() const { return m_pHandler; }
+
+ private:
+  COutputHandlerPtr m_pHandler;
+  std::string m_strVolume;
+};

@@ -59,8 +59,27 @@ CQiError CTraverseScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
   if (m_pScannerCallback && m_pConfigurationBag)
     QI_RETURN_IF_ERROR(m_pScannerCallback->SetScannerConfigurationBag(m_pConfigurationBag));
 
+  // One open handler for the whole work unit, completed whatever happens to its traversals.
+  const std::string& strLocalVolumeName = pWorkUnit->GetLocalVolumeName();
+  CVolumeOutputHandler output;
+  QI_RETURN_IF_ERROR(output.Open(m_pScannerCallback, pWorkUnit->GetSourceVolumeName()),
+                     "LocalVolumeName=[%s]", Esc(strLocalVolumeName).c_str());
+  CQiError error = TraverseWorkUnit(pWorkUnit, output.Get());
+  CQiError closeError = output.Close();
+  if (error.IsError()) {
+    if (closeError.IsError())
+      ZRLOG(-1, "CloseOutputHandler failed, LocalVolumeName=[%s], error=%s",
+            Esc(strLocalVolumeName).c_str(), closeError.AsString().c_str());
+    return QI_PUSH(error);
+  }
+  QI_RETURN_IF_ERROR(closeError, "LocalVolumeName=[%s]", Esc(strLocalVolumeName).c_str());
+  return CQiError();
+}
+
+CQiError CTraverseScanEngine::TraverseWorkUnit(const CWorkUnitPtr& pWorkUnit,
+                                               const COutputHandlerPtr& pHandler) {
   if (pWorkUnit->ContainsVolumeWildcardScanPaths()) {
-    QI_RETURN_IF_ERROR(TraverseContent(pWorkUnit, pWorkUnit->GetLocalVolumeName(),
+    QI_RETURN_IF_ERROR(TraverseContent(pWorkUnit, pHandler, pWorkUnit->GetLocalVolumeName(),
                                        pWorkUnit->GetSourceVolumeName()),
                        "Traverse failed, LocalVolumeName=[%s]",
                        Esc(pWorkUnit->GetLocalVolumeName()).c_str());
@@ -77,7 +96,7 @@ CQiError CTraverseScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
     const std::string strSourceSurface = GetSourceSurfacePath(strSurface, strLocalVolume, strSourceVolume);
     ZRLOG(1, "SourceSurface=[%s], LocalSurface=[%s], (%d of %llu)", Esc(strSourceSurface).c_str(),
           Esc(strSurface).c_str(), static_cast<int>(i + 1), ullSurfaces);
-    QI_RETURN_IF_ERROR(TraverseContent(pWorkUnit, strSurface, strSourceSurface),
+    QI_RETURN_IF_ERROR(TraverseContent(pWorkUnit, pHandler, strSurface, strSourceSurface),
                        "Traverse failed, LocalVolumeName=[%s]",
                        Esc(pWorkUnit->GetLocalVolumeName()).c_str());
   }
@@ -85,9 +104,11 @@ CQiError CTraverseScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
 }
 
 CQiError CTraverseScanEngine::TraverseContent(const CWorkUnitPtr& pWorkUnit,
+                                              const COutputHandlerPtr& pHandler,
                                               const std::string& strLocalPath,
                                               const std::string& strSourcePath) {
   CTraverseFolder2 traversal(pWorkUnit, m_pScannerCallback);
+  traversal.UseOutputHandler(pHandler);
   traversal.AddFolderToList(strLocalPath, strSourcePath);
   traversal.SetExcludedAttributes(m_uExcludedAttributes);
   traversal.SetAbortCheck(m_pScannerCallback.get());
