@@ -2,6 +2,8 @@
 // (CTraverseFolder2): the folder to list (input, a local path), the path under which its content
 // is reported (output), the folder's item when it is already known (a folder met in a listing),
 // and, for a reparse-point entry, the end substitute name, attributes and next substitute name.
+// A content root queued before the traversal started is marked top-level when the traversal
+// reports its roots' own items (CTraverseFolder2::SetProcessTopLevelContentItem).
 //
 // A plain copyable value; the queue that holds it (CTraverseFolderPrivate2) guards it.
 #pragma once
@@ -27,6 +29,9 @@ class CFoldersToTraverse2 {
   const std::string& GetNextSubstituteName() const { return m_strNextSubstituteName; }
   unsigned int GetAttributes() const { return m_uAttributes; }
   bool IsReparsePointEntry() const { return m_bReparsePoint; }
+  // A content root whose own item is to be reported before it is listed.
+  bool IsTopLevel() const { return m_bTopLevel; }
+  void SetTopLevel(bool bTopLevel) { m_bTopLevel = bTopLevel; }
 
   // The same entry in the form the folder lister of the first generation takes.
   CScanFoldersToTraverse ToScanFoldersToTraverse() const;
@@ -39,4 +44,5 @@ class CFoldersToTraverse2 {
   std::string m_strNextSubstituteName;
   unsigned int m_uAttributes = 0;
   bool m_bReparsePoint = false;
+  bool m_bTopLevel = false;
 };

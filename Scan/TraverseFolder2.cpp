@@ -120,6 +120,10 @@ CQiError CTraverseFolder2::Traverse() {
                                       pUnit ? pUnit->GetSourceVolumeName() : std::string()));
     m_pPrivate->SetOutputHandler(ownOutput.Get());
   }
+  if (m_pPrivate->m_bProcessTopLevelContentItem) {
+    m_pPrivate->MarkTopLevelEntries();
+    m_pPrivate->m_bProcessTopLevelContentItem = false;
+  }
   CQiError error = RunWorkers();
   // The workers are stopped: nothing delivers any more, and no folder stays open.
   m_pPrivate->GetListingFolderCache()->CloseAll();

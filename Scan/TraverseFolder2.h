@@ -17,6 +17,9 @@
 // work unit) opens the handler once itself (CVolumeOutputHandler) and hands it to each traversal
 // with UseOutputHandler; those traversals deliver to it and neither initialize nor complete it.
 //
+// Top-level processing (SetProcessTopLevelContentItem): the content roots queued when Traverse
+// starts are themselves reported (filtered like any entry of a listing) before their content.
+//
 // Workers are made by asking a prototype worker (SetWorker; by default a CTraverseFolderWorker2)
 // for new workers of its own kind, so a subclass's prototype yields subclass workers.
 //
@@ -61,6 +64,8 @@ class CTraverseFolder2 {
   void SetAbortCheck(CAbortOperationCheck* pAbortCheck);
   void SetAbortEvent(const FXEventPtr& pEvent);
   void SetMaxWorkers(int iMaxWorkers);
+  // With bProcess, the next Traverse reports the content roots queued so far (each root's own
+  // item) before listing them; the switch is cleared by that Traverse.
   void SetProcessTopLevelContentItem(bool bProcess);
   // Items go to this handler, already opened by the caller, who also completes it; an empty one
   // drops them. Without this call Traverse opens and completes the volume's handler itself.

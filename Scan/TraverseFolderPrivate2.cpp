@@ -17,6 +17,13 @@ CTraverseFolderPrivate2::CTraverseFolderPrivate2(CWorkUnitPtr pWorkUnit,
 
 CTraverseFolderPrivate2::~CTraverseFolderPrivate2() = default;
 
+void CTraverseFolderPrivate2::MarkTopLevelEntries() {
+  for (CFoldersToTraverse2& entry : m_queue.TakeAll()) {
+    entry.SetTopLevel(true);
+    m_queue.Add(std::move(entry));
+  }
+}
+
 void CTraverseFolderPrivate2::SetScanFailure(const CQiError& error) {
   {
     FXMutex::CScopedLock lock(m_mutexFailure);

@@ -69,6 +69,9 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
   uint64_t GetFolderCount() const { return m_queue.GetCount(); }
   // Queue empty and no worker holds a folder.
   bool IsDone() const { return m_queue.IsDone(); }
+  // Marks every queued entry as a content root whose own item is reported before its content
+  // (top-level processing); the order of the queue is kept.
+  void MarkTopLevelEntries();
 
   // ---- scan failure ----
   // Records the first failure that must end the scan and wakes the coordinator.

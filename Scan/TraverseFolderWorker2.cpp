@@ -1,7 +1,10 @@
 #include "Scan/TraverseFolderWorker2.h"
 
+#include <optional>
+
 #include "Platform/AutoTimeCounter.h"
 #include "Platform/FXErrorUtil.h"
+#include "Platform/FXPath.h"
 #include "Platform/FXString.h"
 #include "Platform/ListingFolderCache.h"
 #include "Platform/ScanPerformanceCounterSet.h"
@@ -43,8 +46,27 @@ class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
 
   CQiError OnTraverseFolder(CItemPtr pFolder, const std::string& strInput,
                             const std::string& strOutput) override {
+    if (m_bHoldNextFolder) {
+      m_bHoldNextFolder = false;
+      m_heldFolder.emplace(strInput, strOutput, std::move(pFolder));
+      return CQiError();
+    }
     m_shared.GetTraversal()->AddFolderToList(strInput, strOutput, std::move(pFolder));
     return CQiError();
+  }
+
+  // The next folder that would be queued is kept for the caller instead (a content root that
+  // the worker reports and then lists itself).
+  void HoldNextQueuedFolder() {
+    m_bHoldNextFolder = true;
+    m_heldFolder.reset();
+  }
+  // The folder kept since HoldNextQueuedFolder, if any; holding ends.
+  std::optional<CFoldersToTraverse2> TakeHeldFolder() {
+    m_bHoldNextFolder = false;
+    std::optional<CFoldersToTraverse2> held = std::move(m_heldFolder);
+    m_heldFolder.reset();
+    return held;
   }
 
   CQiError OnTraverseReparsePoint(CItemPtr /*pItem*/, const std::string& strInput,
@@ -118,6 +140,8 @@ class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
 
   CTraverseFolderPrivate2& m_shared;
   CWorkerAbortCheck m_abortCheck;
+  bool m_bHoldNextFolder = false;
+  std::optional<CFoldersToTraverse2> m_heldFolder;
 };
 
 CTraverseFolderWorker2::CTraverseFolderWorker2(CTraverseFolderPrivate2Ptr pPrivate, int iIndex)
@@ -198,7 +222,8 @@ CQiError CTraverseFolderWorker2::ProcessPendingFolders() {
       GoIdle();
       return CQiError();
     }
-    error = TraverseFolder(entry, bFirstFolder);
+    error = entry.IsTopLevel() ? ProcessTopLevelEntry(entry, bFirstFolder)
+                               : TraverseFolder(entry, bFirstFolder);
     if (error.IsWin32(QiErrorCode::OperationAborted)) {
       // An abort, or another worker's scan failure: a quiet end either way.
       GoIdle();
@@ -220,5 +245,41 @@ CQiError CTraverseFolderWorker2::TraverseFolder(const CFoldersToTraverse2& entry
   CPathEnumeratorPtr pEnumerator = m_pLister->GetPathEnumerator();
   QI_RETURN_IF_ERROR(
       m_pLister->TraverseFolder(entry.ToScanFoldersToTraverse(), *pEnumerator, bFirstFolder));
+  return CQiError();
+}
+
+CQiError CTraverseFolderWorker2::ProcessTopLevelEntry(const CFoldersToTraverse2& entry,
+                                                      bool bFirstFolder) {
+  if (!m_pLister) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Worker not started");
+  const std::string& strInput = entry.GetInputFolder();
+  const std::string& strOutput = entry.GetOutputFolder();
+  if (ZRLOG_ON(3))
+    ZRLOG(3, "item:%s oFolder:%s", FXString::EscapeControl(strInput).c_str(),
+          FXString::EscapeControl(strOutput).c_str());
+  bool bMissing = true;
+  CItemPtr pItem = entry.GetFolderItem();
+  CQiError error = FXPath::DoesPathExist(strInput, bMissing);
+  if (error.IsSuccess() && !bMissing && !pItem)
+    error = m_pLister->GetPathEnumerator()->GetItemByPath(m_pLister->GetBag(), strInput, strOutput,
+                                                          pItem);
+  if (error.IsError() || bMissing || !pItem) {
+    QI_RETURN_IF_ERROR(TraverseFolder(entry, bFirstFolder));
+    return CQiError();
+  }
+  std::string strParentL, strNameL, strParentS, strNameS;
+  (void)FXPath::SplitParent(strInput, strParentL, strNameL);
+  (void)FXPath::SplitParent(strOutput, strParentS, strNameS);
+  if (ZRLOG_ON(3))
+    ZRLOG(3, "oFile.name=%s oFile.dir=(L:%s S:%s)", FXString::EscapeControl(strNameL).c_str(),
+          FXString::EscapeControl(strParentL).c_str(), FXString::EscapeControl(strParentS).c_str());
+  // A folder root that is to be listed would be queued (OnFolder): it is kept and listed here,
+  // so that it keeps its place as the first folder.
+  m_pLister->HoldNextQueuedFolder();
+  error = m_pLister->ProcessItem(strParentL, strParentS, pItem);
+  std::optional<CFoldersToTraverse2> root = m_pLister->TakeHeldFolder();
+  if (error.IsError())
+    return QI_PUSH(error, "ProcessItem failed, cannot process, InputFolder=%s",
+                   FXString::EscapeControl(strInput).c_str());
+  if (root) QI_RETURN_IF_ERROR(TraverseFolder(*root, bFirstFolder));
   return CQiError();
 }

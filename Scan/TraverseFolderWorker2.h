@@ -10,6 +10,12 @@
 // or described to the scanner callback's scan-failure consumer. Symbolic links are reported, not
 // followed.
 //
+// A top-level entry (a content root of a traversal with top-level processing) is first reported
+// itself, as an entry of its parent's listing would be: filters applied, a folder delivered and
+// then listed at once by the same worker (as the first folder when it is), unless the selection
+// rules out everything below it; a file or link root is delivered once. A root that does not
+// exist or cannot be described is left to its listing, which reports it.
+//
 // Failures: an output handler's refusal (Win32 50) skips the item; any other failure of an item's
 // delivery, of a failure record, or of the first folder ends the scan: the worker calls
 // SetScanFailure on the shared state and stops. An abort (polled between entries and folders)
@@ -64,6 +70,8 @@ class CTraverseFolderWorker2 : public CAlertableEventThread {
  private:
   class CFolderLister;
   void GoIdle();
+  // Reports a top-level entry's own item, then lists it (TraverseFolder) when it is to be listed.
+  CQiError ProcessTopLevelEntry(const CFoldersToTraverse2& entry, bool bFirstFolder);
 
   CTraverseFolderPrivate2Ptr m_pPrivate;
   int m_iIndex;
