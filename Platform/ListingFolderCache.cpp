@@ -4,12 +4,48 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <string>
 #include <string_view>
 
 namespace {
 constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY;
 
 thread_local CListingFolderCache* t_pCache = nullptr;
+
+// Opens a folder by path. A path of PATH_MAX bytes or more is opened piece by piece, each piece
+// shorter than PATH_MAX and relative to the one before it: the kernel refuses such a path whole,
+// and another worker may still be listing the parent, so that no kept descriptor can be used.
+// The lookups are those of the whole path (links in the pieces are followed alike).
+int OpenByPath(const std::string& strFolder) {
+  if (strFolder.size() < PATH_MAX) return openat(AT_FDCWD, strFolder.c_str(), kOpenFlags);
+  int iDirFd = AT_FDCWD;
+  size_t uStart = 0;
+  auto fnCloseDir = [&iDirFd] {
+    if (iDirFd >= 0) {
+      const int iError = errno;
+      close(iDirFd);
+      errno = iError;
+    }
+  };
+  while (strFolder.size() - uStart >= PATH_MAX) {
+    const size_t uSlash = strFolder.rfind('/', uStart + PATH_MAX - 1);
+    if (uSlash == std::string::npos || uSlash <= uStart) {
+      fnCloseDir();
+      errno = ENAMETOOLONG;  // one name longer than any file system allows
+      return -1;
+    }
+    const std::string strPiece = strFolder.substr(uStart, uSlash - uStart);
+    const int iNext = openat(iDirFd, strPiece.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    fnCloseDir();
+    if (iNext < 0) return -1;
+    iDirFd = iNext;
+    uStart = uSlash + 1;
+  }
+  const int iFd = openat(iDirFd, strFolder.c_str() + uStart, kOpenFlags);
+  fnCloseDir();
+  return iFd;
+}
 }  // namespace
 
 CListingFolderCache::~CListingFolderCache() {
@@ -56,7 +92,7 @@ int CListingFolderCache::Open(const std::string& strFolder) {
       return iFd;
     }
   }
-  return openat(AT_FDCWD, strFolder.c_str(), kOpenFlags);
+  return OpenByPath(strFolder);
 }
 
 bool CListingFolderCache::Keep(std::shared_ptr<const std::string> pFolder, int iFd) {

@@ -50,8 +50,9 @@ class CListingFolderCache {
   };
 
   // Opens a folder for listing (O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY) through the calling
-  // thread's cache: relative to a kept descriptor of its parent when there is one, else by path.
-  // open(2)'s result: a descriptor, or -1 with errno set.
+  // thread's cache: relative to a kept descriptor of its parent when there is one, else by path
+  // (a path of PATH_MAX bytes or more piece by piece, so that folders beyond PATH_MAX open
+  // whether or not their parent is kept). open(2)'s result: a descriptor, or -1 with errno set.
   static int Open(const std::string& strFolder);
   // Offers the descriptor of a folder whose listing is done to the calling thread's cache. True
   // when the cache took it (and will close it); false when the thread has no cache.

@@ -3,11 +3,21 @@
 // CloseAll, the end of a scope), and threads without a scope keep nothing.
 #include <gtest/gtest.h>
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
 
 #include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
+#include <memory>
 
 #include "Platform/FXFile.h"
 #include "Platform/ListingFolderCache.h"
@@ -90,6 +100,74 @@ TEST_F(ListingFolderCacheTest, SubFoldersListTheSameThroughTheCacheAndNothingLea
   EXPECT_EQ(pCache->GetKeptCount(), CListingFolderCache::kCapacity);
   pCache->CloseAll();
   EXPECT_EQ(pCache->GetKeptCount(), 0u);
+  EXPECT_EQ(OpenDescriptorCount(), nBefore);
+}
+
+// A folder chain whose paths pass PATH_MAX, each level holding a file and the next level.
+class ListingFolderCacheLongPathTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string strPath = m_tree.MakeDir("long");  // each level: "file" and the next level
+    int fd = open(strPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    for (int i = 0; strPath.size() <= 2 * PATH_MAX; ++i) {
+      const std::string strName = "L" + std::to_string(i) + "_" + std::string(200, 'n');
+      ASSERT_EQ(mkdirat(fd, strName.c_str(), 0755), 0) << strerror(errno);
+      const int fdFile = openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+      ASSERT_GE(fdFile, 0);
+      close(fdFile);
+      const int fdNext = openat(fd, strName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      close(fd);
+      ASSERT_GE(fdNext, 0);
+      fd = fdNext;
+      strPath += "/" + strName;
+      m_lstLevels.push_back(strPath);
+    }
+    const int fdFile = openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    close(fd);
+    ASSERT_GE(fdFile, 0);
+    close(fdFile);
+  }
+  void TearDown() override {
+    // Removal by path stops at PATH_MAX; rm works relative to descriptors.
+    if (fork() == 0) {
+      execl("/bin/rm", "rm", "-rf", "--", m_tree.Path("long").c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    int iStatus = 0;
+    wait(&iStatus);
+  }
+  CTempTree m_tree;
+  std::vector<std::string> m_lstLevels;  // the chain's folders, from the top
+};
+
+// Another worker may still be listing a folder's parent, so that no descriptor of it is kept:
+// a folder beyond PATH_MAX must open by its path all the same, with or without a cache.
+TEST_F(ListingFolderCacheLongPathTest, FoldersBeyondPathMaxOpenWithoutTheirParentKept) {
+  const size_t nBefore = OpenDescriptorCount();
+  auto pCache = std::make_shared<CListingFolderCache>();
+  for (const bool bScope : {false, true}) {
+    std::unique_ptr<CListingFolderCache::CThreadScope> pScope;
+    if (bScope) pScope = std::make_unique<CListingFolderCache::CThreadScope>(pCache);
+    size_t nBeyond = 0;
+    for (size_t i = m_lstLevels.size(); i-- > 0;) {  // deepest first: no parent is ever kept
+      const std::string& strFolder = m_lstLevels[i];
+      nBeyond += strFolder.size() >= PATH_MAX ? 1 : 0;
+      std::set<std::string> setWant{"file"};
+      if (i + 1 < m_lstLevels.size()) setWant.insert(m_lstLevels[i + 1].substr(strFolder.size() + 1));
+      CQiError error;
+      EXPECT_EQ(List(strFolder, error), setWant) << strFolder.size() << " bytes, scope " << bScope;
+      EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+      if (bScope) pCache->CloseAll();
+    }
+    EXPECT_GT(nBeyond, 2u);
+    CQiError error;
+    List(m_lstLevels.back() + "/absent", error);
+    EXPECT_TRUE(error.IsErrNo(ENOENT)) << error.AsString();
+    List(m_lstLevels.back() + "/file", error);
+    EXPECT_TRUE(error.IsErrNo(ENOTDIR)) << error.AsString();
+  }
+  pCache->CloseAll();
   EXPECT_EQ(OpenDescriptorCount(), nBefore);
 }
 
