@@ -8,6 +8,7 @@
 #include "Platform/LogWriterInterface.h"
 #include "Platform/MemoryLineWriter.h"
 #include "Platform/ZRDebugFunction.h"
+#include "Scan/VolumeOutputHandler.h"
 
 namespace {
 std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
