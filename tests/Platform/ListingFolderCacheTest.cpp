@@ -5,7 +5,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -127,15 +126,6 @@ class ListingFolderCacheLongPathTest : public ::testing::Test {
     close(fd);
     ASSERT_GE(fdFile, 0);
     close(fdFile);
-  }
-  void TearDown() override {
-    // Removal by path stops at PATH_MAX; rm works relative to descriptors.
-    if (fork() == 0) {
-      execl("/bin/rm", "rm", "-rf", "--", m_tree.Path("long").c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    int iStatus = 0;
-    wait(&iStatus);
   }
   CTempTree m_tree;
   std::vector<std::string> m_lstLevels;  // the chain's folders, from the top

@@ -74,27 +74,6 @@ inline int MakeDirAt(int dirFd, const std::string& name) {
   return fd;
 }
 
-// Removes name below dirFd with everything under it, relative to descriptors only.
-inline bool RemoveTreeAt(int dirFd, const char* name) {
-  int fd = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return unlinkat(dirFd, name, 0) == 0;
-  DIR* dir = fdopendir(fd);
-  if (dir == nullptr) {
-    close(fd);
-    return false;
-  }
-  std::vector<std::string> names;
-  while (struct dirent* entry = readdir(dir)) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-      names.emplace_back(entry->d_name);
-    }
-  }
-  bool ok = true;
-  for (const std::string& child : names) ok = RemoveTreeAt(dirfd(dir), child.c_str()) && ok;
-  closedir(dir);
-  return unlinkat(dirFd, name, AT_REMOVEDIR) == 0 && ok;
-}
-
 inline size_t CountOpenFds() {
   size_t count = 0;
   DIR* dir = opendir("/proc/self/fd");
@@ -158,26 +137,6 @@ class CDeepTree {
     m_idSubway = IdOfFd(subway);
     close(subway);
     close(fd);
-  }
-
-  ~CDeepTree() {
-    // CTempTree removes by full paths, which fail beyond PATH_MAX: empty the root here,
-    // relative to descriptors, and leave CTempTree the root itself.
-    int fd = open(m_tree.Root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    DIR* dir = fdopendir(fd);
-    if (dir == nullptr) {
-      close(fd);
-      return;
-    }
-    std::vector<std::string> names;
-    while (struct dirent* entry = readdir(dir)) {
-      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-        names.emplace_back(entry->d_name);
-      }
-    }
-    for (const std::string& name : names) RemoveTreeAt(dirfd(dir), name.c_str());
-    closedir(dir);
   }
 
   const CTempTree& Tree() const { return m_tree; }

@@ -1,5 +1,6 @@
 #include "Support/TempTree.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
@@ -9,14 +10,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 int OpenUp(const char* path, const struct stat*, int type, struct FTW*) {
   if (type == FTW_D || type == FTW_DNR) chmod(path, 0700);
-  return 0;
-}
-int RemoveOne(const char* path, const struct stat*, int, struct FTW*) {
-  remove(path);
   return 0;
 }
 void MakeParents(const std::string& path) {
@@ -36,9 +34,35 @@ CTempTree::CTempTree() {
 }
 
 CTempTree::~CTempTree() {
-  // Open every folder first (pre-order walk), then remove depth-first.
+  // Open up every folder that a path reaches, then remove everything relative to descriptors
+  // (trees deeper than PATH_MAX included).
   nftw(m_strRoot.c_str(), OpenUp, 32, FTW_PHYS);
-  nftw(m_strRoot.c_str(), RemoveOne, 32, FTW_PHYS | FTW_DEPTH);
+  RemoveTreeAt(AT_FDCWD, m_strRoot.c_str());
+}
+
+bool RemoveTreeAt(int iDirFd, const char* szName) {
+  const int fd = openat(iDirFd, szName, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return unlinkat(iDirFd, szName, 0) == 0;
+  DIR* pDir = fdopendir(fd);
+  if (pDir == nullptr) {
+    close(fd);
+    return false;
+  }
+  std::vector<std::string> lstNames;
+  while (struct dirent* pEntry = readdir(pDir))
+    if (strcmp(pEntry->d_name, ".") != 0 && strcmp(pEntry->d_name, "..") != 0) lstNames.emplace_back(pEntry->d_name);
+  bool bRemoved = true;
+  for (const std::string& strName : lstNames) {
+    // A folder made unreadable beyond the reach of a path is opened up here (links are never
+    // followed: their targets may lie outside the tree).
+    struct stat st {};
+    if (fstatat(dirfd(pDir), strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode) &&
+        (st.st_mode & 0700) != 0700)
+      fchmodat(dirfd(pDir), strName.c_str(), 0700, 0);
+    bRemoved = RemoveTreeAt(dirfd(pDir), strName.c_str()) && bRemoved;
+  }
+  closedir(pDir);
+  return unlinkat(iDirFd, szName, AT_REMOVEDIR) == 0 && bRemoved;
 }
 
 std::string CTempTree::Path(const std::string& relative) const {

@@ -1,5 +1,6 @@
 // CTempTree: a temporary folder tree for tests, removed with everything below it at destruction
-// (folders made unreadable are opened up first). Paths are byte strings.
+// (folders made unreadable are opened up first; trees deeper than PATH_MAX go too). Paths are
+// byte strings.
 #pragma once
 
 #include <string>
@@ -24,6 +25,10 @@ class CTempTree {
  private:
   std::string m_strRoot;
 };
+
+// Removes the object szName below the folder iDirFd (AT_FDCWD: a path) with everything below it,
+// relative to descriptors, so that trees deeper than PATH_MAX can go too. True when all went.
+bool RemoveTreeAt(int iDirFd, const char* szName);
 
 // Runs `body` in a child process that has dropped to the unprivileged user nobody, and returns
 // its exit status (or 128 + signal). Lets root-run tests see real permission failures.

@@ -141,15 +141,6 @@ class FsscanFixture : public ::testing::Test {
     MakeLongChain();
   }
 
-  void TearDown() override {
-    // nftw cannot remove a tree deeper than PATH_MAX; rm works relative to descriptors.
-    if (fork() == 0) {
-      execl("/bin/rm", "rm", "-rf", "--", m_tree.Path("long").c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    int iStatus = 0;
-    wait(&iStatus);
-  }
 
   void MakeLongChain() {
     int fd = open(m_tree.MakeDir("long").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
