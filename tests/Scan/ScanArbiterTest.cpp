@@ -4,9 +4,10 @@
 // the scan with their events), "NC" units, and the fatal empty engine list.
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -435,6 +436,11 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ScanArbiterTest, EmptyEngineListStopsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   AddMedia(1, 1);
+  // The child runs the test again from the start and dies with its own tree in place: that tree
+  // is made inside this one, which goes at the end of the test.
+  const char* szTmpDir = getenv("TMPDIR");
+  const std::string strSavedTmpDir = szTmpDir ? szTmpDir : "";
+  setenv("TMPDIR", m_tree.MakeDir("death").c_str(), 1);
   EXPECT_DEATH(
       {
         CLogWriterInterface::SetProcessLogWriter(std::make_shared<CFileLogWriter>(-1));
@@ -442,6 +448,7 @@ TEST_F(ScanArbiterTest, EmptyEngineListStopsTheProcess) {
         (void)arbiter.Run(m_manager);
       },
       "No scan engine is configured, stopping the process");
+  if (szTmpDir) setenv("TMPDIR", strSavedTmpDir.c_str(), 1); else unsetenv("TMPDIR");
 }
 
 }  // namespace
