@@ -31,7 +31,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "Platform/FXEvent.h"
@@ -41,9 +40,9 @@
 #include "Scan/AbortOperationCheck.h"
 #include "Scan/FolderQueueT.h"
 #include "Scan/FoldersToTraverse2.h"
-#include "Scan/VolumeOutputHandler.h"
 #include "Scan/OutputHandler.h"
 #include "Scan/ScannerCallback.h"
+#include "Scan/VolumeOutputHandler.h"
 #include "Scan/WorkUnit.h"
 
 class CTraverseFolder2;
