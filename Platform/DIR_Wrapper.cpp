@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 #include "Platform/FileData.h"
@@ -37,32 +38,55 @@ const std::string& DIR_Wrapper::GetFolder() const {
   return m_pFolder ? *m_pFolder : EmptyString();
 }
 
-CQiError DIR_Wrapper::Open(const std::string& folder) {
-  QI_RETURN_IF_ERROR(OpenFd(AT_FDCWD, folder, folder));
+CQiError DIR_Wrapper::Open(const std::string& folder, const struct stat* pExpected) {
+  QI_RETURN_IF_ERROR(OpenFd(AT_FDCWD, folder, folder, pExpected));
   return CQiError();
 }
 
-CQiError DIR_Wrapper::OpenAt(int iDirFd, const std::string& name, const std::string& folderPath) {
+CQiError DIR_Wrapper::OpenAt(int iDirFd, const std::string& name, const std::string& folderPath,
+                             const struct stat* pExpected) {
   if (iDirFd < 0)
     return QI_ERROR_ERRNO(EBADF, "Failed to open folder for listing: no parent folder open, Path=%s",
                           Printable(folderPath).c_str());
-  QI_RETURN_IF_ERROR(OpenFd(iDirFd, name, folderPath));
+  QI_RETURN_IF_ERROR(OpenFd(iDirFd, name, folderPath, pExpected));
   return CQiError();
 }
 
-CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::string& folderPath) {
+CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::string& folderPath,
+                             const struct stat* pExpected) {
   Close();
   if (name.empty())
     return QI_ERROR_ERRNO(ENOENT, "Failed to open folder for listing: empty path");
   if (name.find('\0') != std::string::npos)
     return QI_ERROR_ERRNO(EINVAL, "Failed to open folder for listing: path holds a NUL byte, Path=%s",
                           Printable(folderPath).c_str());
-  int fd = iDirFd == AT_FDCWD ? CListingFolderCache::Open(name)
-                              : openat(iDirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY);
+  int fd;
+  if (iDirFd == AT_FDCWD) {
+    fd = CListingFolderCache::Open(name);
+  } else {
+    CBlockingCallWatch::CCall call;
+    fd = openat(iDirFd, name.c_str(), CListingFolderCache::kOpenFlags);
+  }
   if (fd < 0) {
     int err = errno;
     return QI_ERROR_ERRNO(err, "Failed to open folder for listing, Path=%s",
                           Printable(folderPath).c_str());
+  }
+  if (pExpected != nullptr) {
+    struct stat opened;
+    int iStat;
+    {
+      CBlockingCallWatch::CCall call;
+      iStat = fstat(fd, &opened);
+    }
+    if (iStat != 0 || opened.st_dev != pExpected->st_dev || opened.st_ino != pExpected->st_ino) {
+      const int err = iStat != 0 ? errno : ESTALE;
+      close(fd);
+      return QI_ERROR_ERRNO(err,
+                            "Folder was replaced between its listing and its opening, not "
+                            "traversed, Path=%s",
+                            Printable(folderPath).c_str());
+    }
   }
   if (!m_pBuffer) m_pBuffer = std::move(t_pSpareBuffer);
   if (!m_pBuffer) {
@@ -93,9 +117,12 @@ void DIR_Wrapper::Close() {
 
 CQiError DIR_Wrapper::Fill() {
   ssize_t n;
-  do {
-    n = getdents64(m_iFd, m_pBuffer.get(), kBufferSize);
-  } while (n < 0 && errno == EINTR);
+  {
+    CBlockingCallWatch::CCall call;
+    do {
+      n = getdents64(m_iFd, m_pBuffer.get(), kBufferSize);
+    } while (n < 0 && errno == EINTR);
+  }
   if (n < 0) {
     int err = errno;
     return QI_ERROR_ERRNO(err, "Failed to read folder entries, Path=%s",
@@ -140,8 +167,25 @@ CQiError DIR_Wrapper::Next(CFileData& record, long long options) {
     record.m_iStatusState = CFileData::kStatusNotRead;
     record.m_iLastError = 0;
     std::memset(&record.m_stat, 0, sizeof(record.m_stat));
-  } else if (fstatat(m_iFd, entry->d_name, &record.m_stat, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) ==
-             0) {
+  } else {
+    StatEntry(m_iFd, entry->d_name, record);
+  }
+  return CQiError();
+}
+
+CQiError DIR_Wrapper::ReadStatus(CFileData& record) {
+  if (m_iFd < 0) return QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "Find handle is not open");
+  StatEntry(m_iFd, record.m_strFileName.c_str(), record);
+  return CQiError();
+}
+
+void DIR_Wrapper::StatEntry(int iFd, const char* szName, CFileData& record) {
+  int iResult;
+  {
+    CBlockingCallWatch::CCall call;
+    iResult = fstatat(iFd, szName, &record.m_stat, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+  }
+  if (iResult == 0) {
     record.m_iStatusState = CFileData::kStatusValid;
     record.m_iLastError = 0;
   } else {
@@ -149,5 +193,4 @@ CQiError DIR_Wrapper::Next(CFileData& record, long long options) {
     record.m_iStatusState = CFileData::kStatusFailed;
     std::memset(&record.m_stat, 0, sizeof(record.m_stat));
   }
-  return CQiError();
 }

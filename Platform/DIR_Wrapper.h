@@ -15,6 +15,15 @@
 // when the thread's traversal keeps one), and Close hands the descriptor to that cache when a
 // traversal is active on the thread.
 //
+// A folder is opened without following a symbolic link in its last component (O_NOFOLLOW), and
+// when the caller gives the status it read for the folder while listing its parent, the opened
+// folder's device and inode must be that status's: a folder that was replaced between its
+// listing and its opening (by a link to somewhere else, or by another folder) fails with ELOOP
+// or ESTALE, so that a traversal never walks into what it did not list.
+//
+// The opens, listing reads and status reads are file-system calls that a traversal's coordinator
+// watches (CBlockingCallWatch::CCall).
+//
 // The buffer is allocated on the first Open and kept across Close, so a handle that lists many
 // folders one after another allocates it once. Entries are returned in the kernel's order,
 // "." and ".." included.
@@ -45,11 +54,13 @@ class DIR_Wrapper {
   // Opens a folder by path (closing any open one). The path is used as given; it is also the
   // parent folder of every record. Errno errors: ENOENT for an empty path, EINVAL for a NUL byte,
   // otherwise that of open(2) (ENOENT, EACCES, ENOTDIR, ENAMETOOLONG, ...).
-  CQiError Open(const std::string& folder);
+  // With pExpected, the opened folder must have its st_dev and st_ino (else ESTALE, closed).
+  CQiError Open(const std::string& folder, const struct stat* pExpected = nullptr);
   // Opens the folder `name` relative to the open folder descriptor iDirFd (openat), so that
   // folders whose full path exceeds PATH_MAX can be listed. folderPath is the full path the
   // folder stands for: the parent folder of every record and the path in messages.
-  CQiError OpenAt(int iDirFd, const std::string& name, const std::string& folderPath);
+  CQiError OpenAt(int iDirFd, const std::string& name, const std::string& folderPath,
+                  const struct stat* pExpected = nullptr);
   void Close();
 
   bool IsOpen() const { return m_iFd >= 0; }
@@ -62,9 +73,14 @@ class DIR_Wrapper {
   // folder (and on every later call), Win32 6 when no folder is open, the errno of getdents64
   // when reading fails.
   CQiError Next(CFileData& record, long long options);
+  // Reads the status of a record that the listing left unread (kOptionNoStatus), relative to the
+  // open folder, as Next would have: state 1, or state -1 with the errno. Win32 6 when closed.
+  CQiError ReadStatus(CFileData& record);
 
  private:
-  CQiError OpenFd(int iDirFd, const std::string& name, const std::string& folderPath);
+  CQiError OpenFd(int iDirFd, const std::string& name, const std::string& folderPath,
+                  const struct stat* pExpected);
+  static void StatEntry(int iFd, const char* szName, CFileData& record);
   CQiError Fill();
 
   int m_iFd = -1;

@@ -46,10 +46,11 @@ std::string FXFile::FolderFromPattern(const std::string& pattern) {
 }
 
 CQiError FXFile::ZRFindFirstFile(auto_find_handle& handle, const std::string& pattern,
-                                 CFileData& record, long long options) {
+                                 CFileData& record, long long options,
+                                 const struct stat* pExpected) {
   const std::string folder = FolderFromPattern(pattern);
   CQiError error = FindFirst(handle, record, options,
-                             [&](DIR_Wrapper& wrapper) { return wrapper.Open(folder); });
+                             [&](DIR_Wrapper& wrapper) { return wrapper.Open(folder, pExpected); });
   if (error.IsError()) return QI_PUSH(error);
   return CQiError();
 }
@@ -71,6 +72,14 @@ CQiError FXFile::ZRFindNextFile(auto_find_handle& handle, CFileData& record, lon
   // Returned without a frame of its own: the end of a folder is the common case, and the
   // wrapper's frame already names the place.
   return pWrapper->Next(record, options);
+}
+
+CQiError FXFile::ZRReadStatus(auto_find_handle& handle, CFileData& record) {
+  DIR_Wrapper* pWrapper = handle.get();
+  if (pWrapper == nullptr)
+    return QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "Find handle is not open");
+  QI_RETURN_IF_ERROR(pWrapper->ReadStatus(record));
+  return CQiError();
 }
 
 void FXFile::ZRFindClose(auto_find_handle& handle) { handle.reset(); }

@@ -58,9 +58,12 @@ class FXFile {
   static_assert(kFindOptionNoStatus != kFindOptionMountPathCheck &&
                 kFindOptionNoStatus != kFindOptionMultiThread);
 
-  // Opens the folder named by the pattern and fills the record with its first entry.
+  // Opens the folder named by the pattern and fills the record with its first entry. With
+  // pExpected (the folder's status read while its parent was listed), a folder whose device and
+  // inode are no longer those fails with ESTALE instead of being listed (see DIR_Wrapper).
   static CQiError ZRFindFirstFile(auto_find_handle& handle, const std::string& pattern,
-                                  CFileData& record, long long options = 0);
+                                  CFileData& record, long long options = 0,
+                                  const struct stat* pExpected = nullptr);
   // Opens the folder `name` relative to the open folder descriptor iDirFd and fills the record
   // with its first entry. folderPath is the full path the folder stands for (records' parent
   // folder, messages); it may be longer than PATH_MAX.
@@ -70,6 +73,9 @@ class FXFile {
   // Fills the record with the next entry; Win32 18 at the end of the folder.
   static CQiError ZRFindNextFile(auto_find_handle& handle, CFileData& record,
                                  long long options = 0);
+  // Reads the status of a record that the listing left unread (kFindOptionNoStatus) relative to
+  // the open folder; the record then carries it as if the listing had read it.
+  static CQiError ZRReadStatus(auto_find_handle& handle, CFileData& record);
   // Closes the listing (the same as handle.reset()).
   static void ZRFindClose(auto_find_handle& handle);
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 
@@ -135,7 +136,12 @@ bool FXPath::DoesPathExist(const std::string& path) {
 CQiError FXPath::DoesPathExist(const std::string& path, bool& bMissing) {
   QI_RETURN_IF_ERROR(ValidatePath(path));
   struct stat st;
-  if (lstat(path.c_str(), &st) == 0) {
+  int iResult;
+  {
+    CBlockingCallWatch::CCall call;
+    iResult = lstat(path.c_str(), &st);
+  }
+  if (iResult == 0) {
     bMissing = false;
     return CQiError();
   }

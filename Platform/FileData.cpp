@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXFile.h"
 #include "Platform/FXPath.h"
 
@@ -55,7 +56,12 @@ CFileData& CFileData::operator=(const CFileData& other) {
 bool CFileData::getFileInfo() {
   if (m_iStatusState == kStatusNotRead) {
     const std::string path = m_eMode == kModeFullPath ? getFullPath() : m_strFileName;
-    if (FXFile::zrlstat(path, m_stat) == 0) {
+    int iResult;
+    {
+      CBlockingCallWatch::CCall call;
+      iResult = FXFile::zrlstat(path, m_stat);
+    }
+    if (iResult == 0) {
       m_iStatusState = kStatusValid;
       m_iLastError = 0;
     } else {

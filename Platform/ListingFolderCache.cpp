@@ -8,8 +8,10 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/BlockingCallWatch.h"
+
 namespace {
-constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY;
+constexpr int kOpenFlags = CListingFolderCache::kOpenFlags;
 
 thread_local CListingFolderCache* t_pCache = nullptr;
 
@@ -18,6 +20,7 @@ thread_local CListingFolderCache* t_pCache = nullptr;
 // and another worker may still be listing the parent, so that no kept descriptor can be used.
 // The lookups are those of the whole path (links in the pieces are followed alike).
 int OpenByPath(const std::string& strFolder) {
+  CBlockingCallWatch::CCall call;
   if (strFolder.size() < PATH_MAX) return openat(AT_FDCWD, strFolder.c_str(), kOpenFlags);
   int iDirFd = AT_FDCWD;
   size_t uStart = 0;
@@ -62,6 +65,19 @@ CListingFolderCache::CThreadScope::CThreadScope(std::shared_ptr<CListingFolderCa
 CListingFolderCache::CThreadScope::~CThreadScope() { t_pCache = m_pPrevious; }
 
 int CListingFolderCache::Open(const std::string& strFolder) {
+  int iFd = OpenOnce(strFolder);
+  if (iFd < 0 && (errno == EMFILE || errno == ENFILE) && t_pCache != nullptr) {
+    const int iError = errno;
+    if (t_pCache->CloseIdle() == 0) {
+      errno = iError;
+      return -1;
+    }
+    iFd = OpenOnce(strFolder);
+  }
+  return iFd;
+}
+
+int CListingFolderCache::OpenOnce(const std::string& strFolder) {
   CListingFolderCache* pCache = t_pCache;
   const size_t nSlash = strFolder.rfind('/');
   if (pCache != nullptr && nSlash != std::string::npos && nSlash + 1 < strFolder.size()) {
@@ -82,7 +98,11 @@ int CListingFolderCache::Open(const std::string& strFolder) {
       }
     }
     if (pParent != nullptr) {
-      const int iFd = openat(pParent->iFd, szName, kOpenFlags);
+      int iFd;
+      {
+        CBlockingCallWatch::CCall call;
+        iFd = openat(pParent->iFd, szName, kOpenFlags);
+      }
       const int iError = errno;
       {
         std::lock_guard<std::mutex> lock(pCache->m_mutex);
@@ -125,6 +145,19 @@ void CListingFolderCache::CloseAll() {
     kept.pFolder.reset();
   }
   m_uNext = 0;
+}
+
+size_t CListingFolderCache::CloseIdle() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  size_t uClosed = 0;
+  for (SKept& kept : m_aKept) {
+    if (kept.iUsers > 0 || kept.iFd < 0) continue;
+    close(kept.iFd);
+    kept.iFd = -1;
+    kept.pFolder.reset();
+    ++uClosed;
+  }
+  return uClosed;
 }
 
 size_t CListingFolderCache::GetKeptCount() const {

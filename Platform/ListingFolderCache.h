@@ -15,11 +15,18 @@
 //
 // A folder opened through its parent's descriptor is the object that the parent holds under that
 // name when it is opened, as a path lookup would find it then (mount points are crossed alike).
+// A symbolic link in the last component is never followed (O_NOFOLLOW): the open fails.
+//
+// Descriptors run out: when an open fails with EMFILE or ENFILE, the calling thread's cache closes
+// every kept descriptor that no thread is using and the open is tried once more, so that a low
+// descriptor limit costs speed, never objects.
 //
 // Threads: the cache may be used from any number of threads at once (one mutex, taken around the
 // look-up and the hand-over, never during a system call but close). A scope belongs to the
 // thread that made it.
 #pragma once
+
+#include <fcntl.h>
 
 #include <cstddef>
 #include <memory>
@@ -29,6 +36,8 @@
 class CListingFolderCache {
  public:
   static constexpr size_t kCapacity = 16;
+  // How folders are opened for listing.
+  static constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW;
 
   CListingFolderCache() = default;
   ~CListingFolderCache();
@@ -49,7 +58,8 @@ class CListingFolderCache {
     CListingFolderCache* m_pPrevious;
   };
 
-  // Opens a folder for listing (O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY) through the calling
+  // Opens a folder for listing (kOpenFlags: O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY |
+  // O_NOFOLLOW) through the calling
   // thread's cache: relative to a kept descriptor of its parent when there is one, else by path
   // (a path of PATH_MAX bytes or more piece by piece, so that folders beyond PATH_MAX open
   // whether or not their parent is kept). open(2)'s result: a descriptor, or -1 with errno set.
@@ -60,6 +70,8 @@ class CListingFolderCache {
 
   // Closes every kept descriptor.
   void CloseAll();
+  // Closes the kept descriptors that no thread is opening through; how many were closed.
+  size_t CloseIdle();
   size_t GetKeptCount() const;
 
  private:
@@ -68,6 +80,8 @@ class CListingFolderCache {
     int iFd = -1;
     int iUsers = 0;  // threads opening a sub-folder through it right now: not to be replaced
   };
+
+  static int OpenOnce(const std::string& strFolder);
 
   mutable std::mutex m_mutex;  // guards the slots
   SKept m_aKept[kCapacity];

@@ -119,10 +119,24 @@ void ZrThread::ThreadMain(const std::shared_ptr<SState>& pState, const std::stri
     pState->uExitCode.store(result.GetCode() != 0 ? result.GetCode() : 1,
                             std::memory_order_release);
 
+  // A thread left behind drops the last reference to its object while it still counts as
+  // running, so that the object's destructor sees its own thread and detaches it.
+  std::shared_ptr<ZrThread> pKeepAlive;
+  {
+    std::lock_guard<std::mutex> lock(pState->mutex);
+    pKeepAlive = std::move(pState->pKeepAlive);
+  }
+  pKeepAlive.reset();
+
   std::lock_guard<std::mutex> lock(pState->mutex);
   if (result.IsError()) pState->lastError = result;
   pState->bRunning = false;
   pState->cvEnded.notify_all();
+}
+
+void ZrThread::KeepAliveUntilEnd(std::shared_ptr<ZrThread> pSelf) {
+  std::lock_guard<std::mutex> lock(m_pState->mutex);
+  if (m_pState->bRunning) m_pState->pKeepAlive = std::move(pSelf);
 }
 
 CQiError ZrThread::Join() {

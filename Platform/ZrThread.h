@@ -77,6 +77,12 @@ class ZrThread {
   // Takes effect at the next start.
   void SetName(const std::string& strName) { m_strName = strName; }
 
+  // Leaves the running thread behind: pSelf (a reference to this object) is kept by the thread
+  // until its body has returned and dropped there, so that whoever gave up the thread may drop
+  // its own references at once (the object is then destroyed by its own thread, which detaches).
+  // When no thread is running, pSelf is dropped at once.
+  void KeepAliveUntilEnd(std::shared_ptr<ZrThread> pSelf);
+
  protected:
   // The thread's body when started with Start(). The base does nothing.
   virtual CQiError Run();
@@ -92,6 +98,7 @@ class ZrThread {
     std::condition_variable cvEnded;
     bool bRunning = false;
     CQiError lastError;
+    std::shared_ptr<ZrThread> pKeepAlive;  // see KeepAliveUntilEnd
   };
 
   CQiError Launch(std::function<CQiError()> fnBody);

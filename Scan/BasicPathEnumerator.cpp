@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cerrno>
 #include <new>
 
@@ -210,8 +209,14 @@ CQiError CBasicPathEnumerator::FindFirst(const std::string& strPattern, CItemPtr
   FXPath::AppendInPlace(m_strSourcePath, std::string_view());
   m_uSourcePrefixLength = m_strSourcePath.size();
 
-  CQiError error =
-      FXFile::ZRFindFirstFile(m_findHandle, strPattern, m_findData, m_llFileOperationOptions);
+  // The folder must still be the one its parent's listing (or the content path's status) saw:
+  // a folder swapped for a link or another folder since then is not listed.
+  const struct stat* pExpected = nullptr;
+  if (const auto* pParentFF = dynamic_cast<const CFindFirstItem*>(m_pParentItem.get());
+      pParentFF != nullptr && pParentFF->GetFileData().getStatusState() == FXFile::CFileData::kStatusValid)
+    pExpected = &pParentFF->GetFileData().getRawData();
+  CQiError error = FXFile::ZRFindFirstFile(m_findHandle, strPattern, m_findData, ListingOptions(),
+                                           pExpected);
   if (error.IsError()) return QI_PUSH(error);
   error = TakeEntry(pItem);
   if (error.IsError()) return QI_PUSH(error);
@@ -222,7 +227,7 @@ CQiError CBasicPathEnumerator::FindNext(CItemPtr& pItem) {
   pItem.reset();
   if (!m_pParentItem)
     return QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "No folder listing is open");
-  CQiError error = FXFile::ZRFindNextFile(m_findHandle, m_findData, m_llFileOperationOptions);
+  CQiError error = FXFile::ZRFindNextFile(m_findHandle, m_findData, ListingOptions());
   if (error.IsError()) return QI_PUSH(error);
   error = TakeEntry(pItem);
   if (error.IsError()) return QI_PUSH(error);
@@ -234,9 +239,19 @@ bool CBasicPathEnumerator::IsIgnoredMountPath(const std::string& strSourcePath) 
   return m_mountPathCache.Search(strSourcePath, pNode) == EPathCacheResult::Exact;
 }
 
+long long CBasicPathEnumerator::ListingOptions() const {
+  // With the mount-path check the listing leaves every status unread: an ignored mount point
+  // (a stale network mount above all) must never be touched, and its status read is what
+  // would hang. TakeEntry reads the status of the entries it keeps.
+  if ((m_llFileOperationOptions & FXFile::kFindOptionMountPathCheck) != 0)
+    return m_llFileOperationOptions | FXFile::kFindOptionNoStatus;
+  return m_llFileOperationOptions;
+}
+
 CQiError CBasicPathEnumerator::TakeEntry(CItemPtr& pItem) {
   const bool bMountPathCheck =
       (m_llFileOperationOptions & FXFile::kFindOptionMountPathCheck) != 0;
+  const long long llOptions = ListingOptions();
   for (;;) {
     if (!m_findData.isRelativeFolder()) {
       m_strSourcePath.resize(m_uSourcePrefixLength);
@@ -244,9 +259,12 @@ CQiError CBasicPathEnumerator::TakeEntry(CItemPtr& pItem) {
       if (!bMountPathCheck || !IsIgnoredMountPath(m_strSourcePath)) break;
       ZRLOG(0, "[%s] skipped by ignoreFS rule", Printable(m_strSourcePath).c_str());
     }
-    CQiError error = FXFile::ZRFindNextFile(m_findHandle, m_findData, m_llFileOperationOptions);
+    CQiError error = FXFile::ZRFindNextFile(m_findHandle, m_findData, llOptions);
     if (error.IsError()) return error;
   }
+  // The status the listing left unread, unless the caller asked for names only.
+  if (bMountPathCheck && (m_llFileOperationOptions & FXFile::kFindOptionNoStatus) == 0)
+    QI_RETURN_IF_ERROR(FXFile::ZRReadStatus(m_findHandle, m_findData));
 
   const std::string& strName = m_findData.getFileNameAsString();
   m_strLocalPath.resize(m_uLocalPrefixLength);
@@ -274,27 +292,12 @@ CQiError CBasicPathEnumerator::TakeEntry(CItemPtr& pItem) {
 }
 
 CQiError CBasicPathEnumerator::MakeListedItem(CItemPtr& pItem) {
-#if !defined(__SANITIZE_THREAD__)
-  // (ThreadSanitizer does not model the fence below, so its builds always allocate.)
-  for (std::shared_ptr<CFindFirstItem>& pRecycled : m_aRecycledItems) {
-    if (!pRecycled || pRecycled.use_count() != 1) continue;
-    // The holder that dropped it last may have been another thread: its release of the item
-    // must be seen before the item is written.
-    std::atomic_thread_fence(std::memory_order_acquire);
-    pRecycled->Refill(m_pParentBag, m_strLocalPath, m_strSourcePath, m_findData);
-    pItem = pRecycled;
-    return CQiError();
-  }
-#endif
-  std::shared_ptr<CFindFirstItem> pNew;
   try {
-    pNew = std::make_shared<CFindFirstItem>(m_pParentBag, m_strLocalPath, m_strSourcePath, m_findData);
+    pItem = std::make_shared<CFindFirstItem>(m_pParentBag, m_strLocalPath, m_strSourcePath, m_findData);
   } catch (const std::bad_alloc&) {
+    pItem.reset();
     return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "Failed to allocate the item of [%s]",
                           Printable(m_strLocalPath).c_str());
   }
-  m_aRecycledItems[m_uNextRecycledSlot] = pNew;
-  m_uNextRecycledSlot = (m_uNextRecycledSlot + 1) % kRecycledItems;
-  pItem = std::move(pNew);
   return CQiError();
 }

@@ -22,7 +22,14 @@
 //
 // Cost per listed entry: the record is filled in place in a member (no allocation), the local
 // and source paths are built in member buffers that keep the folder part, and the item is one
-// std::make_shared. Nothing is formatted unless the log level asks for it.
+// std::make_shared (a new item for every entry: whoever holds an item, even through a weak_ptr,
+// sees it stay the object it was). Nothing is formatted unless the log level asks for it.
+//
+// Hostile trees: a folder is listed only when it is still the object that its item describes
+// (device and inode of the parent item's status; a folder swapped for a link or another folder
+// fails with ELOOP or ESTALE). With the mount-path check on, an entry's status is read only
+// after the entry has passed the check, so that an ignored mount point (a stale network mount)
+// is never touched.
 //
 // One thread at a time; Clone() copies options and mount path cache and starts with no listing.
 #pragma once
@@ -84,9 +91,10 @@ class CBasicPathEnumerator : public CPathEnumerator {
   // Passes over "." / ".." and entries refused by the mount path cache, then builds the item of
   // the entry in m_findData. Errors are returned without a frame of this place.
   CQiError TakeEntry(CItemPtr& pItem);
-  // The item of the listed entry: a recycled one when a caller has dropped one of the last
-  // items handed out, else a new one.
+  // The item of the listed entry (one allocation).
   CQiError MakeListedItem(CItemPtr& pItem);
+  // The options given to the platform's listing calls.
+  long long ListingOptions() const;
   bool IsIgnoredMountPath(const std::string& strSourcePath) const;
 
   // The listing's working state, set up by FindFirst and reused for every entry.
@@ -98,13 +106,6 @@ class CBasicPathEnumerator : public CPathEnumerator {
   std::string m_strSourcePath;  // the parent's source path and '/', then the entry's name
   size_t m_uSourcePrefixLength = 0;
 
-  // The last items handed out by the listing. One that only this array still holds has been
-  // dropped by everyone it went to and is filled again for a later entry, which saves the
-  // allocation of the item and of its path (a scan mostly drops an entry's item before it asks
-  // for the next). Slots are taken over in turn when all of them are still held. Never copied.
-  static constexpr size_t kRecycledItems = 4;
-  std::shared_ptr<CFindFirstItem> m_aRecycledItems[kRecycledItems];
-  size_t m_uNextRecycledSlot = 0;
 };
 
 using CBasicPathEnumeratorPtr = std::shared_ptr<CBasicPathEnumerator>;

@@ -1,10 +1,12 @@
 #include "Scan/EnumerateFiles.h"
 
 #include <atomic>
+#include <cerrno>
 #include <string>
 #include <string_view>
 
 #include "Platform/AutoTimeCounter.h"
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 #include "Platform/LogWriterInterface.h"
@@ -211,10 +213,16 @@ CQiError CEnumerateFiles::WriteFailureRecord(const CItemConsumerPtr& pConsumer,
                                              const std::string& strSourcePath,
                                              const CQiError& error) {
   static FXMutex s_mutexOtherConsumers;
-  // The record describes the path as it is now (the item may know nothing about it).
-  CBasicPathEnumerator enumerator;
+  // The record describes the path as it is now (the item may know nothing about it), except a
+  // path that did not answer: describing it would block again.
   CItemPtr pItem;
-  (void)enumerator.GetItemByPath(pBag, strLocalPath, strSourcePath, pItem);
+  if (!error.IsErrNo(ETIMEDOUT)) {
+    CBasicPathEnumerator enumerator;
+    (void)enumerator.GetItemByPath(pBag, strLocalPath, strSourcePath, pItem);
+    // A worker given up while the path was described no longer reports anything.
+    if (CBlockingCallWatch::IsAbandoned())
+      return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Traversal worker was given up");
+  }
   // A path the enumerator cannot describe (for example one beyond PATH_MAX off the long path
   // handler's thread) is still recorded, by name alone: a lost record is a file silently left
   // out of the backup.

@@ -37,24 +37,6 @@ CFindFirstItem::CFindFirstItem(const CItemPtr& pParent, CBagPtr pWorkUnitBag,
 
 CFindFirstItem::~CFindFirstItem() = default;
 
-void CFindFirstItem::Refill(const CBagPtr& pWorkUnitBag, const std::string& strLocalPath,
-                            const std::string& strSourcePath, const FXFile::CFileData& fileData) {
-  ResetItem(pWorkUnitBag);
-  m_fileData = fileData;
-  m_strLocalFullPath.assign(strLocalPath);
-  m_bSourceIsLocal = strLocalPath == strSourcePath;
-  if (m_bSourceIsLocal)
-    m_strSourceFullPath.clear();
-  else
-    m_strSourceFullPath.assign(strSourcePath);
-  m_strLocalParentFolder.clear();
-  m_strSourceParentFolder.clear();
-  m_strItemName.clear();
-  m_bCollectLastChangeTime = false;
-  m_bLastChangeTimeKnown = false;
-  TakeFromFileData();
-}
-
 void CFindFirstItem::TakeFromFileData() {
   m_ullFileSize = m_fileData.getSize();
   m_ullCompressedSize = m_fileData.getCompressedSize();

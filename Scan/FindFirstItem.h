@@ -35,12 +35,6 @@ class CFindFirstItem : public CItem {
                  const FXFile::CFileData& fileData);
   ~CFindFirstItem() override;
 
-  // Fills the item again as if it were built anew from these values, reusing the memory of its
-  // strings. For an enumerator that recycles the items its callers have dropped: nobody else may
-  // hold the item.
-  void Refill(const CBagPtr& pWorkUnitBag, const std::string& strLocalPath, const std::string& strSourcePath,
-              const FXFile::CFileData& fileData);
-
   bool IsFolder() const override;
   bool IsRegularFile() const override;
   bool IsArchiveSet() const override;

@@ -1,7 +1,5 @@
 #include "Scan/Item.h"
 
-#include <new>
-
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 
@@ -13,17 +11,6 @@ CItem::CItem(const CItemPtr& pParent, CBagPtr pWorkUnitBag) : CItem(std::move(pW
 }
 
 CItem::~CItem() = default;
-
-void CItem::ResetItem(const CBagPtr& pWorkUnitBag) {
-  m_vInterfaces.clear();
-  m_pItemBag.reset();
-  // A used once-flag cannot be re-armed: a fresh one takes its place (nobody else holds the
-  // item, so nobody is inside call_once).
-  m_onceItemBag.~once_flag();
-  new (&m_onceItemBag) std::once_flag();
-  if (m_pWorkUnitBag != pWorkUnitBag) m_pWorkUnitBag = pWorkUnitBag;
-  m_uFlags = 0;
-}
 
 CBagPtr CItem::GetItemBag() const {
   std::call_once(m_onceItemBag, [this] { m_pItemBag = std::make_shared<CBag>(); });

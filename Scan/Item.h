@@ -111,12 +111,6 @@ class CItem : public FVBase {
   size_t GetInterfaceTableSize() const { return m_vInterfaces.size(); }
 
  protected:
-  // Makes the item as new, for a subclass that fills a dropped item again instead of allocating
-  // one: the work-unit bag, no item bag, no flags, no interfaces. Only for an item that nobody
-  // else holds. The bag pointer is only replaced when it differs: the work unit's bag is shared by
-  // every traversal worker, and touching its reference count per entry made the workers take
-  // turns owning it.
-  void ResetItem(const CBagPtr& pWorkUnitBag);
   // The empty string that the "unknown" answers refer to; lives for the whole process.
   static const std::string& EmptyString();
   // Splits a path into parent folder and name with the platform's splitter ("/" gives an empty

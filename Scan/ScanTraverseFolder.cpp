@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Platform/AutoTimeCounter.h"
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
@@ -25,9 +26,17 @@ std::string Esc(const std::string& strPath) { return FXString::EscapeControl(str
 
 using Clock = std::chrono::steady_clock;
 
-// An entry that vanished (2) or that this process may not describe (13) is not a failure.
-bool IsSilentEntryError(const CQiError& error) {
-  return error.IsErrNo(ENOENT) || error.IsErrNo(EACCES);
+// An entry that vanished since the listing (2) is no longer there to back up: no failure. An
+// entry this process may not describe (13: a folder that can be listed but not searched, or a
+// network file system that squashes root) still exists and is not backed up, so it is recorded
+// like any other entry whose status cannot be read, which goes further than the traversal's
+// original rule of passing it over in silence.
+bool IsSilentEntryError(const CQiError& error) { return error.IsErrNo(ENOENT); }
+
+// The quiet end of a worker given up while stuck in the file system: nothing of the traversal
+// may be touched any more, not even to log.
+CQiError AbandonedError() {
+  return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Traversal worker was given up");
 }
 
 // A folder that is gone (or is no folder any more) by the time it is listed.
@@ -250,11 +259,9 @@ CQiError CScanTraverseFolder::Traverse() {
     const CListingFolderCachePtr& pCache;
     ~SCloseFolders() { pCache->CloseAll(); }
   } closeFolders{m_pPrivate->GetListingFolderCache()};
-  if (m_pPrivate->GetMaxWorkers() <= 1) {
-    QI_RETURN_IF_ERROR(TraverseOnCallingThread());
-  } else {
-    QI_RETURN_IF_ERROR(TraverseWithWorkers());
-  }
+  // Every folder is listed on workers, one when the traversal has one, while this thread
+  // watches them: a file system that stops answering blocks a worker, never the caller.
+  QI_RETURN_IF_ERROR(TraverseWithWorkers());
   return CQiError();
 }
 
@@ -290,69 +297,65 @@ CQiError CScanTraverseFolder::ProcessTopLevelContent() {
   return CQiError();
 }
 
-CQiError CScanTraverseFolder::TraverseOnCallingThread() {
-  CPathEnumerator& enumerator = *m_pPrivate->GetPathEnumerator();
-  // Sub-folders open relative to their parents.
-  CListingFolderCache::CThreadScope folderScope(m_pPrivate->GetListingFolderCache());
-  Clock::time_point tLastLog = Clock::now();
-  for (;;) {
-    if (IsAborted()) {
-      ZRLOG(3, "Traverse aborted, FoldersToTraverse=%llu",
-            static_cast<unsigned long long>(m_pPrivate->GetFolderCount()));
-      return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
-    }
-    CScanFoldersToTraverse entry;
-    bool bFirstFolder = false;
-    CQiError error = m_pPrivate->TakeFolder(entry, bFirstFolder, nullptr);
-    if (error.IsWin32(QiErrorCode::NoMoreItems)) return CQiError();
-    if (error.IsError()) return QI_PUSH(error, "GetFolderToTraverse failed");
-    error = TraverseFolder(entry, enumerator, bFirstFolder);
-    if (error.IsError()) return QI_PUSH(error, "TraverseFolder failed");
-    if (Clock::now() - tLastLog > std::chrono::seconds(kCounterLogIntervalSeconds - 1)) {
-      CScanPerformanceCounter::LogAllCounters();
-      tLastLog = Clock::now();
-    }
-  }
+CQiError CScanTraverseFolder::StartWorker(int iIndex, bool bSolo) {
+  // A solo worker lists with the traversal's own enumerator, as the caller's thread would; the
+  // others (and a solo worker's replacement) with clones.
+  std::shared_ptr<CPathEnumerator> pEnumerator;
+  if (bSolo && m_pPrivate->GetWorkers().empty() && iIndex == 1)
+    pEnumerator = m_pPrivate->GetPathEnumerator();
+  else
+    pEnumerator.reset(m_pPrivate->GetPathEnumerator()->Clone());
+  if (!pEnumerator)
+    return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
+                          "The path enumerator cannot be cloned for worker threads");
+  auto pWorker = std::make_shared<CScanTraverseFolderWorker>(this, m_pPrivate, std::move(pEnumerator),
+                                                             iIndex, bSolo);
+  m_pPrivate->GetWorkers().push_back(pWorker);
+  QI_RETURN_IF_ERROR(pWorker->Start(), "Failed to start a traversal worker");
+  return CQiError();
 }
 
 CQiError CScanTraverseFolder::TraverseWithWorkers() {
-  std::vector<CScanTraverseFolderWorkerPtr>& lstWorkers = m_pPrivate->GetWorkers();
-  const int iWorkers = m_pPrivate->GetMaxWorkers();
-  for (int i = 0; i < iWorkers; ++i) {
-    std::unique_ptr<CPathEnumerator> pClone(m_pPrivate->GetPathEnumerator()->Clone());
-    if (!pClone) {
-      (void)StopWorkers(true, false);
-      return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
-                            "The path enumerator cannot be cloned for worker threads");
-    }
-    lstWorkers.push_back(
-        std::make_shared<CScanTraverseFolderWorker>(this, m_pPrivate, std::move(pClone), i + 1));
-  }
-  for (const CScanTraverseFolderWorkerPtr& pWorker : lstWorkers) {
-    CQiError error = pWorker->Start();
+  const bool bSolo = m_pPrivate->GetMaxWorkers() <= 1;
+  const int iWorkers = bSolo ? 1 : m_pPrivate->GetMaxWorkers();
+  int iNextIndex = 1;
+  for (; iNextIndex <= iWorkers; ++iNextIndex) {
+    CQiError error = StartWorker(iNextIndex, bSolo);
     if (error.IsError()) {
       (void)StopWorkers(true, false);
-      return QI_PUSH(error, "Failed to start a traversal worker");
+      return QI_PUSH(error);
     }
   }
+  std::chrono::milliseconds stallTimeout = m_pPrivate->GetStallTimeout();
+  if (stallTimeout.count() <= 0) stallTimeout = CBlockingCallWatch::GetConfiguredTimeout();
+  const uint32_t uWaitMs = static_cast<uint32_t>(std::clamp<long long>(
+      stallTimeout.count() / 4, 10, static_cast<long long>(kCoordinatorWaitMs)));
 
   // Wait for the workers: woken at once when one goes idle, fails or sees an abort; the
-  // counters are logged 10 s after the start and then every 30 minutes.
+  // counters are logged 10 s after the start and then every 30 minutes; workers stuck in the
+  // file system are looked for at every wake-up.
   const Clock::time_point tStart = Clock::now();
   Clock::time_point tNextLog = tStart + std::chrono::milliseconds(kCoordinatorWaitMs);
   for (;;) {
     if (IsAborted()) {
-      ZRLOG(1, "Traverse aborted, FoldersToTraverse=%llu",
+      ZRLOG(bSolo ? 3 : 1, "Traverse aborted, FoldersToTraverse=%llu",
             static_cast<unsigned long long>(m_pPrivate->GetFolderCount()));
       (void)StopWorkers(true, false);
       return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
     }
+    CQiError failure = m_pPrivate->TakeWorkerFailure();
+    if (failure.IsError()) {
+      // A solo worker ends at its first failure, which ends the traversal.
+      (void)StopWorkers(true, false);
+      return QI_PUSH(failure);
+    }
     if (m_pPrivate->IsDone()) {
-      CQiError error = StopWorkers(true, true);
+      CQiError error = StopWorkers(true, !bSolo);
       if (error.IsError()) return QI_PUSH(error, "One or more workers failed");
       return CQiError();
     }
-    Clock::time_point tNow = Clock::now();
+    const Clock::time_point tNow = Clock::now();
+    QI_RETURN_IF_ERROR(GiveUpStalledWorkers(tNow, stallTimeout, bSolo, iNextIndex));
     if (tNow >= tNextLog) {
       CScanPerformanceCounter::LogAllCounters();
       ZRLOG(1, "FoldersToTraverse=%llu",
@@ -362,10 +365,48 @@ CQiError CScanTraverseFolder::TraverseWithWorkers() {
       continue;
     }
     auto msToLog = std::chrono::duration_cast<std::chrono::milliseconds>(tNextLog - tNow).count();
-    uint32_t uWaitMs = static_cast<uint32_t>(
-        std::min<long long>(static_cast<long long>(kCoordinatorWaitMs), msToLog + 1));
-    (void)m_pPrivate->GetWorkerStateEvent()->Wait(uWaitMs);
+    (void)m_pPrivate->GetWorkerStateEvent()->Wait(
+        static_cast<uint32_t>(std::min<long long>(uWaitMs, msToLog + 1)));
   }
+}
+
+CQiError CScanTraverseFolder::GiveUpStalledWorkers(Clock::time_point tNow,
+                                                   std::chrono::milliseconds timeout, bool bSolo,
+                                                   int& iNextIndex) {
+  std::vector<CScanTraverseFolderWorkerPtr>& lstWorkers = m_pPrivate->GetWorkers();
+  for (size_t i = 0; i < lstWorkers.size(); ++i) {
+    CScanTraverseFolderWorkerPtr pWorker = lstWorkers[i];
+    if (!pWorker->GetWatch()->IsStalled(tNow, timeout)) continue;
+    std::string strInput, strOutput;
+    const bool bHasFolder = pWorker->GetCurrentFolder(strInput, strOutput);
+    if (!pWorker->GetWatch()->Abandon()) continue;  // its call has just returned
+    // The worker no longer counts as busy, and its thread is left to itself.
+    m_pPrivate->MarkIdle(pWorker->GetIdleFlag());
+    lstWorkers.erase(lstWorkers.begin() + static_cast<std::ptrdiff_t>(i));
+    --i;
+    CScanTraverseFolderWorker::LeaveBehind(pWorker);
+    ZRLOG(-1,
+          "Traversal worker %d did not return from the file system within %lld ms, "
+          "Folder=%s; the folder is recorded as failed and the worker is left behind",
+          pWorker->GetIndex(), static_cast<long long>(timeout.count()),
+          bHasFolder ? Esc(strInput).c_str() : "");
+    if (bHasFolder) {
+      CQiError stalled = QI_ERROR_ERRNO(ETIMEDOUT, "Folder did not answer within %lld ms, Path=%s",
+                                        static_cast<long long>(timeout.count()),
+                                        Esc(strInput).c_str());
+      CQiError reportError = OnFailedContent(strInput, strOutput, false, stalled);
+      if (reportError.IsError())
+        ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(strInput).c_str(),
+              reportError.AsString().c_str());
+    }
+    // The rest of the traversal goes on with a new worker in its place.
+    CQiError error = StartWorker(iNextIndex++, bSolo);
+    if (error.IsError()) {
+      (void)StopWorkers(true, false);
+      return QI_PUSH(error);
+    }
+  }
+  return CQiError();
 }
 
 CQiError CScanTraverseFolder::StopWorkers(bool bWait, bool bCollectErrors) {
@@ -420,9 +461,11 @@ CQiError CScanTraverseFolder::TraverseFolder(const CScanFoldersToTraverse& entry
 
   // A folder met in a listing carries its item; a content root is described now.
   CQiError error;
-  if (!listing.pFolderItem)
+  if (!listing.pFolderItem) {
     error = enumerator.GetItemByPath(m_pPrivate->GetBag(), listing.strFolder, strOutput,
                                      listing.pFolderItem);
+    if (CBlockingCallWatch::IsAbandoned()) return AbandonedError();
+  }
   if (error.IsError() || !listing.pFolderItem) {
     if (error.IsSuccess()) error = QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "No folder item");
     ZRLOG(-1, "Content path [%s] not found (%s)", Esc(listing.strFolder).c_str(),
@@ -484,6 +527,7 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
     CAutoTimeCounter timer(listing.counters[EScanPerfCounterType::TIME_FINDFIRST]);
     error = listing.enumerator.FindFirst(listing.strPattern, listing.pFolderItem, pItem);
   }
+  if (CBlockingCallWatch::IsAbandoned()) return AbandonedError();
   if (error.IsError() && !pItem && !error.IsWin32(QiErrorCode::NoMoreFiles)) {
     if (listing.bFirstFolder) {
       CQiError reportError = OnFailedContent(listing.strFolder, strOutput, false, error);
@@ -507,6 +551,9 @@ CQiError CScanTraverseFolder::ListFolder(SListing& listing) {
   bool bSkipping = false;  // a restarted listing passes over what was already processed
   CEntryTimes times(listing.counters[EScanPerfCounterType::TIME_FINDNEXT]);
   for (;;) {
+    // A worker given up while stuck in a file-system call stops here, before anything of the
+    // traversal is touched.
+    if (CBlockingCallWatch::IsAbandoned()) return AbandonedError();
     if (error.IsError() && !pItem) {
       if (error.IsWin32(QiErrorCode::NoMoreFiles)) return CQiError();
       if (ShouldRetry(error) && listing.iRetries < kMaxListingRetries) {

@@ -4,25 +4,35 @@
 //
 // Use: queue the content paths (AddFolderToList), set the path enumerator, workers, abort check
 // and bag, then Traverse(). The walk is depth-first: the folder added last is listed next. Each
-// folder is listed with the path enumerator (workers list with their own clones); each entry is
+// folder is listed with the path enumerator on a worker thread (a traversal with one worker lists
+// with the enumerator itself on one worker, more workers list with their own clones), while the
+// calling thread waits and watches them; each entry is
 // built into an item by the enumerator and dispatched by kind (ProcessItem) to OnFolder, OnFile,
 // OnReparsePointFolder or OnReparsePointFile. The base OnFolder queues the folder, so by default
 // everything below the content paths is walked. Reparse points of a folder are dispatched after
 // all its other entries (kept aside while the folder is listed).
 //
 // Failures: errors on the first folder listed end the traversal; later ones are reported through
-// OnFailedContent and the walk goes on. Entries that vanished (errno 2) or cannot be described
-// for lack of permission (errno 13) are skipped silently. An abort (polled between entries and
-// between folders) ends the traversal with Win32 995 "Operation aborted".
+// OnFailedContent and the walk goes on. Entries that vanished (errno 2) are skipped silently;
+// entries that cannot be described for any other reason (errno 13 included) are reported. An
+// abort (polled between entries and between folders) ends the traversal with Win32 995
+// "Operation aborted".
+//
+// A file system that stops answering: a worker that stays inside one file-system call longer
+// than the stall time-out (SetStallTimeout, else the agent's setting) is given up: its folder is
+// reported through OnFailedContent with ETIMEDOUT, a new worker takes its place and the
+// traversal completes. The stuck thread is left behind and never touches the traversal again.
 //
 // Derived classes: CEnumerateFiles (the traversal of the scan engines) and the file-system
 // specific traversals override the hooks.
 //
-// Threads: the owner calls the setters and Traverse on one thread. With more than one worker the
-// hooks run on the worker threads, several at once; they must be safe for that. The destructor
+// Threads: the owner calls the setters and Traverse on one thread. The listing hooks run on the
+// worker threads, several at once with more than one worker; they must be safe for that.
+// OnFailedContent is also called by the coordinator (for a folder whose worker was given up). The destructor
 // stops any worker that is still running.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -113,6 +123,9 @@ class CScanTraverseFolder {
   bool IsAborted() const { return m_pPrivate->IsAborted(); }
   void SetBag(CBagPtr pBag);
   CBagPtr GetBag() const { return m_pPrivate->GetBag(); }
+  // How long a worker may stay inside one file-system call before it is given up; by default
+  // the agent's setting (CBlockingCallWatch::GetConfiguredTimeout).
+  void SetStallTimeout(std::chrono::milliseconds timeout) { m_pPrivate->SetStallTimeout(timeout); }
 
   const CScanTraverseFolderPrivatePtr& GetPrivate() const { return m_pPrivate; }
 
@@ -124,8 +137,12 @@ class CScanTraverseFolder {
   struct SListing;
 
   CQiError ProcessTopLevelContent();
-  CQiError TraverseOnCallingThread();
   CQiError TraverseWithWorkers();
+  CQiError StartWorker(int iIndex, bool bSolo);
+  // Gives up the workers stuck in one file-system call past the time-out: their folders are
+  // recorded as failed and new workers take their places.
+  CQiError GiveUpStalledWorkers(std::chrono::steady_clock::time_point tNow,
+                                std::chrono::milliseconds timeout, bool bSolo, int& iNextIndex);
   // Stops every worker (waiting for them or not); with bCollectErrors, gathers their errors.
   CQiError StopWorkers(bool bWait, bool bCollectErrors);
   CQiError ListFolder(SListing& listing);

@@ -22,6 +22,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -91,6 +92,21 @@ class CScanTraverseFolderPrivate {
   // The bag's "VolumeName", read once when a traversal starts: names the per-thread counters.
   void SetVolumeName(const std::string& strVolumeName) { m_strVolumeName = strVolumeName; }
   const std::string& GetVolumeName() const { return m_strVolumeName; }
+  // How long a worker may stay inside one file-system call; zero: the agent's setting.
+  void SetStallTimeout(std::chrono::milliseconds timeout) { m_stallTimeout = timeout; }
+  std::chrono::milliseconds GetStallTimeout() const { return m_stallTimeout; }
+
+  // The failure that ended a solo worker (any thread); the coordinator takes it.
+  void SetWorkerFailure(const CQiError& error) {
+    FXMutex::CScopedLock lock(m_mutexFailure);
+    if (m_workerFailure.IsSuccess()) m_workerFailure = error;
+  }
+  CQiError TakeWorkerFailure() {
+    FXMutex::CScopedLock lock(m_mutexFailure);
+    CQiError error = m_workerFailure;
+    m_workerFailure = CQiError();
+    return error;
+  }
 
  private:
   CFolderQueueT<CScanFoldersToTraverse> m_queue;
@@ -105,6 +121,9 @@ class CScanTraverseFolderPrivate {
   CAbortOperationCheck* m_pAbortCheck = nullptr;
   CBagPtr m_pBag;
   std::string m_strVolumeName;
+  std::chrono::milliseconds m_stallTimeout{0};
+  FXMutex m_mutexFailure;  // guards m_workerFailure
+  CQiError m_workerFailure;
 };
 
 using CScanTraverseFolderPrivatePtr = std::shared_ptr<CScanTraverseFolderPrivate>;

@@ -8,13 +8,14 @@
 
 CScanTraverseFolderWorker::CScanTraverseFolderWorker(CScanTraverseFolder* pTraversal,
                                                      CScanTraverseFolderPrivatePtr pPrivate,
-                                                     std::unique_ptr<CPathEnumerator> pEnumerator,
-                                                     int iIndex)
+                                                     std::shared_ptr<CPathEnumerator> pEnumerator,
+                                                     int iIndex, bool bSolo)
     : CAlertableEventThread("TraverseWkr" + std::to_string(iIndex)),
       m_pTraversal(pTraversal),
       m_pPrivate(std::move(pPrivate)),
       m_pEnumerator(std::move(pEnumerator)),
-      m_iIndex(iIndex) {
+      m_iIndex(iIndex),
+      m_bSolo(bSolo) {
   if (CLogWriterInterfaceThreadWrapper* pWrapper =
           CLogWriterInterfaceThreadWrapper::CurrentForThread()) {
     m_pLogWriter = pWrapper->GetWriter()->shared_from_this();
@@ -69,10 +70,25 @@ CQiError CScanTraverseFolderWorker::OnEvent() { return ProcessPendingFolders(); 
 
 CQiError CScanTraverseFolderWorker::OnTimeout() { return ProcessPendingFolders(); }
 
+bool CScanTraverseFolderWorker::GetCurrentFolder(std::string& strInput,
+                                                 std::string& strOutput) const {
+  std::lock_guard<std::mutex> lock(m_mtxCurrent);
+  if (!m_bHasCurrent) return false;
+  strInput = m_current.GetInputFolder();
+  strOutput = m_current.GetOutputFolder();
+  return true;
+}
+
+void CScanTraverseFolderWorker::LeaveBehind(const std::shared_ptr<CScanTraverseFolderWorker>& pSelf) {
+  pSelf->KeepAliveUntilEnd(pSelf);
+}
+
 CQiError CScanTraverseFolderWorker::ProcessPendingFolders() {
   if (!m_pEnumerator) return CQiError();
-  // Sub-folders open relative to their parents (this worker's or another's).
+  // Sub-folders open relative to their parents (this worker's or another's); the file-system
+  // calls of this thread are watched by the coordinator.
   CListingFolderCache::CThreadScope folderScope(m_pPrivate->GetListingFolderCache());
+  CBlockingCallWatch::CThreadScope watchScope(m_pWatch);
   if (!m_bInitialized) {
     m_bInitialized = true;
     CQiError error = m_pTraversal->OnInitializeWorker();
@@ -87,9 +103,13 @@ CQiError CScanTraverseFolderWorker::ProcessPendingFolders() {
       if (bAborted) InternalStop();
       return CQiError();
     }
-    CScanFoldersToTraverse entry;
     bool bFirstFolder = false;
-    CQiError error = m_pPrivate->TakeFolder(entry, bFirstFolder, &m_bIdle);
+    CQiError error;
+    {
+      std::lock_guard<std::mutex> lock(m_mtxCurrent);
+      error = m_pPrivate->TakeFolder(m_current, bFirstFolder, &m_bIdle);
+      m_bHasCurrent = error.IsSuccess();
+    }
     if (error.IsWin32(QiErrorCode::NoMoreItems)) {
       m_pPrivate->SignalWorkerState();
       return CQiError();
@@ -99,18 +119,35 @@ CQiError CScanTraverseFolderWorker::ProcessPendingFolders() {
       QI_PUSH(error, "GetFolderToTraverse failed");
       ZRLOG(-1, "ProcessPendingFolders failed unexpectedly, error=%s", error.AsString().c_str());
       SetLastError(error);
+      if (m_bSolo) m_pPrivate->SetWorkerFailure(error);
       m_pPrivate->MarkIdle(m_bIdle);
       m_pPrivate->SignalWorkerState();
       InternalStop();
       return CQiError();
     }
-    error = m_pTraversal->TraverseFolder(entry, *m_pEnumerator, bFirstFolder);
+    error = m_pTraversal->TraverseFolder(m_current, *m_pEnumerator, bFirstFolder);
+    if (CBlockingCallWatch::IsAbandoned()) {
+      // Given up while stuck in the file system: the traversal may be gone by now.
+      InternalStop();
+      return CQiError();
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_mtxCurrent);
+      m_bHasCurrent = false;
+    }
     if (error.IsError()) {
       QI_PUSH(error, "TraverseFolder failed");
       // Kept for the coordinator; an abort is a quiet end, anything else is worth a line.
-      if (!error.IsWin32(QiErrorCode::OperationAborted))
+      if (!error.IsWin32(QiErrorCode::OperationAborted) && !m_bSolo)
         ZRLOG(-1, "ProcessPendingFolders failed unexpectedly, error=%s", error.AsString().c_str());
       SetLastError(error);
+      if (m_bSolo) {
+        m_pPrivate->SetWorkerFailure(error);
+        m_pPrivate->MarkIdle(m_bIdle);
+        m_pPrivate->SignalWorkerState();
+        InternalStop();
+        return CQiError();
+      }
       m_pPrivate->SignalWorkerState();
     }
   }

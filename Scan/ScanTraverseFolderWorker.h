@@ -1,5 +1,5 @@
-// CScanTraverseFolderWorker: one worker thread of a multi-worker folder traversal
-// (CScanTraverseFolder::Traverse with more than one worker).
+// CScanTraverseFolderWorker: one worker thread of a folder traversal (CScanTraverseFolder::Traverse
+// lists every folder on workers, one of them when the traversal has one worker).
 //
 // The worker sleeps on the traversal's folder-available event (shared by all workers, manual
 // reset) and, when woken or when its time-out passes, takes folders from the shared queue one at
@@ -11,22 +11,35 @@
 //
 // A failure of a folder does not end the worker: the error is kept as its last error
 // (GetLastError), the coordinator is told, and the worker goes on with the next folder; the
-// coordinator reports "One or more workers failed" when the traversal is done.
+// coordinator reports "One or more workers failed" when the traversal is done. A solo worker (the
+// one worker of a one-worker traversal) ends at its first failure instead and hands it to the
+// coordinator (CScanTraverseFolderPrivate::SetWorkerFailure), which returns it at once, as a
+// traversal on the calling thread would.
+//
+// Stuck in the file system: the worker's file-system calls are watched (GetWatch). The
+// coordinator gives up a worker that stays inside one call past the time-out: it records the
+// worker's folder (GetCurrentFolder) as failed and calls LeaveBehind. The worker's thread then
+// keeps the worker alive until its call returns, and ends at once without touching the
+// traversal: everything it still uses (its enumerator, the private state) it owns or shares.
 //
 // Logging: a worker takes over the log writer and context of the thread that created it, so its
 // lines go where the coordinator's go.
 //
 // Ownership: created, started and stopped by the traversal's coordinator (Traverse), which keeps
 // them in the shared CScanTraverseFolderPrivate. The worker holds a plain pointer to the
-// traversal, which outlives it (Traverse stops and releases its workers before returning), a
-// share of the private state, and owns its enumerator clone. The destructor stops and waits.
+// traversal, which outlives it (Traverse stops and releases its workers before returning, and a
+// worker left behind never uses it again), a share of the private state, and a share of its
+// enumerator (its own clone, or the traversal's enumerator for a solo worker). The destructor
+// stops and waits.
 #pragma once
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "Platform/AlertableEventThread.h"
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/LogWriterInterfaceThreadWrapper.h"
 #include "Scan/PathEnumerator.h"
 #include "Scan/ScanTraverseFolderPrivate.h"
@@ -39,7 +52,7 @@ class CScanTraverseFolderWorker : public CAlertableEventThread {
   static constexpr uint32_t kWorkerTimeoutMs = 10000;
 
   CScanTraverseFolderWorker(CScanTraverseFolder* pTraversal, CScanTraverseFolderPrivatePtr pPrivate,
-                            std::unique_ptr<CPathEnumerator> pEnumerator, int iIndex);
+                            std::shared_ptr<CPathEnumerator> pEnumerator, int iIndex, bool bSolo);
   ~CScanTraverseFolderWorker() override;
 
   CQiError Start() override;
@@ -47,7 +60,13 @@ class CScanTraverseFolderWorker : public CAlertableEventThread {
 
   // True while the worker holds no folder (also before its first one).
   bool IsIdle() const { return m_bIdle.load(std::memory_order_acquire); }
+  std::atomic<bool>& GetIdleFlag() { return m_bIdle; }
   int GetIndex() const { return m_iIndex; }
+  const CBlockingCallWatchPtr& GetWatch() const { return m_pWatch; }
+  // The folder the worker is listing (any thread); false when it holds none.
+  bool GetCurrentFolder(std::string& strInput, std::string& strOutput) const;
+  // Gives the worker up (see the class comment); pSelf is this worker.
+  static void LeaveBehind(const std::shared_ptr<CScanTraverseFolderWorker>& pSelf);
 
  protected:
   CQiError WaitForEvent(EWaitResult& eResult) override;
@@ -65,8 +84,14 @@ class CScanTraverseFolderWorker : public CAlertableEventThread {
 
   CScanTraverseFolder* m_pTraversal;
   CScanTraverseFolderPrivatePtr m_pPrivate;
-  std::unique_ptr<CPathEnumerator> m_pEnumerator;
+  std::shared_ptr<CPathEnumerator> m_pEnumerator;
   int m_iIndex;
+  bool m_bSolo;
+  const CBlockingCallWatchPtr m_pWatch = std::make_shared<CBlockingCallWatch>();
+  // The folder being listed: written by the worker under the mutex, read by the coordinator.
+  mutable std::mutex m_mtxCurrent;
+  CScanFoldersToTraverse m_current;
+  bool m_bHasCurrent = false;
   // Changed only under the queue mutex (CScanTraverseFolderPrivate), read from any thread.
   std::atomic<bool> m_bIdle{true};
   bool m_bInitialized = false;

@@ -1,12 +1,15 @@
 #include "Scan/TraverseFolder2.h"
 
 #include <algorithm>
+#include <cerrno>
 
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 #include "Platform/LogWriterInterface.h"
 #include "Platform/ScanPerformanceCounter.h"
 #include "Platform/ZRDebugFunction.h"
+#include "Scan/EnumerateFiles.h"
 #include "Scan/TraverseFolderWorker2.h"
 
 namespace {
@@ -48,6 +51,9 @@ void CTraverseFolder2::SetProcessTopLevelContentItem(bool bProcess) {
 void CTraverseFolder2::UseOutputHandler(const COutputHandlerPtr& pHandler) {
   m_pPrivate->SetOutputHandler(pHandler);
   m_bOutputHandlerGiven = true;
+}
+void CTraverseFolder2::SetStallTimeout(std::chrono::milliseconds timeout) {
+  m_pPrivate->m_stallTimeout = timeout;
 }
 void CTraverseFolder2::SetWorker(const CTraverseFolderWorker2Ptr& pWorker) {
   m_pPrivate->SetPrototypeWorker(pWorker);
@@ -92,12 +98,53 @@ CQiError CTraverseFolder2::CreateWorkerThreads() {
     if (!pPrototype) return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "No prototype worker");
     m_pPrivate->SetPrototypeWorker(pPrototype);
   }
+  m_iNextWorkerIndex = 1;
+  for (int i = 1; i <= iWorkers; ++i) QI_RETURN_IF_ERROR(StartWorker(m_iNextWorkerIndex++));
+  return CQiError();
+}
+
+CQiError CTraverseFolder2::StartWorker(int iIndex) {
+  CTraverseFolderWorker2Ptr pWorker = m_pPrivate->GetPrototypeWorker()->CreateWorker(m_pPrivate, iIndex);
+  if (!pWorker) return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "Failed to create worker %d", iIndex);
+  m_pPrivate->GetWorkers().push_back(pWorker);
+  QI_RETURN_IF_ERROR(pWorker->Start(), "Failed to start worker %d", iIndex);
+  return CQiError();
+}
+
+CQiError CTraverseFolder2::GiveUpStalledWorkers(std::chrono::steady_clock::time_point tNow,
+                                                std::chrono::milliseconds timeout) {
   std::vector<CTraverseFolderWorker2Ptr>& lstWorkers = m_pPrivate->GetWorkers();
-  for (int i = 1; i <= iWorkers; ++i) {
-    CTraverseFolderWorker2Ptr pWorker = m_pPrivate->GetPrototypeWorker()->CreateWorker(m_pPrivate, i);
-    if (!pWorker) return QI_ERROR_WIN32(QiErrorCode::OutOfMemory, "Failed to create worker %d", i);
-    lstWorkers.push_back(pWorker);
-    QI_RETURN_IF_ERROR(pWorker->Start(), "Failed to start worker %d", i);
+  for (size_t i = 0; i < lstWorkers.size(); ++i) {
+    CTraverseFolderWorker2Ptr pWorker = lstWorkers[i];
+    if (!pWorker->GetWatch()->IsStalled(tNow, timeout)) continue;
+    std::string strInput, strOutput;
+    const bool bHasFolder = pWorker->GetCurrentFolder(strInput, strOutput);
+    if (!pWorker->GetWatch()->Abandon()) continue;  // its call has just returned
+    // The worker no longer counts as busy, and its thread is left to itself.
+    m_pPrivate->MarkIdle(pWorker->GetIdleFlag());
+    lstWorkers.erase(lstWorkers.begin() + static_cast<std::ptrdiff_t>(i));
+    --i;
+    CTraverseFolderWorker2::LeaveBehind(pWorker);
+    ZRLOG(-1,
+          "Traversal worker %d did not return from the file system within %lld ms, "
+          "Folder=%s; the folder is recorded as failed and the worker is left behind",
+          pWorker->GetIndex(), static_cast<long long>(timeout.count()),
+          bHasFolder ? Esc(strInput).c_str() : "");
+    const CScannerCallbackPtr& pCallback = m_pPrivate->GetScannerCallback();
+    CItemConsumerPtr pConsumer;
+    if (bHasFolder && pCallback && pCallback->GetScanFailureConsumer(pConsumer).IsSuccess() &&
+        pConsumer) {
+      const CWorkUnitPtr& pUnit = m_pPrivate->GetWorkUnit();
+      CQiError stalled = QI_ERROR_ERRNO(ETIMEDOUT, "Folder did not answer within %lld ms, Path=%s",
+                                        static_cast<long long>(timeout.count()),
+                                        Esc(strInput).c_str());
+      CQiError reportError = CEnumerateFiles::WriteFailureRecord(
+          pConsumer, pUnit ? pUnit->GetBag() : CBagPtr(), strInput, strOutput, stalled);
+      // A failure record that cannot be written ends the scan, as it does for the workers.
+      if (reportError.IsError()) m_pPrivate->SetScanFailure(QI_PUSH(reportError));
+    }
+    // The rest of the traversal goes on with a new worker in its place.
+    QI_RETURN_IF_ERROR(StartWorker(m_iNextWorkerIndex++));
   }
   return CQiError();
 }
@@ -154,6 +201,10 @@ CQiError CTraverseFolder2::RunWorkers() {
 
 CQiError CTraverseFolder2::WaitForWorkers() {
   Clock::time_point tIntervalStart = Clock::now();
+  std::chrono::milliseconds stallTimeout = m_pPrivate->m_stallTimeout;
+  if (stallTimeout.count() <= 0) stallTimeout = CBlockingCallWatch::GetConfiguredTimeout();
+  const uint32_t uWaitMs = static_cast<uint32_t>(std::clamp<long long>(
+      stallTimeout.count() / 4, 10, static_cast<long long>(kCoordinatorWaitMs)));
   for (;;) {
     // A scan failure and an abort win over completion: workers that stop on either leave their
     // folders half listed and go idle, so the traversal may look done as well. Completion is
@@ -175,9 +226,14 @@ CQiError CTraverseFolder2::WaitForWorkers() {
       StopWorkers(true);
       return CQiError();
     }
+    CQiError error = GiveUpStalledWorkers(Clock::now(), stallTimeout);
+    if (error.IsError()) {
+      StopWorkers(true);
+      return QI_PUSH(error);
+    }
     // Woken at once when a worker goes idle, fails or sees an abort, or the abort event is set.
     (void)FXEvent::WaitAny({m_pPrivate->GetCoordinatorEvent().get(), m_pPrivate->GetAbortEvent().get()},
-                           kCoordinatorWaitMs);
+                           uWaitMs);
     if (Clock::now() - tIntervalStart >= kReportInterval) {
       CScanPerformanceCounter::LogAllCounters();
       CScanPerformanceCounter::LogThreadCounters();

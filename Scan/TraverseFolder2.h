@@ -70,6 +70,10 @@ class CTraverseFolder2 {
   // Items go to this handler, already opened by the caller, who also completes it; an empty one
   // drops them. Without this call Traverse opens and completes the volume's handler itself.
   void UseOutputHandler(const COutputHandlerPtr& pHandler);
+  // How long a worker may stay inside one file-system call before it is given up (its folder is
+  // then recorded as a scan failure with ETIMEDOUT and a new worker takes its place); by default
+  // the agent's setting (CBlockingCallWatch::GetConfiguredTimeout).
+  void SetStallTimeout(std::chrono::milliseconds timeout);
   // The prototype worker; it must be built on this traversal's private state (GetPrivate).
   void SetWorker(const CTraverseFolderWorker2Ptr& pWorker);
   const CTraverseFolderPrivate2Ptr& GetPrivate() const { return m_pPrivate; }
@@ -87,12 +91,18 @@ class CTraverseFolder2 {
   // Asks every worker to stop, then (with bWait) waits for each and releases them.
   void StopWorkers(bool bWait);
   CQiError WaitForWorkers();
+  // Makes and starts one worker from the prototype.
+  CQiError StartWorker(int iIndex);
+  // Gives up the workers stuck in one file-system call past the time-out; see SetStallTimeout.
+  CQiError GiveUpStalledWorkers(std::chrono::steady_clock::time_point tNow,
+                                std::chrono::milliseconds timeout);
   // Starts the workers and waits for them; stops them however it ends.
   CQiError RunWorkers();
 
   CTraverseFolderPrivate2Ptr m_pPrivate;
   // The output handler was handed in (UseOutputHandler): the caller opens and completes it.
   bool m_bOutputHandlerGiven = false;
+  int m_iNextWorkerIndex = 1;
 };
 
 using CTraverseFolder2Ptr = std::shared_ptr<CTraverseFolder2>;

@@ -29,6 +29,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -111,6 +112,7 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
   bool m_bCrossOSNFSBackup = false;
   int m_iMaxWorkers = 1;
   bool m_bProcessTopLevelContentItem = false;
+  std::chrono::milliseconds m_stallTimeout{0};  // zero: the agent's setting
 
   // The descriptors of recently listed folders, shared by the traversal's threads.
   const CListingFolderCachePtr& GetListingFolderCache() const { return m_pListingFolderCache; }

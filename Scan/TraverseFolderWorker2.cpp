@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "Platform/AutoTimeCounter.h"
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
@@ -202,17 +203,35 @@ void CTraverseFolderWorker2::GoIdle() {
   InternalStop();
 }
 
+bool CTraverseFolderWorker2::GetCurrentFolder(std::string& strInput, std::string& strOutput) const {
+  std::lock_guard<std::mutex> lock(m_mtxCurrent);
+  if (!m_bHasCurrent) return false;
+  strInput = m_current.GetInputFolder();
+  strOutput = m_current.GetOutputFolder();
+  return true;
+}
+
+void CTraverseFolderWorker2::LeaveBehind(const CTraverseFolderWorker2Ptr& pSelf) {
+  pSelf->KeepAliveUntilEnd(pSelf);
+}
+
 CQiError CTraverseFolderWorker2::ProcessPendingFolders() {
-  // Sub-folders open relative to their parents (this worker's or another's).
+  // Sub-folders open relative to their parents (this worker's or another's); the file-system
+  // calls of this thread are watched by the coordinator.
   CListingFolderCache::CThreadScope folderScope(m_pPrivate->GetListingFolderCache());
+  CBlockingCallWatch::CThreadScope watchScope(m_pWatch);
   for (;;) {
     if (IsStopRequested() || m_pPrivate->IsAborted() || m_pPrivate->HasScanFailure()) {
       GoIdle();
       return CQiError();
     }
-    CFoldersToTraverse2 entry;
     bool bFirstFolder = false;
-    CQiError error = m_pPrivate->GetFolderToTraverse(entry, bFirstFolder, &m_bIdle);
+    CQiError error;
+    {
+      std::lock_guard<std::mutex> lock(m_mtxCurrent);
+      error = m_pPrivate->GetFolderToTraverse(m_current, bFirstFolder, &m_bIdle);
+      m_bHasCurrent = error.IsSuccess();
+    }
     if (error.IsWin32(QiErrorCode::NoMoreItems)) {
       m_pPrivate->SignalCoordinator();
       return CQiError();
@@ -222,8 +241,17 @@ CQiError CTraverseFolderWorker2::ProcessPendingFolders() {
       GoIdle();
       return CQiError();
     }
-    error = entry.IsTopLevel() ? ProcessTopLevelEntry(entry, bFirstFolder)
-                               : TraverseFolder(entry, bFirstFolder);
+    error = m_current.IsTopLevel() ? ProcessTopLevelEntry(m_current, bFirstFolder)
+                                   : TraverseFolder(m_current, bFirstFolder);
+    if (CBlockingCallWatch::IsAbandoned()) {
+      // Given up while stuck in the file system: the traversal may be gone by now.
+      InternalStop();
+      return CQiError();
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_mtxCurrent);
+      m_bHasCurrent = false;
+    }
     if (error.IsWin32(QiErrorCode::OperationAborted)) {
       // An abort, or another worker's scan failure: a quiet end either way.
       GoIdle();
@@ -262,6 +290,8 @@ CQiError CTraverseFolderWorker2::ProcessTopLevelEntry(const CFoldersToTraverse2&
   if (error.IsSuccess() && !bMissing && !pItem)
     error = m_pLister->GetPathEnumerator()->GetItemByPath(m_pLister->GetBag(), strInput, strOutput,
                                                           pItem);
+  if (CBlockingCallWatch::IsAbandoned())
+    return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Traversal worker was given up");
   if (error.IsError() || bMissing || !pItem) {
     QI_RETURN_IF_ERROR(TraverseFolder(entry, bFirstFolder));
     return CQiError();

@@ -21,6 +21,12 @@
 // SetScanFailure on the shared state and stops. An abort (polled between entries and folders)
 // makes the worker idle and stops it quietly.
 //
+// Stuck in the file system: the worker's file-system calls are watched (GetWatch). The
+// coordinator gives up a worker that stays inside one call past the time-out: it records the
+// worker's folder (GetCurrentFolder) as failed and calls LeaveBehind; the worker's thread keeps
+// the worker alive until its call returns and then ends without touching the traversal or the
+// output handler.
+//
 // Prototype: the coordinator holds one worker that is never started and asks it for workers of
 // its kind (CreateWorker); a subclass overrides CreateWorker and the listing hooks.
 //
@@ -31,9 +37,11 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "Platform/AlertableEventThread.h"
+#include "Platform/BlockingCallWatch.h"
 #include "Platform/LogWriterInterfaceThreadWrapper.h"
 #include "Scan/TraverseFolderPrivate2.h"
 
@@ -52,8 +60,14 @@ class CTraverseFolderWorker2 : public CAlertableEventThread {
   CQiError Start() override;
   // True while the worker holds no folder (also before its first one).
   bool IsIdle() const { return m_bIdle.load(std::memory_order_acquire); }
+  std::atomic<bool>& GetIdleFlag() { return m_bIdle; }
   int GetIndex() const { return m_iIndex; }
   const CTraverseFolderPrivate2Ptr& GetPrivate() const { return m_pPrivate; }
+  const CBlockingCallWatchPtr& GetWatch() const { return m_pWatch; }
+  // The folder the worker is listing (any thread); false when it holds none.
+  bool GetCurrentFolder(std::string& strInput, std::string& strOutput) const;
+  // Gives the worker up (see the class comment); pSelf is this worker.
+  static void LeaveBehind(const CTraverseFolderWorker2Ptr& pSelf);
 
  protected:
   CQiError WaitForEvent(EWaitResult& eResult) override;
@@ -79,6 +93,11 @@ class CTraverseFolderWorker2 : public CAlertableEventThread {
   std::atomic<bool> m_bIdle{true};
   // Built on the worker's thread in OnStart, used only there.
   std::unique_ptr<CFolderLister> m_pLister;
+  const CBlockingCallWatchPtr m_pWatch = std::make_shared<CBlockingCallWatch>();
+  // The folder being listed: written by the worker under the mutex, read by the coordinator.
+  mutable std::mutex m_mtxCurrent;
+  CFoldersToTraverse2 m_current;
+  bool m_bHasCurrent = false;
   // The creating thread's log writer and context, installed on the worker thread while it runs.
   std::shared_ptr<CLogWriterInterface> m_pLogWriter;
   std::string m_strLogContext;

@@ -5,6 +5,7 @@
 // stale mounts below a listed folder (a recorded mount table), and a listed folder giving the
 // same items as the FindFirst engine.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -427,15 +428,20 @@ TEST(OnDemandLink, TargetBeyondReachStaysWithItsFolder) {
 
 // ---- a listed folder that changes between its check and its listing ----
 
-// Runs a step at the first abort check after it is armed. With a file listed before the folder,
-// arming it when the file's item arrives makes the step run where the traversal of the folder
-// asks, after the engine has checked and described the folder and before it is listed.
+// Runs a step at the first abort check of a traversal worker after it is armed. With a file
+// listed before the folder, arming it when the file's item arrives makes the step run where the
+// worker asks before it takes the folder, after the engine has checked and described the folder
+// and before it is listed. (The traversal's coordinator asks too, at any time: not there.)
 class CHookCallback : public CNamingCallback {
  public:
   bool IsAborted() const override {
-    std::function<void()> fnStep;
-    fnStep.swap(m_fnAtNextAbortCheck);
-    if (fnStep) fnStep();
+    char szThread[16] = {};
+    pthread_getname_np(pthread_self(), szThread, sizeof(szThread));
+    if (std::string(szThread).rfind("TraverseWkr", 0) == 0) {
+      std::function<void()> fnStep;
+      fnStep.swap(m_fnAtNextAbortCheck);
+      if (fnStep) fnStep();
+    }
     return CNamingCallback::IsAborted();
   }
   mutable std::function<void()> m_fnAtNextAbortCheck;

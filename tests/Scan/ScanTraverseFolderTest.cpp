@@ -325,7 +325,7 @@ TEST_P(EntryErrors, OnlyUnexpectedErrorsBecomeFailureRecords) {
 
 const SEntryErrorCase kEntryErrorCases[] = {
     {"Vanished", ENOENT, false},
-    {"PermissionDenied", EACCES, false},
+    {"PermissionDenied", EACCES, true},
     {"IoError", EIO, true},
     {"TooManyLinks", ELOOP, true},
 };

@@ -1,0 +1,42 @@
+#include "Platform/BlockingCallWatch.h"
+
+#include "Platform/ZRPlatformInfo.h"
+
+thread_local CBlockingCallWatch* CBlockingCallWatch::t_pWatch = nullptr;
+thread_local int CBlockingCallWatch::t_iDepth = 0;
+
+CBlockingCallWatch::CThreadScope::CThreadScope(std::shared_ptr<CBlockingCallWatch> pWatch)
+    : m_pWatch(std::move(pWatch)), m_pPrevious(t_pWatch), m_iPreviousDepth(t_iDepth) {
+  t_pWatch = m_pWatch.get();
+  t_iDepth = 0;
+}
+
+CBlockingCallWatch::CThreadScope::~CThreadScope() {
+  t_pWatch = m_pPrevious;
+  t_iDepth = m_iPreviousDepth;
+}
+
+bool CBlockingCallWatch::IsStalled(Clock::time_point tNow, std::chrono::milliseconds timeout) {
+  const uint64_t uCalls = m_uCalls.load(std::memory_order_acquire) & ~kAbandonedBit;
+  if ((uCalls & 1) == 0 || uCalls != m_uLastSeen) {
+    m_uLastSeen = uCalls;
+    m_tLastSeenSince = tNow;
+    return false;
+  }
+  return tNow - m_tLastSeenSince >= timeout;
+}
+
+bool CBlockingCallWatch::Abandon() {
+  uint64_t uExpected = m_uLastSeen;
+  if ((uExpected & 1) == 0) return false;
+  return m_uCalls.compare_exchange_strong(uExpected, uExpected | kAbandonedBit,
+                                          std::memory_order_acq_rel);
+}
+
+std::chrono::milliseconds CBlockingCallWatch::GetConfiguredTimeout() {
+  int iSeconds = static_cast<int>(kDefaultTimeout.count());
+  (void)ZRPlatformInfo::Instance().GetValue(ZRPlatformInfo::kFileSystemAgentSection, kTimeoutKey,
+                                            iSeconds);
+  if (iSeconds < 1) iSeconds = 1;
+  return std::chrono::seconds(iSeconds);
+}
