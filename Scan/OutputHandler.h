@@ -8,7 +8,7 @@
 // routing handlers CConsumerOutputHandler and CEvaluatorOutputHandler pass them to consumers.
 //
 // Threads: handlers hold no lock of their own. Items may arrive from several traversal workers at
-// once (the FindFirst engine serialises its deliveries, the others do not), so a handler shared
+// once (the fast FindFirst engine serialises its deliveries, the others do not), so a handler shared
 // by threads must guard its own state or rely on its consumers doing so.
 #pragma once
 
