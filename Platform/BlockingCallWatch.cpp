@@ -1,5 +1,8 @@
 #include "Platform/BlockingCallWatch.h"
 
+#include <algorithm>
+
+#include "Platform/AlertableEventThread.h"
 #include "Platform/ZRPlatformInfo.h"
 
 thread_local CBlockingCallWatch* CBlockingCallWatch::t_pWatch = nullptr;
@@ -39,4 +42,13 @@ std::chrono::milliseconds CBlockingCallWatch::GetConfiguredTimeout() {
                                             iSeconds);
   if (iSeconds < 1) iSeconds = 1;
   return std::chrono::seconds(iSeconds);
+}
+
+bool CBlockingCallWatch::WaitForStopOrGiveUp(CAlertableEventThread& thread, CBlockingCallWatch& watch,
+                                             std::chrono::milliseconds timeout) {
+  const uint32_t uSliceMs = static_cast<uint32_t>(std::clamp<long long>(timeout.count() / 4, 10, 1000));
+  for (;;) {
+    if (thread.WaitForStop(uSliceMs).IsSuccess()) return true;
+    if (watch.IsStalled(Clock::now(), timeout) && watch.Abandon()) return false;
+  }
 }

@@ -25,6 +25,8 @@
 #include <cstdint>
 #include <memory>
 
+class CAlertableEventThread;
+
 class CBlockingCallWatch {
  public:
   using Clock = std::chrono::steady_clock;
@@ -34,6 +36,17 @@ class CBlockingCallWatch {
   static constexpr const char* kTimeoutKey = "nFileSystemCallTimeoutSec";
   static constexpr std::chrono::seconds kDefaultTimeout{300};
   static std::chrono::milliseconds GetConfiguredTimeout();
+
+  // The time-out to use: the given one when positive, else the agent's setting.
+  static std::chrono::milliseconds EffectiveTimeout(std::chrono::milliseconds timeout) {
+    return timeout.count() > 0 ? timeout : GetConfiguredTimeout();
+  }
+
+  // Coordinator: waits for a watched thread's run to end (after a stop request). A thread that
+  // stays inside one file-system call for the time-out is given up instead (Abandon) and false
+  // comes back: the caller leaves it behind rather than wait for ever.
+  static bool WaitForStopOrGiveUp(CAlertableEventThread& thread, CBlockingCallWatch& watch,
+                                  std::chrono::milliseconds timeout);
 
   CBlockingCallWatch() = default;
   CBlockingCallWatch(const CBlockingCallWatch&) = delete;

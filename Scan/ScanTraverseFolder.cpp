@@ -326,8 +326,8 @@ CQiError CScanTraverseFolder::TraverseWithWorkers() {
       return QI_PUSH(error);
     }
   }
-  std::chrono::milliseconds stallTimeout = m_pPrivate->GetStallTimeout();
-  if (stallTimeout.count() <= 0) stallTimeout = CBlockingCallWatch::GetConfiguredTimeout();
+  const std::chrono::milliseconds stallTimeout =
+      CBlockingCallWatch::EffectiveTimeout(m_pPrivate->GetStallTimeout());
   const uint32_t uWaitMs = static_cast<uint32_t>(std::clamp<long long>(
       stallTimeout.count() / 4, 10, static_cast<long long>(kCoordinatorWaitMs)));
 
@@ -414,9 +414,18 @@ CQiError CScanTraverseFolder::StopWorkers(bool bWait, bool bCollectErrors) {
   std::vector<CScanTraverseFolderWorkerPtr>& lstWorkers = m_pPrivate->GetWorkers();
   // Ask all first, so that they wind down together, then wait for each.
   for (const CScanTraverseFolderWorkerPtr& pWorker : lstWorkers) (void)pWorker->Stop(false);
+  const std::chrono::milliseconds stallTimeout =
+      CBlockingCallWatch::EffectiveTimeout(m_pPrivate->GetStallTimeout());
   CQiError firstError;
   for (const CScanTraverseFolderWorkerPtr& pWorker : lstWorkers) {
-    if (bWait) (void)pWorker->Stop(true);
+    // A worker stuck in the file system is left behind, never waited for without end.
+    if (bWait &&
+        !CBlockingCallWatch::WaitForStopOrGiveUp(*pWorker, *pWorker->GetWatch(), stallTimeout)) {
+      ZRLOG(-1, "Traversal worker %d did not return from the file system within %lld ms; left behind",
+            pWorker->GetIndex(), static_cast<long long>(stallTimeout.count()));
+      CScanTraverseFolderWorker::LeaveBehind(pWorker);
+      continue;
+    }
     if (!bCollectErrors) continue;
     CQiError error = pWorker->GetLastError();
     if (error.IsError()) {

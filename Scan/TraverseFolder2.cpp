@@ -154,7 +154,16 @@ void CTraverseFolder2::StopWorkers(bool bWait) {
   // Ask all first, so that they wind down together, then wait for each.
   for (const CTraverseFolderWorker2Ptr& pWorker : lstWorkers) (void)pWorker->Stop(false);
   if (!bWait) return;
-  for (const CTraverseFolderWorker2Ptr& pWorker : lstWorkers) (void)pWorker->Stop(true);
+  const std::chrono::milliseconds stallTimeout =
+      CBlockingCallWatch::EffectiveTimeout(m_pPrivate->m_stallTimeout);
+  for (const CTraverseFolderWorker2Ptr& pWorker : lstWorkers) {
+    // A worker stuck in the file system is left behind, never waited for without end.
+    if (!CBlockingCallWatch::WaitForStopOrGiveUp(*pWorker, *pWorker->GetWatch(), stallTimeout)) {
+      ZRLOG(-1, "Traversal worker %d did not return from the file system within %lld ms; left behind",
+            pWorker->GetIndex(), static_cast<long long>(stallTimeout.count()));
+      CTraverseFolderWorker2::LeaveBehind(pWorker);
+    }
+  }
   lstWorkers.clear();
 }
 
@@ -201,8 +210,8 @@ CQiError CTraverseFolder2::RunWorkers() {
 
 CQiError CTraverseFolder2::WaitForWorkers() {
   Clock::time_point tIntervalStart = Clock::now();
-  std::chrono::milliseconds stallTimeout = m_pPrivate->m_stallTimeout;
-  if (stallTimeout.count() <= 0) stallTimeout = CBlockingCallWatch::GetConfiguredTimeout();
+  const std::chrono::milliseconds stallTimeout =
+      CBlockingCallWatch::EffectiveTimeout(m_pPrivate->m_stallTimeout);
   const uint32_t uWaitMs = static_cast<uint32_t>(std::clamp<long long>(
       stallTimeout.count() / 4, 10, static_cast<long long>(kCoordinatorWaitMs)));
   for (;;) {
