@@ -40,23 +40,21 @@
 #include "Platform/Bag.h"
 #include "Platform/QiError.h"
 #include "Scan/AbortOperationCheck.h"
+#include "Scan/FolderListing.h"
 #include "Scan/Item.h"
 #include "Scan/PathEnumerator.h"
 #include "Scan/ScanFoldersToTraverse.h"
 #include "Scan/ScanTraverseFolderPrivate.h"
 
-class CScanTraverseFolder {
+class CScanTraverseFolder : public CFolderListing::CHooks {
  public:
-  // Listing retries: the most restarts of one folder's listing, and the pause between them.
-  static constexpr int kMaxListingRetries = 5;
-  static constexpr uint32_t kListingRetryDelayMs = 1000;
   // The coordinator's wait, and the interval of the periodic counter logging.
   static constexpr uint32_t kCoordinatorWaitMs = 10000;
   static constexpr uint64_t kCounterLogIntervalSeconds = 1800;
 
   // Starts with a CBasicPathEnumerator as its path enumerator.
   CScanTraverseFolder();
-  virtual ~CScanTraverseFolder();
+  ~CScanTraverseFolder() override;
   CScanTraverseFolder(const CScanTraverseFolder&) = delete;
   CScanTraverseFolder& operator=(const CScanTraverseFolder&) = delete;
 
@@ -70,17 +68,17 @@ class CScanTraverseFolder {
                                           const std::string& strOutput, unsigned int uAttributes,
                                           const std::string& strNextSubstituteName);
   // A folder was met; the base queues it through OnTraverseFolder.
-  virtual CQiError OnFolder(const std::string& strInput, const std::string& strOutput,
-                            CItemPtr& pItem);
-  virtual CQiError OnFile(const std::string& strInput, const std::string& strOutput,
-                          CItemPtr& pItem);
-  virtual CQiError OnReparsePointFolder(const std::string& strInput, const std::string& strOutput,
-                                        CItemPtr& pItem);
-  virtual CQiError OnReparsePointFile(const std::string& strInput, const std::string& strOutput,
-                                      CItemPtr& pItem);
+  CQiError OnFolder(const std::string& strInput, const std::string& strOutput,
+                            CItemPtr& pItem) override;
+  CQiError OnFile(const std::string& strInput, const std::string& strOutput,
+                          CItemPtr& pItem) override;
+  CQiError OnReparsePointFolder(const std::string& strInput, const std::string& strOutput,
+                                        CItemPtr& pItem) override;
+  CQiError OnReparsePointFile(const std::string& strInput, const std::string& strOutput,
+                                      CItemPtr& pItem) override;
   // A path could not be listed (bIsFile false) or described.
-  virtual CQiError OnFailedContent(const std::string& strInput, const std::string& strOutput,
-                                   bool bIsFile, const CQiError& error);
+  CQiError OnFailedContent(const std::string& strInput, const std::string& strOutput,
+                                   bool bIsFile, const CQiError& error) override;
   // Called once on each worker thread before it takes work.
   virtual CQiError OnInitializeWorker();
 
@@ -99,13 +97,10 @@ class CScanTraverseFolder {
   // given in strNewOutputPath, extended by the folder's remainder).
   bool FolderWillAlreadyBeTraversed(const std::string& strPath, std::string& strNewOutputPath) const;
 
-  // The reparse points of one folder held aside for dispatch after the folder's other entries;
-  // a folder with more is listed a second time for them.
-  static constexpr size_t kMaxHeldReparsePoints = 1024;
-
   // Dispatches one item by kind to the hooks (the traversal's per-entry step).
   CQiError ProcessItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
-  // Lists one queued folder with the given enumerator. bFirstFolder makes its errors fatal.
+  // Lists one queued folder with the given enumerator (CFolderListing, with this traversal's
+  // hooks). bFirstFolder makes its errors fatal.
   CQiError TraverseFolder(const CScanFoldersToTraverse& entry, CPathEnumerator& enumerator,
                           bool bFirstFolder);
 
@@ -129,12 +124,11 @@ class CScanTraverseFolder {
 
   const CScanTraverseFolderPrivatePtr& GetPrivate() const { return m_pPrivate; }
 
- protected:
-  // The single switch of the listing retries: no error is retried.
-  static bool ShouldRetry(const CQiError& error);
-
  private:
-  struct SListing;
+  // The listing's hooks that are not the traversal's own virtual hooks.
+  bool IsListingAborted() const override { return IsAborted(); }
+  bool FailOnConsumerError(const CQiError& error) const override { return failOnConsumerError(error); }
+  uint64_t GetQueuedFolderCount() const override { return GetFoldersToTraverseCount(); }
 
   CQiError ProcessTopLevelContent();
   CQiError TraverseWithWorkers();
@@ -145,12 +139,6 @@ class CScanTraverseFolder {
                                 std::chrono::milliseconds timeout, bool bSolo, int& iNextIndex);
   // Stops every worker (waiting for them or not); with bCollectErrors, gathers their errors.
   CQiError StopWorkers(bool bWait, bool bCollectErrors);
-  CQiError ListFolder(SListing& listing);
-  CQiError ProcessEntry(SListing& listing, CQiError& entryError, CItemPtr& pItem);
-  // ProcessItem without its timer, for the listing loop that times its entries itself.
-  CQiError DispatchItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
-  CQiError OnListingError(SListing& listing, const CQiError& error);
-  CQiError AbortedError(const SListing& listing) const;
 
   CScanTraverseFolderPrivatePtr m_pPrivate;
 };

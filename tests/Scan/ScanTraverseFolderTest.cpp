@@ -223,7 +223,7 @@ class TraverseReparsePoints : public ::testing::TestWithParam<int> {};
 
 TEST_P(TraverseReparsePoints, ComeAfterAllOtherEntriesOfTheirFolder) {
   CTempTree tree;
-  const int iManyLinks = static_cast<int>(CScanTraverseFolder::kMaxHeldReparsePoints) + 5;
+  const int iManyLinks = static_cast<int>(CFolderListing::kMaxHeldReparsePoints) + 5;
   std::map<std::string, int> mapLinks{{"top", 20}, {"top/inner", 20}, {"top/inner/deep", 20},
                                       {"top/many", iManyLinks}};
   for (const auto& [strFolder, iLinks] : mapLinks) {
