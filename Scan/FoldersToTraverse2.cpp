@@ -20,10 +20,3 @@ CFoldersToTraverse2::CFoldersToTraverse2(std::string strInput, std::string strEn
       m_strNextSubstituteName(std::move(strNextSubstituteName)),
       m_uAttributes(uAttributes),
       m_bReparsePoint(true) {}
-
-CScanFoldersToTraverse CFoldersToTraverse2::ToScanFoldersToTraverse() const {
-  if (m_bReparsePoint)
-    return CScanFoldersToTraverse(m_pFolderItem, m_strInputFolder, m_strEndSubstituteName,
-                                  m_strOutputFolder, m_uAttributes, m_strNextSubstituteName);
-  return CScanFoldersToTraverse(m_pFolderItem, m_strInputFolder, m_strOutputFolder);
-}

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "Scan/Item.h"
-#include "Scan/ScanFoldersToTraverse.h"
 
 class CFoldersToTraverse2 {
  public:
@@ -33,8 +32,6 @@ class CFoldersToTraverse2 {
   bool IsTopLevel() const { return m_bTopLevel; }
   void SetTopLevel(bool bTopLevel) { m_bTopLevel = bTopLevel; }
 
-  // The same entry in the form the folder lister of the first generation takes.
-  CScanFoldersToTraverse ToScanFoldersToTraverse() const;
 
  private:
   std::string m_strInputFolder;

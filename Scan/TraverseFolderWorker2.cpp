@@ -9,52 +9,34 @@
 #include "Platform/FXString.h"
 #include "Platform/ListingFolderCache.h"
 #include "Platform/ScanPerformanceCounterSet.h"
+#include "Scan/BasicPathEnumerator.h"
 #include "Scan/EnumerateFiles.h"
+#include "Scan/FolderListing.h"
+#include "Scan/ItemSelection.h"
 #include "Scan/ScannerConfigurationBagId.h"
 #include "Scan/TraverseFolder2.h"
 
-namespace {
-// Listings stop between entries on an abort and also once another worker has raised a scan
-// failure, so that the traversal winds down at once.
-class CWorkerAbortCheck : public CAbortOperationCheck {
- public:
-  explicit CWorkerAbortCheck(const CTraverseFolderPrivate2& shared) : m_shared(shared) {}
-  bool IsAborted() const override { return m_shared.IsAborted() || m_shared.HasScanFailure(); }
-
- private:
-  const CTraverseFolderPrivate2& m_shared;
-};
-}  // namespace
-
-// The worker's folder lister: the first-generation listing and filtering (CEnumerateFiles) with
-// the item path redirected to the traversal's output handler, its queue and the callback's
-// scan-failure consumer. It is used for single folders only (TraverseFolder), never traversed.
-class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
+// The worker's listing hooks: the shared listing core (CFolderListing) with the work unit's
+// selection (CItemSelection), the item path redirected to the traversal's output handler, its
+// queue and the callback's scan-failure consumer. Made on the worker's thread, used only there.
+class CTraverseFolderWorker2::CFolderLister : public CFolderListing::CHooks {
  public:
   explicit CFolderLister(CTraverseFolderPrivate2& shared)
-      : CEnumerateFiles(nullptr), m_shared(shared), m_abortCheck(shared) {
+      : m_shared(shared), m_pEnumerator(std::make_shared<CBasicPathEnumerator>()) {
     const CWorkUnitPtr& pUnit = shared.GetWorkUnit();
-    SetExcludedAttributes(shared.m_uExcludedAttributes);
-    EnableBuiltInSystemProtectedFilesFilter(shared.m_bBuiltInSystemProtectedFilesFilter);
+    m_selection.SetExcludedAttributes(shared.m_uExcludedAttributes);
+    m_selection.EnableBuiltInSystemProtectedFilesFilter(shared.m_bBuiltInSystemProtectedFilesFilter);
     if (pUnit) {
-      SetWorkUnitBag(pUnit->GetBag());
-      SetScanContent(pUnit->GetScanContent());
-      SetFilters(pUnit->GetFilters());
-      SetSystemFilters(pUnit->GetSystemFilters());
+      m_pBag = pUnit->GetBag();
+      m_selection.SetScanContent(pUnit->GetScanContent());
+      m_selection.SetFilters(pUnit->GetFilters());
+      m_selection.SetSystemFilters(pUnit->GetSystemFilters());
     }
-    SetAbortCheck(&m_abortCheck);
   }
 
-  CQiError OnTraverseFolder(CItemPtr pFolder, const std::string& strInput,
-                            const std::string& strOutput) override {
-    if (m_bHoldNextFolder) {
-      m_bHoldNextFolder = false;
-      m_heldFolder.emplace(strInput, strOutput, std::move(pFolder));
-      return CQiError();
-    }
-    m_shared.GetTraversal()->AddFolderToList(strInput, strOutput, std::move(pFolder));
-    return CQiError();
-  }
+  CPathEnumerator& GetEnumerator() { return *m_pEnumerator; }
+  const CBagPtr& GetBag() const { return m_pBag; }
+  CFolderListing MakeListing() { return CFolderListing(*this, m_pBag, m_strVolumeName); }
 
   // The next folder that would be queued is kept for the caller instead (a content root that
   // the worker reports and then lists itself).
@@ -70,29 +52,25 @@ class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
     return held;
   }
 
-  CQiError OnTraverseReparsePoint(CItemPtr /*pItem*/, const std::string& strInput,
-                                  const std::string& strEndSubstituteName,
-                                  const std::string& strOutput, unsigned int uAttributes,
-                                  const std::string& strNextSubstituteName) override {
-    m_shared.GetTraversal()->AddReparsePointToList(strInput, strEndSubstituteName, strOutput,
-                                                   uAttributes, strNextSubstituteName);
-    return CQiError();
-  }
-
   CQiError OnFolder(const std::string& strInput, const std::string& strOutput,
                     CItemPtr& pItem) override {
-    if (!IsFiltered(pItem, strOutput)) {
+    if (!m_selection.IsFiltered(*pItem, strOutput)) {
       QI_RETURN_IF_ERROR(Deliver(pItem));
-    } else if (!IsMatchPossibleInFolder(pItem, strOutput)) {
+    } else if (!m_selection.IsMatchPossibleInFolder(strOutput)) {
       return CQiError();
     }
-    QI_RETURN_IF_ERROR(CScanTraverseFolder::OnFolder(strInput, strOutput, pItem));
+    if (m_bHoldNextFolder) {
+      m_bHoldNextFolder = false;
+      m_heldFolder.emplace(strInput, strOutput, pItem);
+      return CQiError();
+    }
+    m_shared.GetTraversal()->AddFolderToList(strInput, strOutput, pItem);
     return CQiError();
   }
 
   CQiError OnFile(const std::string& /*strInput*/, const std::string& strOutput,
                   CItemPtr& pItem) override {
-    if (!IsFiltered(pItem, strOutput)) QI_RETURN_IF_ERROR(Deliver(pItem));
+    if (!m_selection.IsFiltered(*pItem, strOutput)) QI_RETURN_IF_ERROR(Deliver(pItem));
     return CQiError();
   }
 
@@ -116,9 +94,18 @@ class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
       ZRLOG(5, "Not supported");
       return CQiError();
     }
-    QI_RETURN_IF_ERROR(WriteFailureRecord(pConsumer, GetBag(), strInput, strOutput, error));
+    QI_RETURN_IF_ERROR(CEnumerateFiles::WriteFailureRecord(pConsumer, m_pBag, strInput, strOutput, error));
     return CQiError();
   }
+
+  // Listings stop between entries on an abort and also once another worker has raised a scan
+  // failure, so that the traversal winds down at once.
+  bool IsListingAborted() const override {
+    return m_shared.IsAborted() || m_shared.HasScanFailure();
+  }
+  // Every consumer error counts.
+  bool FailOnConsumerError(const CQiError& /*error*/) const override { return true; }
+  uint64_t GetQueuedFolderCount() const override { return m_shared.GetFolderCount(); }
 
  private:
   // Hands a selected item to the volume's output handler; a refusal (Win32 50) skips it.
@@ -140,7 +127,10 @@ class CTraverseFolderWorker2::CFolderLister : public CEnumerateFiles {
   }
 
   CTraverseFolderPrivate2& m_shared;
-  CWorkerAbortCheck m_abortCheck;
+  CItemSelection m_selection;
+  CBagPtr m_pBag;
+  const std::string m_strVolumeName;  // the per-thread counters of this traversal
+  std::shared_ptr<CBasicPathEnumerator> m_pEnumerator;
   bool m_bHoldNextFolder = false;
   std::optional<CFoldersToTraverse2> m_heldFolder;
 };
@@ -270,9 +260,11 @@ CQiError CTraverseFolderWorker2::ProcessPendingFolders() {
 CQiError CTraverseFolderWorker2::TraverseFolder(const CFoldersToTraverse2& entry,
                                                 bool bFirstFolder) {
   if (!m_pLister) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Worker not started");
-  CPathEnumeratorPtr pEnumerator = m_pLister->GetPathEnumerator();
+  const CFolderListing::SEntry view{entry.GetInputFolder(), entry.GetOutputFolder(),
+                                    entry.GetFolderItem(), entry.IsReparsePointEntry(),
+                                    entry.GetEndSubstituteName()};
   QI_RETURN_IF_ERROR(
-      m_pLister->TraverseFolder(entry.ToScanFoldersToTraverse(), *pEnumerator, bFirstFolder));
+      m_pLister->MakeListing().TraverseFolder(view, m_pLister->GetEnumerator(), bFirstFolder));
   return CQiError();
 }
 
@@ -288,8 +280,7 @@ CQiError CTraverseFolderWorker2::ProcessTopLevelEntry(const CFoldersToTraverse2&
   CItemPtr pItem = entry.GetFolderItem();
   CQiError error = FXPath::DoesPathExist(strInput, bMissing);
   if (error.IsSuccess() && !bMissing && !pItem)
-    error = m_pLister->GetPathEnumerator()->GetItemByPath(m_pLister->GetBag(), strInput, strOutput,
-                                                          pItem);
+    error = m_pLister->GetEnumerator().GetItemByPath(m_pLister->GetBag(), strInput, strOutput, pItem);
   if (CBlockingCallWatch::IsAbandoned())
     return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Traversal worker was given up");
   if (error.IsError() || bMissing || !pItem) {
@@ -305,7 +296,7 @@ CQiError CTraverseFolderWorker2::ProcessTopLevelEntry(const CFoldersToTraverse2&
   // A folder root that is to be listed would be queued (OnFolder): it is kept and listed here,
   // so that it keeps its place as the first folder.
   m_pLister->HoldNextQueuedFolder();
-  error = m_pLister->ProcessItem(strParentL, strParentS, pItem);
+  error = m_pLister->MakeListing().ProcessItem(strParentL, strParentS, pItem);
   std::optional<CFoldersToTraverse2> root = m_pLister->TakeHeldFolder();
   if (error.IsError())
     return QI_PUSH(error, "ProcessItem failed, cannot process, InputFolder=%s",

@@ -2,10 +2,10 @@
 // (CTraverseFolder2).
 //
 // The worker sleeps on the traversal's folder-available event and, when woken, takes folders
-// from the shared queue one at a time and lists each with its own clone of the path enumerator.
-// For every entry it applies the work unit's selection (excluded attributes, scan content, system
-// filters with the optional built-in list, filters: the same rules as CEnumerateFiles, whose
-// listing and filtering it reuses), sends selected items to the output handler that the
+// from the shared queue one at a time and lists each with a path enumerator of its own, through
+// the listing core that both traversals share (CFolderListing). For every entry it applies the
+// work unit's selection (CItemSelection: excluded attributes, scan content, system filters with
+// the optional built-in list, filters), sends selected items to the output handler that the
 // coordinator opened for the volume, queues sub-folders, and writes paths that cannot be listed
 // or described to the scanner callback's scan-failure consumer. Symbolic links are reported, not
 // followed.
