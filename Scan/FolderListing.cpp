@@ -39,6 +39,29 @@ bool IsMissingFolderError(const CQiError& error) {
 
 bool CFolderListing::ShouldRetry(const CQiError& /*error*/) { return false; }
 
+CQiError CFolderListing::ProcessRoot(const std::string& strInput, const std::string& strOutput,
+                                     CItemPtr pItem, CPathEnumerator& enumerator, bool& bReported) {
+  bReported = false;
+  if (ZRLOG_ON(3)) ZRLOG(3, "item:%s oFolder:%s", Esc(strInput).c_str(), Esc(strOutput).c_str());
+  bool bMissing = true;
+  CQiError error = FXPath::DoesPathExist(strInput, bMissing);
+  if (error.IsSuccess() && !bMissing && !pItem)
+    error = enumerator.GetItemByPath(m_pBag, strInput, strOutput, pItem);
+  if (CBlockingCallWatch::IsAbandoned()) return AbandonedError();
+  if (error.IsError() || bMissing || !pItem) return CQiError();
+  std::string strParentL, strNameL, strParentS, strNameS;
+  (void)FXPath::SplitParent(strInput, strParentL, strNameL);
+  (void)FXPath::SplitParent(strOutput, strParentS, strNameS);
+  if (ZRLOG_ON(3))
+    ZRLOG(3, "oFile.name=%s oFile.dir=(L:%s S:%s)", Esc(strNameL).c_str(), Esc(strParentL).c_str(),
+          Esc(strParentS).c_str());
+  bReported = true;
+  error = ProcessItem(strParentL, strParentS, pItem);
+  if (error.IsError())
+    return QI_PUSH(error, "ProcessItem failed, cannot process, InputFolder=%s", Esc(strInput).c_str());
+  return CQiError();
+}
+
 // The state of one folder listing (both passes).
 struct CFolderListing::SListing {
   const SEntry& entry;

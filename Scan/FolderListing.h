@@ -81,6 +81,12 @@ class CFolderListing {
 
   // Lists one folder with the enumerator; bFirstFolder makes its errors fatal.
   CQiError TraverseFolder(const SEntry& entry, CPathEnumerator& enumerator, bool bFirstFolder);
+  // Top-level processing of a content root: the root's own item (pItem when known, else
+  // described by its path) is dispatched as an entry of its parent's listing would be.
+  // bReported is false, and nothing is dispatched, when the root does not exist or cannot be
+  // described: its listing is left to report it.
+  CQiError ProcessRoot(const std::string& strInput, const std::string& strOutput, CItemPtr pItem,
+                       CPathEnumerator& enumerator, bool& bReported);
   // Dispatches one item by kind to the hooks (timed in the per-scan counter).
   CQiError ProcessItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
 

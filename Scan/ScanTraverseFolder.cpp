@@ -187,30 +187,13 @@ CQiError CScanTraverseFolder::ProcessTopLevelContent() {
   // Every queued root that exists is reported itself; ProcessItem queues it again (through
   // OnFolder) when it is to be walked. A root that does not exist is left to the walk, which
   // reports it as missing.
+  CFolderListing listing(*this, m_pPrivate->GetBag(), m_pPrivate->GetVolumeName());
   for (CScanFoldersToTraverse& entry : m_pPrivate->TakeAll()) {
-    const std::string& strInput = entry.GetInputFolder();
-    const std::string& strOutput = entry.GetOutputFolder();
-    if (ZRLOG_ON(3)) ZRLOG(3, "item:%s oFolder:%s", Esc(strInput).c_str(), Esc(strOutput).c_str());
-    bool bMissing = true;
-    CItemPtr pItem = entry.GetFolderItem();
-    CQiError error = FXPath::DoesPathExist(strInput, bMissing);
-    if (error.IsSuccess() && !bMissing && !pItem)
-      error = m_pPrivate->GetPathEnumerator()->GetItemByPath(m_pPrivate->GetBag(), strInput,
-                                                             strOutput, pItem);
-    if (error.IsError() || bMissing || !pItem) {
-      m_pPrivate->AddFolder(std::move(entry));
-      continue;
-    }
-    std::string strParentL, strNameL, strParentS, strNameS;
-    (void)FXPath::SplitParent(strInput, strParentL, strNameL);
-    (void)FXPath::SplitParent(strOutput, strParentS, strNameS);
-    if (ZRLOG_ON(3))
-      ZRLOG(3, "oFile.name=%s oFile.dir=(L:%s S:%s)", Esc(strNameL).c_str(),
-            Esc(strParentL).c_str(), Esc(strParentS).c_str());
-    error = ProcessItem(strParentL, strParentS, pItem);
-    if (error.IsError())
-      return QI_PUSH(error, "ProcessItem failed, cannot process, InputFolder=%s",
-                     Esc(strInput).c_str());
+    bool bReported = false;
+    QI_RETURN_IF_ERROR(listing.ProcessRoot(entry.GetInputFolder(), entry.GetOutputFolder(),
+                                           entry.GetFolderItem(), *m_pPrivate->GetPathEnumerator(),
+                                           bReported));
+    if (!bReported) m_pPrivate->AddFolder(std::move(entry));
   }
   return CQiError();
 }

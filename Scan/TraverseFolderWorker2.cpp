@@ -271,36 +271,17 @@ CQiError CTraverseFolderWorker2::TraverseFolder(const CFoldersToTraverse2& entry
 CQiError CTraverseFolderWorker2::ProcessTopLevelEntry(const CFoldersToTraverse2& entry,
                                                       bool bFirstFolder) {
   if (!m_pLister) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Worker not started");
-  const std::string& strInput = entry.GetInputFolder();
-  const std::string& strOutput = entry.GetOutputFolder();
-  if (ZRLOG_ON(3))
-    ZRLOG(3, "item:%s oFolder:%s", FXString::EscapeControl(strInput).c_str(),
-          FXString::EscapeControl(strOutput).c_str());
-  bool bMissing = true;
-  CItemPtr pItem = entry.GetFolderItem();
-  CQiError error = FXPath::DoesPathExist(strInput, bMissing);
-  if (error.IsSuccess() && !bMissing && !pItem)
-    error = m_pLister->GetEnumerator().GetItemByPath(m_pLister->GetBag(), strInput, strOutput, pItem);
-  if (CBlockingCallWatch::IsAbandoned())
-    return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Traversal worker was given up");
-  if (error.IsError() || bMissing || !pItem) {
-    QI_RETURN_IF_ERROR(TraverseFolder(entry, bFirstFolder));
-    return CQiError();
-  }
-  std::string strParentL, strNameL, strParentS, strNameS;
-  (void)FXPath::SplitParent(strInput, strParentL, strNameL);
-  (void)FXPath::SplitParent(strOutput, strParentS, strNameS);
-  if (ZRLOG_ON(3))
-    ZRLOG(3, "oFile.name=%s oFile.dir=(L:%s S:%s)", FXString::EscapeControl(strNameL).c_str(),
-          FXString::EscapeControl(strParentL).c_str(), FXString::EscapeControl(strParentS).c_str());
   // A folder root that is to be listed would be queued (OnFolder): it is kept and listed here,
   // so that it keeps its place as the first folder.
   m_pLister->HoldNextQueuedFolder();
-  error = m_pLister->MakeListing().ProcessItem(strParentL, strParentS, pItem);
+  bool bReported = false;
+  CQiError error = m_pLister->MakeListing().ProcessRoot(entry.GetInputFolder(), entry.GetOutputFolder(),
+                                                        entry.GetFolderItem(),
+                                                        m_pLister->GetEnumerator(), bReported);
   std::optional<CFoldersToTraverse2> root = m_pLister->TakeHeldFolder();
-  if (error.IsError())
-    return QI_PUSH(error, "ProcessItem failed, cannot process, InputFolder=%s",
-                   FXString::EscapeControl(strInput).c_str());
+  QI_RETURN_IF_ERROR(error);
+  // A root that could not be described is left to its listing, which reports it.
+  if (!bReported) QI_RETURN_IF_ERROR(TraverseFolder(entry, bFirstFolder));
   if (root) QI_RETURN_IF_ERROR(TraverseFolder(*root, bFirstFolder));
   return CQiError();
 }
