@@ -1,6 +1,8 @@
 #include "Scan/ScanFailureConsumer.h"
 
+#include <stdio_ext.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -27,6 +29,15 @@ struct SLineBuffer {
   size_t uCapacity = 0;
   ~SLineBuffer() { free(pData); }
 };
+
+// The size of a regular file, -1 for anything else. Every record is flushed as it is written, so
+// before a record this is the end of the last whole one (also in append mode, where the stream's
+// offset says nothing until the first write).
+off_t FileEnd(FILE* pFile) {
+  struct stat st {};
+  if (fstat(fileno(pFile), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return st.st_size;
+}
 
 // errno after a failed stdio call; EIO when the library left none.
 int LastErrNo() { return errno != 0 ? errno : EIO; }
@@ -67,7 +78,11 @@ CQiError CScanFailureConsumer::Open(const std::string& strMode) {
 }
 
 CQiError CScanFailureConsumer::Close() {
-  m_pFile.reset();
+  if (!m_pFile) return CQiError();
+  // Every record was flushed when it was written, but a file system may report a write only
+  // when the file is closed (NFS, quotas): that is a lost record too.
+  errno = 0;
+  if (fclose(m_pFile.release()) != 0) return WriteFailedError(LastErrNo());
   return CQiError();
 }
 
@@ -114,10 +129,13 @@ CQiError CScanFailureConsumer::RawWriteItem(const std::string& strLine,
   if (!m_pFile) return NotOpenError();
 
   FILE* pFile = m_pFile.get();
+  const off_t llRecordStart = FileEnd(pFile);
   errno = 0;
   if (fwrite(strLine.data(), 1, strLine.size(), pFile) != strLine.size() ||
       fputc('\n', pFile) == EOF || fflush(pFile) == EOF) {
-    return WriteFailedError(LastErrNo());
+    const int iErrNo = LastErrNo();
+    DiscardUnwritten(llRecordStart);
+    return WriteFailedError(iErrNo);
   }
   ++m_ullProcessedItems;
   m_ullBytesTotal += ullSize;
@@ -140,7 +158,11 @@ CQiError CScanFailureConsumer::RawAppendFile(const std::string& strPath) {
                           FXString::EscapeControl(strPath).c_str());
   }
 
+  // The copy is whole or not at all: a failed write takes back the lines copied before it, so
+  // that the count stays the number of lines in the file.
   FILE* pFile = m_pFile.get();
+  const off_t llCopyStart = FileEnd(pFile);
+  uint64_t ullLines = 0;
   SLineBuffer line;
   ssize_t llRead;
   while ((llRead = getline(&line.pData, &line.uCapacity, pInput.get())) >= 0) {
@@ -148,13 +170,34 @@ CQiError CScanFailureConsumer::RawAppendFile(const std::string& strPath) {
     while (uLength > 0 && (line.pData[uLength - 1] == '\n' || line.pData[uLength - 1] == '\r'))
       --uLength;
     errno = 0;
-    if (fwrite(line.pData, 1, uLength, pFile) != uLength || fputc('\n', pFile) == EOF)
-      return WriteFailedError(LastErrNo());
-    ++m_ullProcessedItems;
+    if (fwrite(line.pData, 1, uLength, pFile) != uLength || fputc('\n', pFile) == EOF) {
+      const int iErrNo = LastErrNo();
+      DiscardUnwritten(llCopyStart);
+      return WriteFailedError(iErrNo);
+    }
+    ++ullLines;
   }
   errno = 0;
-  if (fflush(pFile) == EOF) return WriteFailedError(LastErrNo());
+  if (fflush(pFile) == EOF) {
+    const int iErrNo = LastErrNo();
+    DiscardUnwritten(llCopyStart);
+    return WriteFailedError(iErrNo);
+  }
+  m_ullProcessedItems += ullLines;
   return CQiError();
+}
+
+void CScanFailureConsumer::DiscardUnwritten(off_t llGoodEnd) {
+  FILE* pFile = m_pFile.get();
+  // What the stream still holds would go out with the next record that can be written.
+  __fpurge(pFile);
+  clearerr(pFile);
+  // A short write may have left part of the record in the file; a regular file is cut back to
+  // its last whole record so that the next record starts on a line of its own.
+  if (llGoodEnd < 0 || FileEnd(pFile) <= llGoodEnd) return;
+  if (ftruncate(fileno(pFile), llGoodEnd) != 0 || fseeko(pFile, llGoodEnd, SEEK_SET) != 0)
+    ZRLOG(-1, "Failed to cut the failures file back to its last whole record, Path=%s, Offset=%lld",
+          FXString::EscapeControl(m_strFileName).c_str(), static_cast<long long>(llGoodEnd));
 }
 
 CQiError CScanFailureConsumer::NotOpenError() {

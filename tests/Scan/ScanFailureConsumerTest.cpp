@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <csignal>
+
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -277,31 +282,98 @@ TEST_F(ScanFailureFixture, FailedOpenRaisesTheOpenEventAndNamesTheFile) {
   EXPECT_TRUE(consumer.IsOpen());
 }
 
-// A full device: the write fails with the errno, the job hears of it, the counters stay.
-TEST_F(ScanFailureFixture, WriteFailureReturnsTheErrnoAndRaisesTheWriteEvent) {
-  CScanFailureConsumer consumer(0, "/dev/full", "w");
+// A write that fails: a full device, or a file that reaches the process's file-size limit in the
+// middle of a record. The operation returns the errno, the job hears of it once, the counters
+// stay, and nothing of the lost record reaches the file, then or with the next record.
+
+// Lowers RLIMIT_FSIZE for the scope; writes beyond it fail with EFBIG instead of killing us.
+class CFileSizeLimit {
+ public:
+  explicit CFileSizeLimit(rlim_t limit) {
+    m_oldHandler = signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &m_old);
+    struct rlimit lowered = m_old;
+    lowered.rlim_cur = limit;
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &lowered));
+  }
+  ~CFileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &m_old);
+    signal(SIGXFSZ, m_oldHandler);
+  }
+
+ private:
+  struct rlimit m_old {};
+  sighandler_t m_oldHandler;
+};
+
+struct SWriteFailureCase {
+  const char* name;
+  int operation;  // 0 Process, 1 RawWriteItem, 2 RawAppendFile
+  bool fullDevice;  // /dev/full; else a regular file under a file-size limit
+};
+
+void PrintTo(const SWriteFailureCase& c, std::ostream* out) { *out << c.name; }
+
+class ScanFailureWriteFailure : public ScanFailureFixture,
+                                public ::testing::WithParamInterface<SWriteFailureCase> {};
+
+TEST_P(ScanFailureWriteFailure, ReturnsTheErrnoRaisesTheEventAndLeavesNoPartOfTheRecord) {
+  const SWriteFailureCase& c = GetParam();
+  const std::string output = c.fullDevice ? std::string("/dev/full") : m_tree.Path("failures.txt");
+  const std::string input = m_tree.MakeFile("input.txt", "file /x:1\nfile /y:2\n");
+  CScanFailureConsumer consumer(0, output, "w");
   ASSERT_TRUE(consumer.IsOpen());
-  CQiError raw = consumer.RawWriteItem("file /a:1", 10);
-  EXPECT_TRUE(raw.IsErrNo(28)) << raw.AsString();
-  ExpectOneEvent(0x11000027, "/dev/full");
-  EXPECT_EQ(0u, consumer.getProcessedItemsCount());
-  EXPECT_EQ(0u, consumer.GetBytesTotal());
+  uint64_t countBefore = 0, bytesBefore = 0;
+  if (!c.fullDevice) {
+    ASSERT_TRUE(consumer.RawWriteItem("file /first:1", 7).IsSuccess());
+    countBefore = 1;
+    bytesBefore = 7;
+  }
+  CQiError error;
+  {
+    // Room for 4 more bytes: the record is cut short in the file.
+    CFileSizeLimit limit(c.fullDevice ? RLIM_INFINITY : ReadAll(output).size() + 4);
+    switch (c.operation) {
+      case 0: error = consumer.Process(FailedItem(input, 5)); break;
+      case 1: error = consumer.RawWriteItem("file /lost:3", 10); break;
+      default: error = consumer.RawAppendFile(input); break;
+    }
+  }
+  const int expectedErrno = c.fullDevice ? ENOSPC : EFBIG;
+  EXPECT_TRUE(error.IsErrNo(expectedErrno)) << error.AsString();
+  ExpectOneEvent(0x11000027, output);
+  EXPECT_EQ(countBefore, consumer.getProcessedItemsCount());
+  EXPECT_EQ(bytesBefore, consumer.GetBytesTotal());
+  if (c.operation == 0) {
+    EXPECT_EQ("RawWriteItem failed", error.GetFrames().back().text);
+    EXPECT_EQ(1u, m_pLog->CountContaining(error.GetMessage() + ": " + error.AsString(), -1));
+  }
 
-  m_pLog->Clear();
-  const std::string input = m_tree.MakeFile("input.txt", "abc");
-  CQiError processed = consumer.Process(FailedItem(input, 5));
-  EXPECT_TRUE(processed.IsErrNo(28)) << processed.AsString();
-  EXPECT_EQ("RawWriteItem failed", processed.GetFrames().back().text);
-  const std::vector<CCaptureLogWriter::SEntry> entries = m_pLog->GetEntries();
-  ASSERT_EQ(1u, entries.size());
-  EXPECT_EQ(-1, entries[0].level);
-  EXPECT_EQ(processed.GetMessage() + ": " + processed.AsString(), entries[0].text);
-  EXPECT_EQ(0u, consumer.getProcessedItemsCount());
-
-  CQiError appended = consumer.RawAppendFile(input);
-  EXPECT_TRUE(appended.IsErrNo(28)) << appended.AsString();
-  EXPECT_EQ(3u, m_pSink->Events().size());
+  // The next record: on the full device it fails as well; in the file it follows the last
+  // whole record, and nothing of the lost one comes with it.
+  CQiError next = consumer.RawWriteItem("file /last:2", 1);
+  CQiError closed = consumer.Close();
+  if (c.fullDevice) {
+    EXPECT_TRUE(next.IsErrNo(ENOSPC)) << next.AsString();
+    EXPECT_EQ(0u, consumer.getProcessedItemsCount());
+  } else {
+    EXPECT_TRUE(next.IsSuccess()) << next.AsString();
+    EXPECT_TRUE(closed.IsSuccess()) << closed.AsString();
+    EXPECT_EQ("file /first:1\nfile /last:2\n", ReadAll(output));
+    EXPECT_EQ(2u, consumer.getProcessedItemsCount());
+    EXPECT_EQ(8u, consumer.GetBytesTotal());
+  }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Operations, ScanFailureWriteFailure,
+    ::testing::Values(SWriteFailureCase{"ProcessFullDevice", 0, true},
+                      SWriteFailureCase{"RawWriteItemFullDevice", 1, true},
+                      SWriteFailureCase{"RawAppendFileFullDevice", 2, true},
+                      SWriteFailureCase{"ProcessShortWrite", 0, false},
+                      SWriteFailureCase{"RawWriteItemShortWrite", 1, false},
+                      SWriteFailureCase{"RawAppendFileShortWrite", 2, false}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
 // Appending another list.
