@@ -1,6 +1,7 @@
 #include "FsscanCallback.h"
 
 #include "EngineFactory.h"
+#include "Scan/OnDemandScanEngine.h"
 
 static_assert(std::atomic<bool>::is_always_lock_free, "the interrupt flag is set from a signal handler");
 
@@ -31,7 +32,15 @@ CQiError CFsscanCallback::GetScanFailureConsumer(CItemConsumerPtr& pConsumer) {
 
 CQiError CFsscanCallback::GetScanEngineList(CScanEngineList& lstEngines) {
   QI_RETURN_IF_ERROR(CEngineFactory::MakeEngines(m_lstEngineNames, m_strInstance, lstEngines));
+  if (m_lstOnDemandBlackList.empty()) return CQiError();
+  for (const CScanEnginePtr& pEngine : lstEngines)
+    if (auto* pOnDemand = dynamic_cast<COnDemandScanEngine*>(pEngine.get()))
+      pOnDemand->SetBlackListScanContent(m_lstOnDemandBlackList);
   return CQiError();
+}
+
+void CFsscanCallback::SetOnDemandBlackList(std::vector<std::string> lstBlackList) {
+  m_lstOnDemandBlackList = std::move(lstBlackList);
 }
 
 void CFsscanCallback::RequestInterrupt() { s_bInterrupted.store(true, std::memory_order_relaxed); }

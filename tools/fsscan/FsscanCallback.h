@@ -5,7 +5,7 @@
 // handler).
 //
 // Threads: called from every engine thread at once; it holds only shared pointers and names set
-// at construction and atomic flags.
+// at construction (or by SetOnDemandBlackList before the scan) and atomic flags.
 #pragma once
 
 #include <atomic>
@@ -31,6 +31,10 @@ class CFsscanCallback : public CScannerCallback {
   // New engine objects on every call: each scanner drives engines of its own.
   CQiError GetScanEngineList(CScanEngineList& lstEngines) override;
 
+  // Content that every on-demand engine made by GetScanEngineList leaves out (with everything
+  // below it). Set before the scan.
+  void SetOnDemandBlackList(std::vector<std::string> lstBlackList);
+
   // Async-signal-safe: marks every callback of the process as aborted.
   static void RequestInterrupt();
   static bool IsInterrupted();
@@ -40,6 +44,7 @@ class CFsscanCallback : public CScannerCallback {
   CItemConsumerPtr m_pFailureConsumer;
   const std::vector<std::string> m_lstEngineNames;
   const std::string m_strInstance;
+  std::vector<std::string> m_lstOnDemandBlackList;
   static std::atomic<bool> s_bInterrupted;
 };
 

@@ -156,30 +156,49 @@ CItemLineOutputHandler::SThreadBuffer& CItemLineOutputHandler::GetThreadBuffer()
 }
 
 CQiError CItemLineOutputHandler::WriteLocked(SThreadBuffer& buffer) {
-  m_ullItems.fetch_add(buffer.ullItems, std::memory_order_relaxed);
-  m_ullFolders.fetch_add(buffer.ullFolders, std::memory_order_relaxed);
-  m_ullBytes.fetch_add(buffer.ullBytes, std::memory_order_relaxed);
-  buffer.ullItems = buffer.ullFolders = buffer.ullBytes = 0;
+  // After a failed write nothing more goes out: a later write that passed would leave a list
+  // with a hole in it that looks complete.
+  if (m_writeError.IsError()) {
+    DropLocked(buffer);
+    return m_writeError;
+  }
   // The blocks go to the descriptor directly: the handler is the stream's only writer, and
   // copying 64 KiB blocks through the stream's buffer first costs a copy of every record.
   const char* pData = buffer.strData.data();
   size_t nLeft = buffer.strData.size();
-  if (nLeft != 0 && fflush(m_pFile) != 0)
-    return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Failed to write the item list");
+  if (nLeft != 0 && fflush(m_pFile) != 0) return FailLocked(buffer, errno != 0 ? errno : EIO);
   const int iFd = fileno(m_pFile);
   while (nLeft > 0) {
     const ssize_t nWritten = write(iFd, pData, nLeft);
     if (nWritten < 0 && errno == EINTR) continue;
-    if (nWritten <= 0) {
-      const int iError = nWritten < 0 ? errno : EIO;
-      buffer.strData.clear();
-      return QI_ERROR_ERRNO(iError, "Failed to write the item list");
-    }
+    if (nWritten <= 0) return FailLocked(buffer, nWritten < 0 ? errno : EIO);
     pData += nWritten;
     nLeft -= static_cast<size_t>(nWritten);
   }
-  buffer.strData.clear();
+  // Only records that reached the stream are counted.
+  m_ullItems.fetch_add(buffer.ullItems, std::memory_order_relaxed);
+  m_ullFolders.fetch_add(buffer.ullFolders, std::memory_order_relaxed);
+  m_ullBytes.fetch_add(buffer.ullBytes, std::memory_order_relaxed);
+  DropLocked(buffer);
   return CQiError();
+}
+
+void CItemLineOutputHandler::DropLocked(SThreadBuffer& buffer) {
+  buffer.strData.clear();
+  buffer.ullItems = buffer.ullFolders = buffer.ullBytes = 0;
+}
+
+CQiError CItemLineOutputHandler::FailLocked(SThreadBuffer& buffer, int iErrNo) {
+  DropLocked(buffer);
+  m_writeError = QI_ERROR_ERRNO(iErrNo, "Failed to write the item list");
+  m_bFailed.store(true, std::memory_order_relaxed);
+  if (m_fnOnWriteFailure) m_fnOnWriteFailure();
+  return m_writeError;
+}
+
+void CItemLineOutputHandler::SetOnWriteFailure(std::function<void()> fnOnWriteFailure) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_fnOnWriteFailure = std::move(fnOnWriteFailure);
 }
 
 CQiError CItemLineOutputHandler::OnItem(CItemPtr pItem) {
@@ -208,12 +227,11 @@ uint64_t CItemLineOutputHandler::getProcessedItemsCount() { return GetItemCount(
 
 CQiError CItemLineOutputHandler::Flush() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  CQiError error;
-  for (const auto& pBuffer : m_lstBuffers) {
-    CQiError writeError = WriteLocked(*pBuffer);
-    if (error.IsSuccess() && writeError.IsError()) error = writeError;
+  for (const auto& pBuffer : m_lstBuffers) (void)WriteLocked(*pBuffer);
+  if (m_writeError.IsError()) return m_writeError;
+  if (fflush(m_pFile) != 0 || ferror(m_pFile)) {
+    SThreadBuffer empty;
+    return FailLocked(empty, errno != 0 ? errno : EIO);
   }
-  if (error.IsError()) return error;
-  if (fflush(m_pFile) != 0 || ferror(m_pFile)) return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Failed to write the item list");
   return CQiError();
 }

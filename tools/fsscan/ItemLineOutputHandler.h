@@ -11,7 +11,13 @@
 //                  so that every record is one line.
 //   Print0  the raw source path followed by one NUL byte, exactly as `find -print0` writes it.
 //
-// Counters: items, folders, and bytes (the sum of the sizes of the non-folder items).
+// Counters: items, folders, and bytes (the sum of the sizes of the non-folder items), of the
+// records written.
+//
+// Write failures: the first failed write is kept; from then on nothing more is written (a list
+// with a hole in it would look complete), every OnItem that reaches the stream and Flush return
+// that error, and the hook set with SetOnWriteFailure runs once (fsscan aborts the scan with it:
+// a scan whose list cannot be written has no use).
 //
 // Threads: OnItem may be called from several traversal workers at once. Each thread appends its
 // records to a buffer of its own and writes the buffer to the stream's descriptor (after
@@ -26,6 +32,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -46,8 +53,12 @@ class CItemLineOutputHandler : public COutputHandler {
   CQiError OnDeletedItem(CItemPtr pItem) override;
   uint64_t getProcessedItemsCount() override;
 
-  // Writes the records still buffered and flushes the stream; its errno on failure.
+  // Writes the records still buffered and flushes the stream; the first write failure's errno.
   CQiError Flush();
+  // Runs once, on the thread whose write failed, under the handler's lock: it must not call back
+  // into the handler. Set before the scan.
+  void SetOnWriteFailure(std::function<void()> fnOnWriteFailure);
+  bool HasWriteFailed() const { return m_bFailed.load(std::memory_order_relaxed); }
 
   uint64_t GetItemCount() const { return m_ullItems.load(std::memory_order_relaxed); }
   uint64_t GetFolderCount() const { return m_ullFolders.load(std::memory_order_relaxed); }
@@ -70,12 +81,19 @@ class CItemLineOutputHandler : public COutputHandler {
   SThreadBuffer& GetThreadBuffer();
   // Writes the buffer to the stream and adds its counts; the caller holds m_mutex.
   CQiError WriteLocked(SThreadBuffer& buffer);
+  // Empties the buffer and its counts; the caller holds m_mutex.
+  void DropLocked(SThreadBuffer& buffer);
+  // Records the first write failure and drops the buffer; the caller holds m_mutex.
+  CQiError FailLocked(SThreadBuffer& buffer, int iErrNo);
 
   const uint64_t m_ullInstanceId;  // tells this handler's thread buffers from another's
-  std::mutex m_mutex;              // guards m_pFile and m_lstBuffers
+  std::mutex m_mutex;              // guards m_pFile, m_lstBuffers, m_writeError, the hook
   FILE* m_pFile;
   EFormat m_eFormat;
   std::vector<std::unique_ptr<SThreadBuffer>> m_lstBuffers;
+  CQiError m_writeError;
+  std::atomic<bool> m_bFailed{false};
+  std::function<void()> m_fnOnWriteFailure;
   std::atomic<uint64_t> m_ullItems{0};
   std::atomic<uint64_t> m_ullFolders{0};
   std::atomic<uint64_t> m_ullBytes{0};

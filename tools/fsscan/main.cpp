@@ -55,9 +55,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
@@ -65,14 +67,18 @@
 #include <vector>
 
 #include "ArbiterScanDriver.h"
+#include "ContentFileCopy.h"
 #include "EngineFactory.h"
 #include "FailureReportConsumer.h"
 #include "FastScanDriver.h"
 #include "FsscanCallback.h"
 #include "ItemLineOutputHandler.h"
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXFile.h"
 #include "Platform/FXString.h"
 #include "Platform/FileLogWriter.h"
 #include "Scan/BasicScanner.h"
+#include "Scan/FindFirstItem.h"
 #include "Scan/ScannerConfigurationBagId.h"
 #include "ProgressLine.h"
 
@@ -305,22 +311,25 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
   return 0;
 }
 
-// The --from-file content file must be a readable file: the on-demand engine would skip it with
-// a log line only, and the scan would pass as one that found nothing.
-bool CheckContentFile(const std::string& strPath) {
-  const int fd = open(strPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    fprintf(stderr, "fsscan: cannot read the content file '%s': %m\n", FXString::EscapeControl(strPath).c_str());
-    return false;
-  }
+// Device content: a character or block device named as PATH, or a symbolic link to one. The
+// library gives such content a raw-device work unit, which none of fsscan's engines handles, so
+// the scan would pass over it without a word; fsscan reports the object itself as one item
+// instead, from its lstat data, as it reports any other PATH that is not a folder (a link as the
+// link). The device is never opened, let alone read.
+bool IsDeviceContent(const std::string& strPath) {
   struct stat st {};
-  const bool bFolder = fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
-  close(fd);
-  if (bFolder) {
-    fprintf(stderr, "fsscan: the content file '%s' is a folder\n", FXString::EscapeControl(strPath).c_str());
-    return false;
-  }
-  return true;
+  if (lstat(strPath.c_str(), &st) != 0) return false;
+  if (S_ISLNK(st.st_mode) && stat(strPath.c_str(), &st) != 0) return false;
+  return S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode);
+}
+
+CQiError ReportDeviceContent(const std::string& strPath, COutputHandler& handler) {
+  FXFile::CFileData data(strPath, FXFile::CFileData::kModeFullPath);
+  if (!data.good())
+    return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Cannot read the status of [%s]",
+                          FXString::EscapeControl(strPath).c_str());
+  QI_RETURN_IF_ERROR(handler.OnItem(std::make_shared<CFindFirstItem>(nullptr, strPath, data)));
+  return CQiError();
 }
 
 void OnSignal(int) { CFsscanCallback::RequestInterrupt(); }
@@ -338,6 +347,14 @@ struct SFileCloser {
     if (pFile != nullptr && pFile != stdout) fclose(pFile);
   }
 };
+
+// Closes the item list's stream (stdout too: a write may show only at the close); its errno.
+CQiError CloseOutput(std::unique_ptr<FILE, SFileCloser>& pOutput) {
+  errno = 0;
+  if (fclose(pOutput.release()) != 0)
+    return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Failed to close the item list");
+  return CQiError();
+}
 
 // Checks every work unit; prints those that did not complete and returns their number.
 size_t ReportUnfinishedUnits(const CWorkUnitManager& manager, CProgressLine& progress) {
@@ -360,7 +377,17 @@ int main(int argc, char** argv) {
   if (iParse < 0) return kExitSuccess;
   if (iParse != 0) return iParse;
   InstallSignalHandlers();
-  if (options.bFromFile && !CheckContentFile(options.strFromFile)) return kExitUsage;
+  // The list is read once, whatever it is (a pipe, a FIFO, a file), into a private copy that the
+  // on-demand engine reads; a list that cannot be read is a set-up error.
+  CContentFileCopy contentCopy;
+  if (options.bFromFile) {
+    CQiError error = contentCopy.Make(options.strFromFile);
+    if (error.IsError()) {
+      if (CFsscanCallback::IsInterrupted()) return kExitInterrupted;
+      fprintf(stderr, "fsscan: %s: %s\n", error.GetMessage().c_str(), strerror(static_cast<int>(error.GetCode())));
+      return kExitUsage;
+    }
+  }
 
   if (options.bLog) {
     auto pLogWriter = std::make_shared<CFileLogWriter>(options.iLogLevel);
@@ -400,6 +427,10 @@ int main(int argc, char** argv) {
   auto pItems = std::make_shared<CItemLineOutputHandler>(
       pOutput.get(), options.bPrint0 ? CItemLineOutputHandler::EFormat::Print0 : CItemLineOutputHandler::EFormat::Lines);
   auto pCallback = std::make_shared<CFsscanCallback>(pItems, pFailures, options.lstEngines, kInstanceName);
+  // A list that cannot be written ends the scan: nothing it would still find could be listed.
+  pItems->SetOnWriteFailure([pRawCallback = pCallback.get()] { (void)pRawCallback->Abort(); });
+  // The private copy of the list is no content of the scan, whatever folder is listed.
+  if (options.bFromFile) pCallback->SetOnDemandBlackList({contentCopy.GetFolder()});
 
   auto pBag = std::make_shared<CBag>();
   if (options.bTopLevel) (void)pBag->Write(SXScannerConfigurationBagId::idProcessTopLevelContent, true);
@@ -424,20 +455,36 @@ int main(int argc, char** argv) {
     ZRLOG(-1, "Content could not be assigned, Path=%s, error=%s", strPath.c_str(), error.AsString().c_str());
     (void)pFailures->RecordContentFailure(strPath, error);
   };
+  // PATH arguments are content, except for the on-demand engine alone, which reads them as lists.
+  const bool bPathsAreLists =
+      options.bFromFile || options.lstEngines == std::vector<std::string>{"ondemand"};
+  // Device content is reported here (see IsDeviceContent); true when strPath was such content.
+  auto fnDeviceContent = [&](const std::string& strPath) {
+    if (bPathsAreLists || !IsDeviceContent(strPath)) return false;
+    CQiError error = ReportDeviceContent(strPath, *pItems);
+    if (error.IsError() && !pItems->HasWriteFailed()) fnAssignFailed(strPath, error);
+    return true;
+  };
+  // When the item list cannot be written the scan was ended for that: what the engines say of
+  // their units then is only the consequence, and the write failure is reported at the end.
+  auto fnOutputFailed = [&pItems] { return pItems->HasWriteFailed(); };
 
   if (options.bEnginesGiven) {
     CArbiterScanDriver driver(llScanId, pCallback, pBag, options.iWorkers, options.iScanners);
     // With --from-file the content is the content file: its work unit's scan path names it.
     const std::vector<std::string> lstContent =
-        options.bFromFile ? std::vector<std::string>{options.strFromFile} : options.lstPaths;
+        options.bFromFile ? std::vector<std::string>{contentCopy.GetPath()} : options.lstPaths;
     for (const std::string& strPath : lstContent) {
       const std::string strAbsolute = MakeAbsolute(strPath);
+      if (fnDeviceContent(strAbsolute)) continue;
       CQiError error = driver.AddLocalContentItem(strAbsolute);
       if (error.IsError()) fnAssignFailed(strAbsolute, error); else ++nAssigned;
     }
     if (nAssigned > 0) {
       CQiError error = driver.Run(options.setContentExceptions, options.setExcludes, options.setExceptions);
-      if (error.IsError() && !error.IsWin32(QiErrorCode::OperationAborted)) {
+      if (fnOutputFailed()) {
+        // reported once the list is closed
+      } else if (error.IsError() && !error.IsWin32(QiErrorCode::OperationAborted)) {
         progress.PrintMessage("fsscan: the scan could not run: " + error.GetMessage());
         bSetUpFailed = true;
       } else {
@@ -453,6 +500,7 @@ int main(int argc, char** argv) {
     (void)scanner.SetConfigurationBag(pBag);
     for (const std::string& strPath : options.lstPaths) {
       const std::string strAbsolute = MakeAbsolute(strPath);
+      if (fnDeviceContent(strAbsolute)) continue;
       CQiError error = scanner.AddLocalContentItem(strAbsolute);
       if (error.IsError()) fnAssignFailed(strAbsolute, error); else ++nAssigned;
     }
@@ -462,7 +510,9 @@ int main(int argc, char** argv) {
     if (nAssigned > 0) {
       CQiError error = scanner.Start();
       if (error.IsSuccess()) error = scanner.WaitForScanToComplete();
-      if (error.IsError()) {
+      if (fnOutputFailed()) {
+        // reported once the list is closed
+      } else if (error.IsError()) {
         progress.PrintMessage("fsscan: the scan could not run: " + error.GetMessage());
         bSetUpFailed = true;
       } else {
@@ -473,12 +523,15 @@ int main(int argc, char** argv) {
     CFastScanDriver driver(llScanId, kInstanceName, pCallback, pBag, options.iWorkers);
     for (const std::string& strPath : options.lstPaths) {
       const std::string strAbsolute = MakeAbsolute(strPath);
+      if (fnDeviceContent(strAbsolute)) continue;
       CQiError error = driver.AddLocalContentItem(strAbsolute);
       if (error.IsError()) fnAssignFailed(strAbsolute, error); else ++nAssigned;
     }
     if (nAssigned > 0) {
       CQiError error = driver.Run(options.setContentExceptions, options.setExcludes, options.setExceptions);
-      if (error.IsError()) {
+      if (fnOutputFailed()) {
+        // reported once the list is closed
+      } else if (error.IsError()) {
         progress.PrintMessage("fsscan: the scan could not run: " + error.GetMessage());
         bSetUpFailed = true;
       } else {
@@ -490,18 +543,27 @@ int main(int argc, char** argv) {
   progress.Stop();
 
   const double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
-  CQiError flushError = pItems->Flush();
-  if (flushError.IsError()) {
-    fprintf(stderr, "fsscan: cannot write the item list: %s\n", flushError.CodeAsString().c_str());
+  CQiError outputError = pItems->Flush();
+  {
+    CQiError closeError = CloseOutput(pOutput);
+    if (outputError.IsSuccess()) outputError = closeError;
+  }
+  if (outputError.IsError()) {
+    fprintf(stderr, "fsscan: cannot write the item list: %s\n", outputError.CodeAsString().c_str());
     bSetUpFailed = true;
   }
-  if (pFailuresFile) (void)pFailuresFile->Close();
+  // A failures file that refused a record, or its close: reported by the consumer as it happened.
+  if (pFailures->Close().IsError() || pFailures->GetLostCount() > 0) bSetUpFailed = true;
   const uint64_t ullFailures = pFailures->getProcessedItemsCount();
-  fprintf(stderr, "fsscan: %llu items, %llu folders, %llu bytes, %llu failures, %.3f seconds, %.0f items/s%s\n",
+  const std::string strLost =
+      pFailures->GetLostCount() == 0
+          ? std::string()
+          : FXString::Format(" (%llu not written)", static_cast<unsigned long long>(pFailures->GetLostCount()));
+  fprintf(stderr, "fsscan: %llu items, %llu folders, %llu bytes, %llu failures%s, %.3f seconds, %.0f items/s%s\n",
           static_cast<unsigned long long>(pItems->GetItemCount()),
           static_cast<unsigned long long>(pItems->GetFolderCount()),
           static_cast<unsigned long long>(pItems->GetByteCount()), static_cast<unsigned long long>(ullFailures),
-          dSeconds, dSeconds > 0 ? static_cast<double>(pItems->GetItemCount()) / dSeconds : 0.0,
+          strLost.c_str(), dSeconds, dSeconds > 0 ? static_cast<double>(pItems->GetItemCount()) / dSeconds : 0.0,
           CFsscanCallback::IsInterrupted() ? " (interrupted)" : "");
   if (auto pLog = CLogWriterInterface::GetProcessLogWriter()) pLog->Flush();
 
