@@ -29,6 +29,17 @@ void COnDemandEnumerateFiles::SetBlackListFilter(CFilterSetPtr& pBlackListFilter
   m_pBlackListFilter = pBlackListFilter;
 }
 
+void COnDemandEnumerateFiles::SetListedPaths(const std::unordered_set<std::string>* pListed,
+                                             const std::string& strRoot) {
+  m_pListed = pListed;
+  m_strListedRoot = strRoot;
+}
+
+bool COnDemandEnumerateFiles::IsListedElsewhere(const std::string& strLocalPath) const {
+  return m_pListed != nullptr && m_pListed->count(strLocalPath) != 0 &&
+         strLocalPath != m_strListedRoot;
+}
+
 CQiError COnDemandEnumerateFiles::SetIgnoredMountPaths(
     const std::vector<std::string>& lstMountPoints) {
   if (lstMountPoints.empty()) return CQiError();
@@ -108,6 +119,10 @@ bool COnDemandEnumerateFiles::IsFiltered(CItemPtr& pItem, const std::string& str
     if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by nested volume filter, Folder=(%s)", folder().c_str());
     return true;
   }
+  if (IsListedElsewhere(pItem->GetLocalFullyQualifiedItemName())) {
+    if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by listed path filter, Folder=(%s)", folder().c_str());
+    return true;
+  }
   if (HasItems(m_pBlackListFilter) && m_pBlackListFilter->IsIn(test, CFilterSet::kAppliesAll)) {
     if (ZRLOG_ON(5)) ZRLOG(5, "Filtered by BlackList filter, Folder=(%s)", folder().c_str());
     return true;
@@ -120,6 +135,8 @@ bool COnDemandEnumerateFiles::IsMatchPossibleInFolder(CItemPtr& pItem,
                                                       const std::string& strFolder) {
   // A nested volume is walked by its own entry; a black-listed folder is out with its subtree.
   if (IsOnNestedVolume(pItem->GetLocalFullyQualifiedItemName())) return false;
+  // A listed folder is walked by its own line.
+  if (IsListedElsewhere(pItem->GetLocalFullyQualifiedItemName())) return false;
   CFilterTermTestString test(strFolder);
   if (HasItems(m_pBlackListFilter) && m_pBlackListFilter->IsMatchEntireFolder(test)) return false;
   if (HasItems(m_pOnDemandSystemFilters) && m_pOnDemandSystemFilters->IsMatchEntireFolder(test))

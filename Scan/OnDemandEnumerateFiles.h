@@ -6,6 +6,8 @@
 //   - the job's filters,
 //   - the nested-volume filter: an entry at or below one of the volumes mounted under the path
 //     being traversed is left to that volume's own traversal,
+//   - the listed-path filter: an entry that the content file lists on a line of its own is left
+//     to that line (with everything below it), so that no object is reported twice,
 //   - the black-list filter built by the engine for the path.
 // Mounts below the path that no traversal is to enter (pseudo file systems, stale mounts) are
 // left out before any filter is asked: the listing passes over them (SetIgnoredMountPaths, the
@@ -20,6 +22,7 @@
 #pragma once
 
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "Platform/FilterSet.h"
@@ -37,6 +40,9 @@ class COnDemandEnumerateFiles : public CEnumerateFiles {
   void SetOnDemandFilters(const std::vector<std::string>& lstNestedVolumes);
   // Entries matched by the set are left out, with everything below them.
   void SetBlackListFilter(CFilterSetPtr& pBlackListFilter);
+  // Entries whose local path is in the set are left out, with everything below them; strRoot,
+  // the traversed path, is not. The set is the caller's and must outlive Traverse.
+  void SetListedPaths(const std::unordered_set<std::string>* pListed, const std::string& strRoot);
   // Mount points (local paths) that the listing passes over, with everything below them. Set
   // before Traverse. Win32 50 when the path enumerator has no mount path cache.
   CQiError SetIgnoredMountPaths(const std::vector<std::string>& lstMountPoints);
@@ -49,6 +55,7 @@ class COnDemandEnumerateFiles : public CEnumerateFiles {
  private:
   bool IsInSystemFilters(const CFilterTermTestString& test) const;
   bool IsOnNestedVolume(const std::string& strLocalPath) const;
+  bool IsListedElsewhere(const std::string& strLocalPath) const;
 
   unsigned int m_uOnDemandExcludedAttributes = 0;
   CFilterSetPtr m_pOnDemandFilters;
@@ -56,6 +63,8 @@ class COnDemandEnumerateFiles : public CEnumerateFiles {
   bool m_bOnDemandBuiltInFilter = false;
   std::vector<std::string> m_lstNestedVolumes;
   CFilterSetPtr m_pBlackListFilter;
+  const std::unordered_set<std::string>* m_pListed = nullptr;
+  std::string m_strListedRoot;
 };
 
 using COnDemandEnumerateFilesPtr = std::shared_ptr<COnDemandEnumerateFiles>;

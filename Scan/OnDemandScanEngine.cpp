@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
+#include <unordered_set>
 
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXFile.h"
@@ -32,6 +34,26 @@ bool HasVanished(const std::string& strPath, const CQiError& error) {
 
 bool HasWildcard(const std::string& strPath) {
   return strPath.find_first_of("*?[") != std::string::npos;
+}
+
+// The plain form of an absolute path: repeated and trailing delimiters and "." components
+// removed ("/a//b/./c/" is "/a/b/c"). ".." stays: what it names depends on links. Anything else
+// (a relative path) is returned as it is.
+std::string PlainPath(const std::string& strPath) {
+  if (strPath.empty() || strPath.front() != FXPath::kDelimiter) return strPath;
+  std::string strPlain;
+  strPlain.reserve(strPath.size());
+  for (size_t start = 0; start < strPath.size();) {
+    size_t end = strPath.find(FXPath::kDelimiter, start);
+    if (end == std::string::npos) end = strPath.size();
+    const std::string_view name = std::string_view(strPath).substr(start, end - start);
+    if (!name.empty() && name != ".") {
+      strPlain.push_back(FXPath::kDelimiter);
+      strPlain.append(name);
+    }
+    start = end + 1;
+  }
+  return strPlain.empty() ? std::string(1, FXPath::kDelimiter) : strPlain;
 }
 
 // Frees the buffer of getline.
@@ -106,28 +128,74 @@ CQiError COnDemandScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
       ZRLOG(0, "Unable open content file (%s), not processing it.", Esc(strContentFile).c_str());
       continue;
     }
+    // The whole file first: whether a path is scanned by its own line or by a listed folder's
+    // traversal depends on the lines that follow it too.
+    std::vector<std::string> lstLines;
+    SContentList list;
     SLineBuffer buffer;
     ssize_t nRead;
     errno = 0;
     while ((nRead = getline(&buffer.pLine, &buffer.nSize, pFile.get())) >= 0) {
       std::string strLine(buffer.pLine, static_cast<size_t>(nRead));
       if (!strLine.empty() && strLine.back() == '\n') strLine.pop_back();
-      CQiError error = ProcessContentPath(pWorkUnit, strLine, strOpenVolume);
-      if (error.IsError()) return QI_PUSH(error, "Content file (%s)", Esc(strContentFile).c_str());
+      lstLines.push_back(PlainPath(strLine));
+      list.Add(lstLines.back());
       errno = 0;
     }
+    // The lines read before a read error are scanned; the error ends the unit after them.
+    CQiError readError;
     if (ferror(pFile.get()) != 0) {
-      return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Failed to read content file (%s)",
-                            Esc(strContentFile).c_str());
+      readError = QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Failed to read content file (%s)",
+                                 Esc(strContentFile).c_str());
     }
+    pFile.reset();
+    std::unordered_set<std::string> setScanned;
+    for (const std::string& strPath : lstLines) {
+      if (!strPath.empty() && strPath != "/" && !setScanned.insert(strPath).second) {
+        if (ZRLOG_ON(3)) ZRLOG(3, "Content [%s] is listed again, scanned once", Esc(strPath).c_str());
+        continue;
+      }
+      CQiError error = ProcessContentPath(pWorkUnit, strPath, list, strOpenVolume);
+      if (error.IsError()) return QI_PUSH(error, "Content file (%s)", Esc(strContentFile).c_str());
+    }
+    if (readError.IsError()) return readError;
   }
 
   if (GetOutputHandler()) QI_RETURN_IF_ERROR(CloseOutputHandler());
   return CQiError();
 }
 
+void COnDemandScanEngine::SContentList::Add(const std::string& strPath) {
+  if (!FXPath::IsAbsolute(strPath) || strPath == "/") return;
+  if (!setListed.insert(strPath).second) return;
+  for (size_t pos = strPath.rfind(FXPath::kDelimiter); pos != std::string::npos && pos > 0;
+       pos = strPath.rfind(FXPath::kDelimiter, pos - 1)) {
+    if (!setAboveListed.insert(strPath.substr(0, pos)).second) break;  // and all above it
+  }
+}
+
+bool COnDemandScanEngine::SContentList::IsBelowListedFolder(const std::string& strPath) const {
+  for (size_t pos = strPath.rfind(FXPath::kDelimiter); pos != std::string::npos && pos > 0;
+       pos = strPath.rfind(FXPath::kDelimiter, pos - 1)) {
+    const std::string strAbove = strPath.substr(0, pos);
+    struct stat st {};
+    if (IsListed(strAbove) && FXFile::zrlstat(strAbove, st) == 0 && S_ISDIR(st.st_mode)) return true;
+  }
+  return false;
+}
+
+bool COnDemandScanEngine::SContentList::IsAtOrBelowListed(const std::string& strPath,
+                                                          const std::string& strTop) const {
+  for (size_t end = strPath.size(); end > strTop.size() && end != std::string::npos;
+       end = strPath.rfind(FXPath::kDelimiter, end - 1)) {
+    if (IsListed(strPath.substr(0, end))) return true;
+  }
+  return false;
+}
+
 CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
                                                  const std::string& strPath,
+                                                 const SContentList& list,
                                                  std::string& strOpenVolume) {
   // Empty lines carry no path.
   if (strPath.empty()) return CQiError();
@@ -183,8 +251,17 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
   std::vector<std::string> lstLeftOut;
   QI_RETURN_IF_ERROR(MountPathInfo::expandContentPathByVolumes(strPath, lstEntries, lstLeftOut),
                      "expandContentPathByVolumes failed");
+  // A folder below another listed folder is left out of that one's traversal: its own line
+  // reports it, as that traversal would have.
+  const bool bReportTop = list.IsBelowListedFolder(strPath);
   for (const SContentEntry& entry : lstEntries) {
     const std::string& strLocal = entry.m_strLocalMountPath;
+    if (FXPath::IsDescendantOf(strLocal, strPath) && list.IsAtOrBelowListed(strLocal, strPath)) {
+      if (ZRLOG_ON(5))
+        ZRLOG(5, "Volume [%s] below [%s] is left to its own content line", Esc(strLocal).c_str(),
+              Esc(strPath).c_str());
+      continue;
+    }
     if (ZRLOG_ON(5))
       ZRLOG(5, "Traversing path [%s] for source path [%s]", Esc(strLocal).c_str(),
             Esc(strPath).c_str());
@@ -197,7 +274,9 @@ CQiError COnDemandScanEngine::ProcessContentPath(const CWorkUnitPtr& pWorkUnit,
         lstNested.push_back(other.m_strLocalMountPath);
     }
     if (ZRLOG_ON(5)) ZRLOG(5, "Traversing path [%s]", Esc(strLocal).c_str());
-    QI_RETURN_IF_ERROR(TraverseScanPath(strLocal, lstNested, lstLeftOut, pWorkUnit));
+    QI_RETURN_IF_ERROR(TraverseScanPath(strLocal, lstNested, lstLeftOut,
+                                        list.HasListedBelow(strLocal) ? &list : nullptr,
+                                        bReportTop && strLocal == strPath, pWorkUnit));
   }
   return CQiError();
 }
@@ -224,12 +303,13 @@ CQiError COnDemandScanEngine::SwitchOutputHandler(const std::string& strScanPath
 CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
                                                const std::vector<std::string>& lstNestedVolumes,
                                                CWorkUnitPtr pWorkUnit) {
-  return TraverseScanPath(strPath, lstNestedVolumes, {}, std::move(pWorkUnit));
+  return TraverseScanPath(strPath, lstNestedVolumes, {}, nullptr, false, std::move(pWorkUnit));
 }
 
 CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
                                                const std::vector<std::string>& lstNestedVolumes,
                                                const std::vector<std::string>& lstIgnoredMounts,
+                                               const SContentList* pList, bool bReportTop,
                                                CWorkUnitPtr pWorkUnit) {
   if (!pWorkUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No work unit");
   if (ZRLOG_ON(5)) ZRLOG(5, "Traversing path [%s]", Esc(strPath).c_str());
@@ -259,13 +339,14 @@ CQiError COnDemandScanEngine::TraverseScanPath(const std::string& strPath,
   traversal.SetSystemFilters(pWorkUnit->GetSystemFilters());
   traversal.SetOnDemandFilters(lstNestedVolumes);
   QI_RETURN_IF_ERROR(traversal.SetIgnoredMountPaths(lstIgnoredMounts));
+  if (pList != nullptr) traversal.SetListedPaths(&pList->setListed, strPath);
   traversal.SetAbortCheck(m_pScannerCallback.get());
   traversal.SetMaxWorkers(1);
   bool bTopLevel = false;
   if (m_pScannerCallback)
     (void)m_pScannerCallback->GetParameter(SXScannerConfigurationBagId::idProcessTopLevelContent,
                                            bTopLevel);
-  if (bTopLevel) traversal.SetProcessTopLevelContentItem(true);
+  if (bTopLevel || bReportTop) traversal.SetProcessTopLevelContentItem(true);
 
   CFilterSetPtr pBlackList;
   error = ConfigureBlackListFilter(strPath, pBlackList);

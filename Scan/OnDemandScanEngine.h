@@ -16,6 +16,14 @@
 //     folder) before its listing starts. The line "/" and empty lines are never scanned.
 //   - Black-list content (SetBlackListScanContent) is left out of every path it applies to:
 //     entries at, above or below the path (entries with wildcards always apply).
+//   - Every object is reported once per content file, whatever its lines repeat or nest, in
+//     whatever order. The file is read whole first; lines are compared in a plain form (repeated
+//     and trailing delimiters and "." components removed, which is also the form scanned). A
+//     line seen before is skipped. A listed path below a listed folder is left out of that
+//     folder's traversal (with everything below it) and scanned by its own line, the path itself
+//     reported as the folder's traversal would have (a folder with its top level); so is a
+//     volume mounted at or below such a path. Each line is thus scanned alone, even where the
+//     folder's traversal could not have reached it (an unreadable folder on the way).
 // Content files that cannot be opened, and folders named as content files, are skipped; a
 // failed volume lookup, output-handler switch or traversal ends the work unit. Disposition tag
 // "OD".
@@ -25,6 +33,7 @@
 #pragma once
 
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "Platform/FilterSet.h"
@@ -58,14 +67,29 @@ class COnDemandScanEngine : public CScanEngine {
   bool IsAutoExpandDir();
 
  private:
+  // The paths of one content file, in their plain form, for the checks that keep each object
+  // to one report.
+  struct SContentList {
+    std::unordered_set<std::string> setListed;       // every listed absolute path but "/"
+    std::unordered_set<std::string> setAboveListed;  // the folders above a listed path
+    void Add(const std::string& strPath);
+    bool IsListed(const std::string& strPath) const { return setListed.count(strPath) != 0; }
+    bool HasListedBelow(const std::string& strPath) const { return setAboveListed.count(strPath) != 0; }
+    // True when a folder above the path is listed too: its traversal leaves the path to this line.
+    bool IsBelowListedFolder(const std::string& strPath) const;
+    // True when the path, or a folder between strTop (excluded) and it, is listed.
+    bool IsAtOrBelowListed(const std::string& strPath, const std::string& strTop) const;
+  };
+
   // One line of a content file; strOpenVolume is the volume whose output handler is open.
   CQiError ProcessContentPath(const CWorkUnitPtr& pWorkUnit, const std::string& strPath,
-                              std::string& strOpenVolume);
-  // TraverseScanPath that also keeps the listing out of the given mount points.
+                              const SContentList& list, std::string& strOpenVolume);
+  // TraverseScanPath that also keeps the listing out of the given mount points and of the
+  // other listed paths (pList may be null), and reports the path itself when bReportTop.
   CQiError TraverseScanPath(const std::string& strPath,
                             const std::vector<std::string>& lstNestedVolumes,
                             const std::vector<std::string>& lstIgnoredMounts,
-                            CWorkUnitPtr pWorkUnit);
+                            const SContentList* pList, bool bReportTop, CWorkUnitPtr pWorkUnit);
   CQiError SwitchOutputHandler(const std::string& strScanPath, const std::string& strVolume,
                                std::string& strOpenVolume);
   // Records a path that cannot be scanned (the item as far as it can be described).

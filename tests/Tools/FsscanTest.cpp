@@ -7,10 +7,13 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -48,19 +51,29 @@ std::string ReadFile(const std::string& strPath) {
 }
 
 // Runs a program with its stdout and stderr in files of the folder, as nobody when we are root,
-// in the working directory strCwd when one is given.
+// in the working directory strCwd when one is given, with pStdin (when given) on a pipe as its
+// stdin. A program that hangs is killed by SIGALRM after a minute.
 SRun RunProgram(const std::vector<std::string>& lstArgs, const std::string& strScratch,
-                const std::string& strCwd = std::string()) {
+                const std::string& strCwd = std::string(), const std::string* pStdin = nullptr) {
   const std::string strOut = strScratch + "/stdout", strErr = strScratch + "/stderr";
   const int fdOut = open(strOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   const int fdErr = open(strErr.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fdOut < 0 || fdErr < 0) throw std::runtime_error("cannot create the output files");
+  int fdIn[2] = {-1, -1};
+  if (pStdin) {
+    // The pipe holds the whole text (it is small) before the program starts.
+    if (pipe2(fdIn, O_CLOEXEC) != 0 || write(fdIn[1], pStdin->data(), pStdin->size()) != static_cast<ssize_t>(pStdin->size()))
+      throw std::runtime_error("cannot fill the stdin pipe");
+    close(fdIn[1]);
+  }
   std::vector<char*> argv;
   for (const std::string& strArg : lstArgs) argv.push_back(const_cast<char*>(strArg.c_str()));
   argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
     if (dup2(fdOut, STDOUT_FILENO) < 0 || dup2(fdErr, STDERR_FILENO) < 0) _exit(126);
+    if (pStdin && dup2(fdIn[0], STDIN_FILENO) < 0) _exit(126);
+    alarm(60);
     if (!strCwd.empty() && chdir(strCwd.c_str()) != 0) _exit(124);
     if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setresgid(kNoGroup, kNoGroup, kNoGroup) != 0 ||
                            setresuid(kNobody, kNobody, kNobody) != 0))
@@ -70,6 +83,7 @@ SRun RunProgram(const std::vector<std::string>& lstArgs, const std::string& strS
   }
   close(fdOut);
   close(fdErr);
+  if (pStdin) close(fdIn[0]);
   SRun run;
   int iStatus = 0;
   while (waitpid(pid, &iStatus, 0) < 0 && errno == EINTR) {
@@ -161,9 +175,27 @@ class FsscanFixture : public ::testing::Test {
     close(fd);
   }
 
-  SRun Fsscan(std::vector<std::string> lstArgs, const std::string& strCwd = std::string()) {
+  SRun Fsscan(std::vector<std::string> lstArgs, const std::string& strCwd = std::string(),
+             const std::string* pStdin = nullptr) {
     lstArgs.insert(lstArgs.begin(), FSSCAN_TOOL_PATH);
-    return RunProgram(lstArgs, m_scratch.Root(), strCwd);
+    return RunProgram(lstArgs, m_scratch.Root(), strCwd, pStdin);
+  }
+  // "{T}" stands for the tree's root, "{S}" for the scratch folder.
+  std::string Expand(std::string strText) {
+    for (const auto& [strKey, strValue] : {std::pair<std::string, std::string>{"{T}", m_tree.Root()}, {"{S}", m_scratch.Root()}})
+      for (size_t pos; (pos = strText.find(strKey)) != std::string::npos;) strText.replace(pos, strKey.size(), strValue);
+    return strText;
+  }
+  // "many": enough items with long names that the item list passes the output's 64 KiB blocks.
+  void MakeManyFiles() {
+    for (int i = 0; i < 600; ++i) m_tree.MakeFile(FXString::Format("many/%04d_", i) + std::string(120, 'm'), "");
+  }
+  // "dev": a character and a block device node, and a link to the first (root only).
+  void MakeDevices() {
+    m_tree.MakeDir("dev");
+    ASSERT_EQ(mknod(m_tree.Path("dev/chr").c_str(), S_IFCHR | 0644, makedev(1, 3)), 0) << strerror(errno);
+    ASSERT_EQ(mknod(m_tree.Path("dev/blk").c_str(), S_IFBLK | 0644, makedev(7, 0)), 0) << strerror(errno);
+    m_tree.MakeSymlink("dev/link", "chr");
   }
   // `find PATH... -mindepth 1 -print0`, as the same user as fsscan.
   std::set<std::string> Find(const std::vector<std::string>& lstPaths) {
@@ -248,6 +280,82 @@ TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
 INSTANTIATE_TEST_SUITE_P(TopLevel, FsscanFromFile, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "WithTopLevel" : "Plain"; });
 
+// --from-file lists however they come (a pipe on stdin, a named FIFO, a file), read once, with
+// every listed object reported once whatever lines repeat or nest, in whatever order.
+enum class EListSource { File, StdinPipe, Fifo };
+
+struct SListCase {
+  const char* szName;
+  EListSource eSource;
+  const char* szList;                  // "{T}" is the tree's root
+  std::vector<std::string> lstArgs;    // before --from-file
+  std::vector<std::string> lstPaths;   // the paths of the --print0 output, sorted
+  int iExit = 0;
+  const char* szFailures = "";         // the failures file, exactly
+};
+
+void PrintTo(const SListCase& testCase, std::ostream* out) { *out << testCase.szName; }
+
+class FsscanList : public FsscanFixture, public ::testing::WithParamInterface<SListCase> {};
+
+TEST_P(FsscanList, ReadsTheListOnceAndReportsEveryObjectOnce) {
+  const SListCase& testCase = GetParam();
+  const std::string strList = Expand(testCase.szList);
+  std::vector<std::string> lstArgs{"-0", "-f", m_scratch.Path("failures")};
+  lstArgs.insert(lstArgs.end(), testCase.lstArgs.begin(), testCase.lstArgs.end());
+  lstArgs.push_back("--from-file");
+  pid_t writer = -1;
+  switch (testCase.eSource) {
+    case EListSource::File:
+      std::ofstream(m_scratch.Path("list")) << strList;
+      lstArgs.push_back(m_scratch.Path("list"));
+      break;
+    case EListSource::StdinPipe: lstArgs.push_back("/dev/fd/0"); break;
+    case EListSource::Fifo:
+      ASSERT_EQ(mkfifo(m_scratch.Path("fifo").c_str(), 0666), 0) << strerror(errno);
+      lstArgs.push_back(m_scratch.Path("fifo"));
+      writer = fork();
+      if (writer == 0) {  // one writer, once: a second open by the reader would wait for ever
+        const int fd = open(m_scratch.Path("fifo").c_str(), O_WRONLY | O_CLOEXEC);
+        _exit(fd >= 0 && write(fd, strList.data(), strList.size()) == static_cast<ssize_t>(strList.size()) ? 0 : 1);
+      }
+      break;
+  }
+  const SRun run = Fsscan(lstArgs, std::string(), testCase.eSource == EListSource::StdinPipe ? &strList : nullptr);
+  if (writer > 0) {
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+  }
+  EXPECT_EQ(run.iExit, testCase.iExit) << run.strErr;
+  std::vector<std::string> lstReported;
+  for (size_t start = 0, end; (end = run.strOut.find('\0', start)) != std::string::npos; start = end + 1)
+    lstReported.push_back(run.strOut.substr(start, end - start));
+  std::sort(lstReported.begin(), lstReported.end());
+  std::vector<std::string> lstExpected;
+  for (const std::string& strPath : testCase.lstPaths) lstExpected.push_back(Expand(strPath));
+  EXPECT_EQ(lstReported, lstExpected) << run.strErr;
+  EXPECT_EQ(ReadFile(m_scratch.Path("failures")), Expand(testCase.szFailures));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lists, FsscanList,
+    ::testing::Values(
+        SListCase{"PipeOnStdin", EListSource::StdinPipe, "{T}/clean/y\n{T}/clean/dir a\n", {},
+                  {"{T}/clean/dir a/x.txt", "{T}/clean/y"}},
+        SListCase{"NamedFifo", EListSource::Fifo, "{T}/clean/y\n{T}/clean/dir a\n", {},
+                  {"{T}/clean/dir a/x.txt", "{T}/clean/y"}},
+        SListCase{"SameLinesTwice", EListSource::File, "{T}/clean/y\n{T}/clean/dir a\n{T}/clean/y\n{T}/clean//dir a/\n", {},
+                  {"{T}/clean/dir a/x.txt", "{T}/clean/y"}},
+        SListCase{"FolderThenNested", EListSource::File, "{T}/clean\n{T}/clean/dir a\n{T}/clean/dir a/x.txt\n", {},
+                  {"{T}/clean/dir a", "{T}/clean/dir a/x.txt", "{T}/clean/y"}},
+        SListCase{"NestedThenFolder", EListSource::File, "{T}/clean/dir a/x.txt\n{T}/clean/dir a\n{T}/clean\n", {},
+                  {"{T}/clean/dir a", "{T}/clean/dir a/x.txt", "{T}/clean/y"}},
+        SListCase{"NestedWithTopLevel", EListSource::File, "{T}/clean/dir a\n{T}/clean\n{T}/clean/y\n", {"--top-level"},
+                  {"{T}/clean", "{T}/clean/dir a", "{T}/clean/dir a/x.txt", "{T}/clean/y"}},
+        SListCase{"MissingTwice", EListSource::File, "{T}/absent\n{T}/clean/y\n{T}/absent\n", {}, {"{T}/clean/y"}, 1,
+                  "folder {T}/absent:2\n"}),
+    [](const auto& info) { return std::string(info.param.szName); });
+
 // A folder chain whose paths pass PATH_MAX: every engine lists exactly what find lists, the
 // objects beyond PATH_MAX included, and records no failure.
 class FsscanLongPaths : public FsscanFixture, public ::testing::WithParamInterface<SPrint0Case> {};
@@ -325,19 +433,24 @@ struct SExitCase {
   std::vector<std::string> lstPrint0;  // the paths of the exact --print0 output, in order
   const char* szFailure;               // the one path in the failures file; null: none expected
   const char* szError = nullptr;       // the first line of stderr, when it matters
+  std::vector<std::string> lstErrText = {};  // texts that stderr holds somewhere
+  const char* szList = nullptr;        // written to {S}/list when given
 };
 
 class FsscanExit : public FsscanFixture, public ::testing::WithParamInterface<SExitCase> {};
 
 TEST_P(FsscanExit, EndsWithTheDocumentedStatus) {
   const SExitCase& testCase = GetParam();
-  auto fnExpand = [this](std::string strText) {
-    for (const auto& [strKey, strValue] : {std::pair<std::string, std::string>{"{T}", m_tree.Root()}, {"{S}", m_scratch.Root()}})
-      for (size_t pos; (pos = strText.find(strKey)) != std::string::npos;) strText.replace(pos, strKey.size(), strValue);
-    return strText;
-  };
+  auto fnExpand = [this](const std::string& strText) { return Expand(strText); };
   std::vector<std::string> lstArgs;
   for (const std::string& strArg : testCase.lstArgs) lstArgs.push_back(fnExpand(strArg));
+  const std::string strAllArgs = FXString::Join(testCase.lstArgs, " ") + (testCase.szList ? testCase.szList : "");
+  if (strAllArgs.find("{T}/many") != std::string::npos) MakeManyFiles();
+  if (strAllArgs.find("{T}/dev/") != std::string::npos) {
+    if (geteuid() != 0) GTEST_SKIP() << "device nodes need root";
+    MakeDevices();
+  }
+  if (testCase.szList) std::ofstream(m_scratch.Path("list")) << fnExpand(testCase.szList);
   const SRun run = Fsscan(lstArgs);
   EXPECT_EQ(run.iExit, testCase.iExit) << run.strErr;
   std::string strExpectedOut;
@@ -353,6 +466,8 @@ TEST_P(FsscanExit, EndsWithTheDocumentedStatus) {
   if (testCase.szError) {
     EXPECT_EQ(run.strErr.substr(0, run.strErr.find('\n')), fnExpand(testCase.szError));
   }
+  for (const std::string& strText : testCase.lstErrText)
+    EXPECT_NE(run.strErr.find(fnExpand(strText)), std::string::npos) << strText << "\n" << run.strErr;
   if (testCase.iExit != 2) {
     EXPECT_NE(run.strErr.find(" items, "), std::string::npos) << run.strErr;
   }
@@ -386,7 +501,36 @@ INSTANTIATE_TEST_SUITE_P(
         SExitCase{"ContentFileWithPath", {"--from-file", "{S}/absent", "{T}/clean"}, 2, {}, nullptr,
                   "fsscan: --from-file takes no PATH arguments"},
         SExitCase{"ContentFileWithPathFilter", {"-x", "{T}/clean", "--from-file", "{S}/absent"}, 2, {}, nullptr,
-                  "fsscan: with --from-file, --exclude and --exception take patterns, not paths: '{T}/clean'"}),
+                  "fsscan: with --from-file, --exclude and --exception take patterns, not paths: '{T}/clean'"},
+        SExitCase{"ContentFileIsAFolder", {"--from-file", "{T}/clean"}, 2, {}, nullptr,
+                  "fsscan: cannot read the content file '{T}/clean': Is a directory"},
+        // A failure record that the failures file cannot take is shown, counted apart, and a set-up error.
+        SExitCase{"FailuresFileFull", {"-0", "-f", "/dev/full", "{T}/mixed/locked", "{T}/clean/y"}, 2, {"{T}/clean/y"},
+                  nullptr, "fsscan: cannot write the failures file '/dev/full': errno 28 (No space left on device)",
+                  {"\nfsscan: cannot scan '{T}/mixed/locked' (error 13)\n", " items, 0 folders, 2 bytes, 0 failures (1 not written), "}},
+        // An item list that cannot be written: the same answer from every engine, nothing counted.
+        SExitCase{"OutputFullFacade", {"-o", "/dev/full", "{T}/many"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)",
+                  {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "}},
+        SExitCase{"OutputFullFast4Workers", {"-o", "/dev/full", "--workers", "4", "{T}/many"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)",
+                  {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "}},
+        SExitCase{"OutputFullFindFirst", {"-o", "/dev/full", "--engines", "findfirst", "{T}/many"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)"},
+        SExitCase{"OutputFullFast", {"-o", "/dev/full", "--engines", "fast", "{T}/many"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)"},
+        SExitCase{"OutputFullTraverse", {"-o", "/dev/full", "--traverse", "--workers", "2", "{T}/many"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)"},
+        SExitCase{"OutputFullOnDemand", {"-o", "/dev/full", "--engines", "ondemand", "{S}/list"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)", {}, "{T}/many\n"},
+        SExitCase{"OutputFullFromFile", {"-o", "/dev/full", "--from-file", "{S}/list"}, 2, {}, nullptr,
+                  "fsscan: cannot write the item list: errno 28 (No space left on device)",
+                  {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "}, "{T}/many\n"},
+        // Device nodes named as content are reported as the objects themselves, never read.
+        SExitCase{"DevicesAsContent", {"-0", "-f", "{S}/failures", "/dev/null", "{T}/dev/blk", "{T}/dev/link"}, 0,
+                  {"/dev/null", "{T}/dev/blk", "{T}/dev/link"}, nullptr},
+        SExitCase{"DeviceBesideAFolder", {"-0", "-f", "{S}/failures", "--engines", "findfirst", "{T}/dev/chr", "{T}/clean/dir a"},
+                  0, {"{T}/dev/chr", "{T}/clean/dir a/x.txt"}, nullptr}),
     [](const auto& info) { return std::string(info.param.szName); });
 
 // Relative content exceptions and filter paths are taken from the working directory, as the
