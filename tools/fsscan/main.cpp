@@ -3,7 +3,9 @@
 //   fsscan [options] [PATH...]
 //   fsscan [options] --from-file FILE
 //
-// Each PATH is content of the scan (a folder, or a single file, which is then reported alone);
+// Each PATH is content of the scan (a folder, or a single file, which is then reported alone; a
+// character or block device, which the library would give to a raw-device engine that fsscan
+// does not have, is reported alone by fsscan from its lstat data, never opened);
 // relative paths are taken from the working directory and reported as absolute paths. With no
 // PATH it scans /usr and, unless -o names an output, prints only the summary. Content
 // exceptions and filter items that name a relative path ("build/tmp", not a pattern such as
@@ -16,15 +18,19 @@
 // ItemLineOutputHandler.h), or with --print0 the raw paths each ended by a NUL byte, exactly as
 // `find -print0` writes them. Objects that could not be scanned go to the failures file
 // (--failures FILE, the library's format "file|folder <path>:<error>") or, without one, to stderr
-// as "fsscan: cannot scan '<path>' (error <code>)". A summary goes to stderr at the end, and a
-// live progress line while scanning when stderr is a terminal.
+// as "fsscan: cannot scan '<path>' (error <code>)"; a record that the failures file refuses goes
+// to stderr that way too, after "fsscan: cannot write the failures file '<name>': <error>". A
+// summary goes to stderr at the end (counting only the records written; refused failure records
+// are counted apart, "N failures (M not written)"), and a live progress line while scanning when
+// stderr is a terminal. The first write of the item list that fails ends the scan; nothing is
+// written after it and fsscan ends with "fsscan: cannot write the item list: <error>".
 //
 // Exit status: 0 when everything was scanned; 1 when some content failed (a failure was
 // recorded, or a work unit did not complete; a PATH, or a path listed in the --from-file FILE,
 // that does not exist is content that failed and is recorded as a failure); 2 on a usage or
 // set-up error (unknown option or engine, bad number, an output, failures, log or --from-file
-// content file that cannot be opened, items that cannot be written); 130 when interrupted
-// (SIGINT/SIGTERM abort the scan). The content file counts as set-up: like the output and
+// content file that cannot be opened or read, items or failure records that cannot be written);
+// 130 when interrupted (SIGINT/SIGTERM abort the scan). The content file counts as set-up: like the output and
 // failures files it is an input of fsscan itself, not content of the scan.
 //
 // How the scan runs:
@@ -38,10 +44,13 @@
 //     traversal workers per work unit of the engines that have several (fast, traverse); the
 //     traverse engine does not take --top-level (its traversal never reports a content root);
 //     the ondemand engine reads each PATH as a content file (see --from-file);
-//   - --from-file FILE: the arbiter with the on-demand engine alone. FILE holds one absolute path
-//     per line; a file is reported alone, a folder is traversed and its objects reported, the
-//     folder itself only with --top-level (so a listed folder gives what `find DIR -mindepth 1`
-//     lists); empty lines and the line "/" are skipped; a listed path that does not exist is
+//   - --from-file FILE: the arbiter with the on-demand engine alone. FILE (a file, a pipe such as
+//     /dev/stdin or /dev/fd/N, a FIFO) is read once into a private copy (CContentFileCopy), the
+//     engine's content file, which the engine black-lists. FILE holds one absolute path per line;
+//     each object is reported once, however lines repeat or nest (see COnDemandScanEngine); a
+//     file is reported alone, a folder is traversed and its objects reported, the folder itself
+//     only with --top-level (so a listed folder gives what `find DIR -mindepth 1` lists; a
+//     folder listed below another listed folder is reported, as find lists it); empty lines and the line "/" are skipped; a listed path that does not exist is
 //     recorded as a failure. No PATH arguments go with it. Volumes mounted below a listed
 //     folder are scanned too, each by a traversal of its own whose root (the mount point) is,
 //     like the listed folder, reported only with --top-level: that is where the listing
@@ -148,7 +157,9 @@ const char kUsage[] =
     "                               line \"/\" and empty lines are skipped; volumes mounted\n"
     "                               below a folder are scanned too, their mount points only\n"
     "                               with --top-level; filters are patterns here (no '/' first),\n"
-    "                               no --content-exception; a FILE that cannot be read is a\n"
+    "                               no --content-exception; FILE may be a pipe or a FIFO (it\n"
+    "                               is read once); an object listed twice, or below a listed\n"
+    "                               folder, is reported once; a FILE that cannot be read is a\n"
     "                               set-up error (exit 2)\n"
     "  -l, --log FILE               write the library's log to FILE ('-' for stderr)\n"
     "  -L, --log-level N            log level, -1 to 7 (default 1; alone: log to stderr)\n"
