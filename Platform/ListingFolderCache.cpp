@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "Platform/BlockingCallWatch.h"
 
@@ -66,13 +68,19 @@ CListingFolderCache::CThreadScope::~CThreadScope() { t_pCache = m_pPrevious; }
 
 int CListingFolderCache::Open(const std::string& strFolder) {
   int iFd = OpenOnce(strFolder);
-  if (iFd < 0 && (errno == EMFILE || errno == ENFILE) && t_pCache != nullptr) {
-    const int iError = errno;
-    if (t_pCache->CloseIdle() == 0) {
-      errno = iError;
-      return -1;
-    }
+  CListingFolderCache* pCache = t_pCache;
+  if (iFd >= 0 || (errno != EMFILE && errno != ENFILE) || pCache == nullptr) return iFd;
+  // Out of descriptors: the cache keeps none from now on and gives back what it holds. Other
+  // workers may take a freed descriptor first, or still be opening through a kept one, so the
+  // open is tried a few more times while they settle.
+  pCache->m_bKeepNone.store(true, std::memory_order_relaxed);
+  for (int iTry = 0; iTry < kDescriptorRetries; ++iTry) {
+    (void)pCache->CloseIdle();
     iFd = OpenOnce(strFolder);
+    if (iFd >= 0 || (errno != EMFILE && errno != ENFILE)) return iFd;
+    const int iError = errno;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    errno = iError;
   }
   return iFd;
 }
@@ -117,7 +125,8 @@ int CListingFolderCache::OpenOnce(const std::string& strFolder) {
 
 bool CListingFolderCache::Keep(std::shared_ptr<const std::string> pFolder, int iFd) {
   CListingFolderCache* pCache = t_pCache;
-  if (pCache == nullptr || !pFolder || iFd < 0) return false;
+  if (pCache == nullptr || !pFolder || iFd < 0 || pCache->m_bKeepNone.load(std::memory_order_relaxed))
+    return false;
   int iOldFd = -1;
   {
     std::lock_guard<std::mutex> lock(pCache->m_mutex);

@@ -17,8 +17,9 @@
 // name when it is opened, as a path lookup would find it then (mount points are crossed alike).
 // A symbolic link in the last component is never followed (O_NOFOLLOW): the open fails.
 //
-// Descriptors run out: when an open fails with EMFILE or ENFILE, the calling thread's cache closes
-// every kept descriptor that no thread is using and the open is tried once more, so that a low
+// Descriptors run out: when an open fails with EMFILE or ENFILE, the calling thread's cache stops
+// keeping descriptors for the rest of its life, closes every kept one that no thread is using,
+// and the open is tried again (a few times, while other workers settle), so that a low
 // descriptor limit costs speed, never objects.
 //
 // Threads: the cache may be used from any number of threads at once (one mutex, taken around the
@@ -28,6 +29,7 @@
 
 #include <fcntl.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -36,6 +38,8 @@
 class CListingFolderCache {
  public:
   static constexpr size_t kCapacity = 16;
+  // Opens tried again after EMFILE/ENFILE, 1 ms apart.
+  static constexpr int kDescriptorRetries = 50;
   // How folders are opened for listing.
   static constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW;
 
@@ -86,6 +90,7 @@ class CListingFolderCache {
   mutable std::mutex m_mutex;  // guards the slots
   SKept m_aKept[kCapacity];
   size_t m_uNext = 0;  // the slot to fill next (the oldest)
+  std::atomic<bool> m_bKeepNone{false};  // descriptors ran out: nothing is kept any more
 };
 
 using CListingFolderCachePtr = std::shared_ptr<CListingFolderCache>;

@@ -20,7 +20,10 @@
 #pragma once
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -28,6 +31,8 @@
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXEvent.h"
 #include "Platform/FXMutex.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
 #include "Platform/QiError.h"
 
 template <typename TEntry>
@@ -93,6 +98,46 @@ class CFolderQueueT {
   }
 
   const FXEventPtr& GetFolderAvailableEvent() const { return m_pFolderAvailableEvent; }
+
+  // A folder whose worker was given up, with the error to record it under.
+  struct SStalledFolder {
+    std::string strInput;
+    std::string strOutput;
+    CQiError error;
+  };
+  // Coordinator: gives up the workers that have stayed inside one file-system call for the
+  // time-out (CBlockingCallWatch): each is counted idle, taken out of lstWorkers and left
+  // behind (its thread keeps it until its call returns). The folders they held come back, to be
+  // recorded as failed with ETIMEDOUT; nHowMany tells how many workers went (to be replaced).
+  template <typename TWorkerPtr>
+  std::vector<SStalledFolder> GiveUpStalledWorkers(std::vector<TWorkerPtr>& lstWorkers,
+                                                   std::chrono::steady_clock::time_point tNow,
+                                                   std::chrono::milliseconds timeout,
+                                                   size_t& nHowMany) {
+    std::vector<SStalledFolder> lstFolders;
+    nHowMany = 0;
+    for (size_t i = 0; i < lstWorkers.size(); ++i) {
+      TWorkerPtr pWorker = lstWorkers[i];
+      if (!pWorker->GetWatch()->IsStalled(tNow, timeout)) continue;
+      SStalledFolder folder;
+      const bool bHasFolder = pWorker->GetCurrentFolder(folder.strInput, folder.strOutput);
+      if (!pWorker->GetWatch()->Abandon()) continue;  // its call has just returned
+      MarkIdle(pWorker->GetIdleFlag());
+      lstWorkers.erase(lstWorkers.begin() + static_cast<std::ptrdiff_t>(i--));
+      pWorker->LeaveBehind(pWorker);
+      ++nHowMany;
+      const std::string strFolder = bHasFolder ? FXString::EscapeControl(folder.strInput) : "";
+      ZRLOG(-1,
+            "Traversal worker %d did not return from the file system within %lld ms, "
+            "Folder=%s; the folder is recorded as failed and the worker is left behind",
+            pWorker->GetIndex(), static_cast<long long>(timeout.count()), strFolder.c_str());
+      if (!bHasFolder) continue;
+      folder.error = QI_ERROR_ERRNO(ETIMEDOUT, "Folder did not answer within %lld ms, Path=%s",
+                                    static_cast<long long>(timeout.count()), strFolder.c_str());
+      lstFolders.push_back(std::move(folder));
+    }
+    return lstFolders;
+  }
 
  private:
   mutable FXMutex m_mutex;  // guards the three members below

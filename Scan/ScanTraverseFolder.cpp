@@ -274,33 +274,16 @@ CQiError CScanTraverseFolder::TraverseWithWorkers() {
 CQiError CScanTraverseFolder::GiveUpStalledWorkers(Clock::time_point tNow,
                                                    std::chrono::milliseconds timeout, bool bSolo,
                                                    int& iNextIndex) {
-  std::vector<CScanTraverseFolderWorkerPtr>& lstWorkers = m_pPrivate->GetWorkers();
-  for (size_t i = 0; i < lstWorkers.size(); ++i) {
-    CScanTraverseFolderWorkerPtr pWorker = lstWorkers[i];
-    if (!pWorker->GetWatch()->IsStalled(tNow, timeout)) continue;
-    std::string strInput, strOutput;
-    const bool bHasFolder = pWorker->GetCurrentFolder(strInput, strOutput);
-    if (!pWorker->GetWatch()->Abandon()) continue;  // its call has just returned
-    // The worker no longer counts as busy, and its thread is left to itself.
-    m_pPrivate->MarkIdle(pWorker->GetIdleFlag());
-    lstWorkers.erase(lstWorkers.begin() + static_cast<std::ptrdiff_t>(i));
-    --i;
-    CScanTraverseFolderWorker::LeaveBehind(pWorker);
-    ZRLOG(-1,
-          "Traversal worker %d did not return from the file system within %lld ms, "
-          "Folder=%s; the folder is recorded as failed and the worker is left behind",
-          pWorker->GetIndex(), static_cast<long long>(timeout.count()),
-          bHasFolder ? Esc(strInput).c_str() : "");
-    if (bHasFolder) {
-      CQiError stalled = QI_ERROR_ERRNO(ETIMEDOUT, "Folder did not answer within %lld ms, Path=%s",
-                                        static_cast<long long>(timeout.count()),
-                                        Esc(strInput).c_str());
-      CQiError reportError = OnFailedContent(strInput, strOutput, false, stalled);
-      if (reportError.IsError())
-        ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(strInput).c_str(),
-              reportError.AsString().c_str());
-    }
-    // The rest of the traversal goes on with a new worker in its place.
+  size_t nGivenUp = 0;
+  for (const auto& folder : m_pPrivate->GetQueue().GiveUpStalledWorkers(m_pPrivate->GetWorkers(), tNow,
+                                                                        timeout, nGivenUp)) {
+    CQiError reportError = OnFailedContent(folder.strInput, folder.strOutput, false, folder.error);
+    if (reportError.IsError())
+      ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(folder.strInput).c_str(),
+            reportError.AsString().c_str());
+  }
+  // The rest of the traversal goes on with new workers in their places.
+  for (; nGivenUp > 0; --nGivenUp) {
     CQiError error = StartWorker(iNextIndex++, bSolo);
     if (error.IsError()) {
       (void)StopWorkers(true, false);

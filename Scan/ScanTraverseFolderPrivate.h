@@ -74,6 +74,7 @@ class CScanTraverseFolderPrivate {
   const FXEventPtr& GetWorkerStateEvent() const { return m_pWorkerStateEvent; }
 
   std::vector<CScanTraverseFolderWorkerPtr>& GetWorkers() { return m_lstWorkers; }
+  CFolderQueueT<CScanFoldersToTraverse>& GetQueue() { return m_queue; }
 
   void SetPathEnumerator(CPathEnumeratorPtr pEnumerator) { m_pPathEnumerator = std::move(pEnumerator); }
   const CPathEnumeratorPtr& GetPathEnumerator() const { return m_pPathEnumerator; }

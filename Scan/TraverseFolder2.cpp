@@ -113,39 +113,24 @@ CQiError CTraverseFolder2::StartWorker(int iIndex) {
 
 CQiError CTraverseFolder2::GiveUpStalledWorkers(std::chrono::steady_clock::time_point tNow,
                                                 std::chrono::milliseconds timeout) {
-  std::vector<CTraverseFolderWorker2Ptr>& lstWorkers = m_pPrivate->GetWorkers();
-  for (size_t i = 0; i < lstWorkers.size(); ++i) {
-    CTraverseFolderWorker2Ptr pWorker = lstWorkers[i];
-    if (!pWorker->GetWatch()->IsStalled(tNow, timeout)) continue;
-    std::string strInput, strOutput;
-    const bool bHasFolder = pWorker->GetCurrentFolder(strInput, strOutput);
-    if (!pWorker->GetWatch()->Abandon()) continue;  // its call has just returned
-    // The worker no longer counts as busy, and its thread is left to itself.
-    m_pPrivate->MarkIdle(pWorker->GetIdleFlag());
-    lstWorkers.erase(lstWorkers.begin() + static_cast<std::ptrdiff_t>(i));
-    --i;
-    CTraverseFolderWorker2::LeaveBehind(pWorker);
-    ZRLOG(-1,
-          "Traversal worker %d did not return from the file system within %lld ms, "
-          "Folder=%s; the folder is recorded as failed and the worker is left behind",
-          pWorker->GetIndex(), static_cast<long long>(timeout.count()),
-          bHasFolder ? Esc(strInput).c_str() : "");
-    const CScannerCallbackPtr& pCallback = m_pPrivate->GetScannerCallback();
-    CItemConsumerPtr pConsumer;
-    if (bHasFolder && pCallback && pCallback->GetScanFailureConsumer(pConsumer).IsSuccess() &&
-        pConsumer) {
-      const CWorkUnitPtr& pUnit = m_pPrivate->GetWorkUnit();
-      CQiError stalled = QI_ERROR_ERRNO(ETIMEDOUT, "Folder did not answer within %lld ms, Path=%s",
-                                        static_cast<long long>(timeout.count()),
-                                        Esc(strInput).c_str());
+  size_t nGivenUp = 0;
+  const std::vector<CFolderQueueT<CFoldersToTraverse2>::SStalledFolder> lstFolders =
+      m_pPrivate->GetQueue().GiveUpStalledWorkers(m_pPrivate->GetWorkers(), tNow, timeout, nGivenUp);
+  const CScannerCallbackPtr& pCallback = m_pPrivate->GetScannerCallback();
+  CItemConsumerPtr pConsumer;
+  if (!lstFolders.empty() && pCallback && pCallback->GetScanFailureConsumer(pConsumer).IsSuccess() &&
+      pConsumer) {
+    const CWorkUnitPtr& pUnit = m_pPrivate->GetWorkUnit();
+    for (const auto& folder : lstFolders) {
       CQiError reportError = CEnumerateFiles::WriteFailureRecord(
-          pConsumer, pUnit ? pUnit->GetBag() : CBagPtr(), strInput, strOutput, stalled);
+          pConsumer, pUnit ? pUnit->GetBag() : CBagPtr(), folder.strInput, folder.strOutput,
+          folder.error);
       // A failure record that cannot be written ends the scan, as it does for the workers.
       if (reportError.IsError()) m_pPrivate->SetScanFailure(QI_PUSH(reportError));
     }
-    // The rest of the traversal goes on with a new worker in its place.
-    QI_RETURN_IF_ERROR(StartWorker(m_iNextWorkerIndex++));
   }
+  // The rest of the traversal goes on with new workers in their places.
+  for (; nGivenUp > 0; --nGivenUp) QI_RETURN_IF_ERROR(StartWorker(m_iNextWorkerIndex++));
   return CQiError();
 }
 

@@ -93,6 +93,7 @@ class CTraverseFolderPrivate2 : public CAbortOperationCheck {
 
   // ---- workers (coordinator thread only) ----
   std::vector<CTraverseFolderWorker2Ptr>& GetWorkers() { return m_lstWorkers; }
+  CFolderQueueT<CFoldersToTraverse2>& GetQueue() { return m_queue; }
   void SetPrototypeWorker(CTraverseFolderWorker2Ptr pWorker) { m_pPrototype = std::move(pWorker); }
   const CTraverseFolderWorker2Ptr& GetPrototypeWorker() const { return m_pPrototype; }
 
