@@ -199,13 +199,12 @@ CQiError CScanTraverseFolder::ProcessTopLevelContent() {
 }
 
 CQiError CScanTraverseFolder::StartWorker(int iIndex, bool bSolo) {
-  // A solo worker lists with the traversal's own enumerator, as the caller's thread would; the
-  // others (and a solo worker's replacement) with clones.
-  std::shared_ptr<CPathEnumerator> pEnumerator;
-  if (bSolo && m_pPrivate->GetWorkers().empty() && iIndex == 1)
+  // Every worker lists with a clone of the traversal's enumerator, so that a worker left behind
+  // shares no enumerator with the one that replaces it. An enumerator that cannot be cloned
+  // serves a solo worker itself (its worker can then not be replaced).
+  std::shared_ptr<CPathEnumerator> pEnumerator(m_pPrivate->GetPathEnumerator()->Clone());
+  if (!pEnumerator && bSolo && m_pPrivate->GetWorkers().empty() && iIndex == 1)
     pEnumerator = m_pPrivate->GetPathEnumerator();
-  else
-    pEnumerator.reset(m_pPrivate->GetPathEnumerator()->Clone());
   if (!pEnumerator)
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter,
                           "The path enumerator cannot be cloned for worker threads");

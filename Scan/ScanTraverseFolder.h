@@ -4,9 +4,9 @@
 //
 // Use: queue the content paths (AddFolderToList), set the path enumerator, workers, abort check
 // and bag, then Traverse(). The walk is depth-first: the folder added last is listed next. Each
-// folder is listed with the path enumerator on a worker thread (a traversal with one worker lists
-// with the enumerator itself on one worker, more workers list with their own clones), while the
-// calling thread waits and watches them; each entry is
+// folder is listed on a worker thread with a clone of the path enumerator (with the enumerator
+// itself when it cannot be cloned and the traversal has one worker), while the calling thread
+// waits and watches them; each entry is
 // built into an item by the enumerator and dispatched by kind (ProcessItem) to OnFolder, OnFile,
 // OnReparsePointFolder or OnReparsePointFile. The base OnFolder queues the folder, so by default
 // everything below the content paths is walked. Reparse points of a folder are dispatched after

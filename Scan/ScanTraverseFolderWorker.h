@@ -29,8 +29,8 @@
 // them in the shared CScanTraverseFolderPrivate. The worker holds a plain pointer to the
 // traversal, which outlives it (Traverse stops and releases its workers before returning, and a
 // worker left behind never uses it again), a share of the private state, and a share of its
-// enumerator (its own clone, or the traversal's enumerator for a solo worker). The destructor
-// stops and waits.
+// enumerator (its own clone; the traversal's enumerator itself for a solo worker when that cannot
+// be cloned). The destructor stops and waits.
 #pragma once
 
 #include <atomic>
