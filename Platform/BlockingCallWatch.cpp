@@ -6,17 +6,14 @@
 #include "Platform/ZRPlatformInfo.h"
 
 thread_local CBlockingCallWatch* CBlockingCallWatch::t_pWatch = nullptr;
-thread_local int CBlockingCallWatch::t_iDepth = 0;
 
 CBlockingCallWatch::CThreadScope::CThreadScope(std::shared_ptr<CBlockingCallWatch> pWatch)
-    : m_pWatch(std::move(pWatch)), m_pPrevious(t_pWatch), m_iPreviousDepth(t_iDepth) {
+    : m_pWatch(std::move(pWatch)), m_pPrevious(t_pWatch) {
   t_pWatch = m_pWatch.get();
-  t_iDepth = 0;
 }
 
 CBlockingCallWatch::CThreadScope::~CThreadScope() {
   t_pWatch = m_pPrevious;
-  t_iDepth = m_iPreviousDepth;
 }
 
 bool CBlockingCallWatch::IsStalled(Clock::time_point tNow, std::chrono::milliseconds timeout) {

@@ -13,7 +13,7 @@
 // thread-local read. Inside one it is a store and an atomic increment of a counter of the
 // thread's own (odd while in a call), which the coordinator samples from time to time
 // (IsStalled): a counter that stays odd and unchanged for the whole time-out means one call has
-// not returned for that long. Calls nest: only the outermost one counts.
+// not returned for that long.
 //
 // Ownership and threads: the worker and its coordinator share the watch (shared_ptr). The
 // CThreadScope and CCall belong to the worker's thread; IsStalled is for one coordinator
@@ -64,21 +64,30 @@ class CBlockingCallWatch {
    private:
     std::shared_ptr<CBlockingCallWatch> m_pWatch;
     CBlockingCallWatch* m_pPrevious;
-    int m_iPreviousDepth;
   };
 
-  // One file-system call of the calling thread, from construction to destruction.
+  // One file-system call, from construction to destruction: of the calling thread's watch, or
+  // of a given one (a listing takes its thread's watch once and brackets every call of the
+  // listing with it, so that the per-entry calls read no thread-local storage). Calls do not
+  // nest.
   class CCall {
    public:
-    CCall() {
-      if (t_pWatch != nullptr && t_iDepth++ == 0) t_pWatch->Enter();
+    CCall() : CCall(t_pWatch) {}
+    explicit CCall(CBlockingCallWatch* pWatch) : m_pWatch(pWatch) {
+      if (m_pWatch != nullptr) m_pWatch->Enter();
     }
     ~CCall() {
-      if (t_pWatch != nullptr && --t_iDepth == 0) t_pWatch->Leave();
+      if (m_pWatch != nullptr) m_pWatch->Leave();
     }
     CCall(const CCall&) = delete;
     CCall& operator=(const CCall&) = delete;
+
+   private:
+    CBlockingCallWatch* const m_pWatch;
   };
+
+  // The calling thread's watch (null outside a CThreadScope).
+  static CBlockingCallWatch* Current() { return t_pWatch; }
 
   // True when the calling thread's watch has been abandoned by its coordinator: the thread is
   // to end at once without touching what it worked for. Checked right after every file-system
@@ -112,7 +121,6 @@ class CBlockingCallWatch {
   void Leave() { m_uCalls.fetch_add(1, std::memory_order_acq_rel); }
 
   static thread_local CBlockingCallWatch* t_pWatch;
-  static thread_local int t_iDepth;
 
   std::atomic<uint64_t> m_uCalls{0};
   // The coordinator's samples.

@@ -60,11 +60,12 @@ CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::str
   if (name.find('\0') != std::string::npos)
     return QI_ERROR_ERRNO(EINVAL, "Failed to open folder for listing: path holds a NUL byte, Path=%s",
                           Printable(folderPath).c_str());
+  m_pWatch = CBlockingCallWatch::Current();
   int fd;
   if (iDirFd == AT_FDCWD) {
     fd = CListingFolderCache::Open(name);
   } else {
-    CBlockingCallWatch::CCall call;
+    CBlockingCallWatch::CCall call(m_pWatch);
     fd = openat(iDirFd, name.c_str(), CListingFolderCache::kOpenFlags);
   }
   if (fd < 0) {
@@ -76,7 +77,7 @@ CQiError DIR_Wrapper::OpenFd(int iDirFd, const std::string& name, const std::str
     struct stat opened;
     int iStat;
     {
-      CBlockingCallWatch::CCall call;
+      CBlockingCallWatch::CCall call(m_pWatch);
       iStat = fstat(fd, &opened);
     }
     if (iStat != 0 || opened.st_dev != pExpected->st_dev || opened.st_ino != pExpected->st_ino) {
@@ -118,7 +119,7 @@ void DIR_Wrapper::Close() {
 CQiError DIR_Wrapper::Fill() {
   ssize_t n;
   {
-    CBlockingCallWatch::CCall call;
+    CBlockingCallWatch::CCall call(m_pWatch);
     do {
       n = getdents64(m_iFd, m_pBuffer.get(), kBufferSize);
     } while (n < 0 && errno == EINTR);
@@ -168,22 +169,22 @@ CQiError DIR_Wrapper::Next(CFileData& record, long long options) {
     record.m_iLastError = 0;
     std::memset(&record.m_stat, 0, sizeof(record.m_stat));
   } else {
-    StatEntry(m_iFd, entry->d_name, record);
+    StatEntry(entry->d_name, record);
   }
   return CQiError();
 }
 
 CQiError DIR_Wrapper::ReadStatus(CFileData& record) {
   if (m_iFd < 0) return QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "Find handle is not open");
-  StatEntry(m_iFd, record.m_strFileName.c_str(), record);
+  StatEntry(record.m_strFileName.c_str(), record);
   return CQiError();
 }
 
-void DIR_Wrapper::StatEntry(int iFd, const char* szName, CFileData& record) {
+void DIR_Wrapper::StatEntry(const char* szName, CFileData& record) {
   int iResult;
   {
-    CBlockingCallWatch::CCall call;
-    iResult = fstatat(iFd, szName, &record.m_stat, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+    CBlockingCallWatch::CCall call(m_pWatch);
+    iResult = fstatat(m_iFd, szName, &record.m_stat, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
   }
   if (iResult == 0) {
     record.m_iStatusState = CFileData::kStatusValid;

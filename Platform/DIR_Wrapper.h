@@ -37,6 +37,7 @@
 
 #include "Platform/QiError.h"
 
+class CBlockingCallWatch;
 class CFileData;
 
 class DIR_Wrapper {
@@ -80,10 +81,11 @@ class DIR_Wrapper {
  private:
   CQiError OpenFd(int iDirFd, const std::string& name, const std::string& folderPath,
                   const struct stat* pExpected);
-  static void StatEntry(int iFd, const char* szName, CFileData& record);
+  void StatEntry(const char* szName, CFileData& record);
   CQiError Fill();
 
   int m_iFd = -1;
+  CBlockingCallWatch* m_pWatch = nullptr;  // the opening thread's, for the listing's calls
   std::shared_ptr<const std::string> m_pFolder;
   std::unique_ptr<char[]> m_pBuffer;
   size_t m_uPos = 0;

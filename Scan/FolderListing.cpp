@@ -239,12 +239,13 @@ CQiError CFolderListing::ListFolder(SListing& listing) {
     }
   }
 
+  const CBlockingCallWatch* const pWatch = CBlockingCallWatch::Current();
   bool bSkipping = false;  // a restarted listing passes over what was already processed
   CEntryTimes times(listing.counters[EScanPerfCounterType::TIME_FINDNEXT]);
   for (;;) {
     // A worker given up while stuck in a file-system call stops here, before anything of the
     // traversal is touched.
-    if (CBlockingCallWatch::IsAbandoned()) return AbandonedError();
+    if (pWatch != nullptr && pWatch->WasAbandoned()) return AbandonedError();
     if (error.IsError() && !pItem) {
       if (error.IsWin32(QiErrorCode::NoMoreFiles)) return CQiError();
       if (ShouldRetry(error) && listing.iRetries < kMaxListingRetries) {
