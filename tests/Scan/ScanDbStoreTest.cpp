@@ -1,6 +1,7 @@
-// Scan-DB store: records, folder listings, subtree renames and removals, the database kinds of a
-// job, and failures (unwritable folders, damaged files, unclean stops), on real SQLite files in
-// temporary folders.
+// Scan-DB store: records, folder listings and cursors, subtree renames and removals, file ids,
+// bulk mode from several threads, and the database kinds of a job, on real SQLite files in
+// temporary folders. What it shares with the plug-in store (refusals, durability, damaged files,
+// stores that cannot be opened) is in the contract suite of ScanDatabaseTest.cpp.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -396,55 +397,6 @@ TEST_F(ScanDbStoreTest, BulkModeCommitsOrDiscardsOneTransaction) {
   EXPECT_FALSE(m_store.IsInBulk());
 }
 
-TEST_F(ScanDbStoreTest, ClosedStoreIsNotConfigured) {
-  ASSERT_TRUE(m_store.Close().IsSuccess());
-  CScanDbRecord record;
-  uint64_t value = 0;
-  for (const CQiError& err :
-       {m_store.Add(File("/a")), m_store.Lookup("/a", record), m_store.Remove("/a", true),
-        m_store.Rename("/a", "/b"), m_store.SetReferenceTime(1), m_store.GetReferenceTime(value),
-        m_store.BeginBulk(), m_store.GetRecordCount(value)}) {
-    EXPECT_TRUE(err.IsWin32(QiErrorCode::NotConfigured)) << err.AsString();
-    EXPECT_EQ(err.GetMessage(), "Database is not configured");
-  }
-}
-
-// --- Durability --------------------------------------------------------------------------------
-
-TEST_F(ScanDbStoreTest, CommittedChangesSurviveAnUncleanStop) {
-  ASSERT_TRUE(m_store.Close().IsSuccess());
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    // The child commits, starts a bulk it never ends, and dies without closing anything.
-    CScanDbStore* pStore = new CScanDbStore();
-    bool ok = pStore->Open(m_strFolder).IsSuccess() &&
-              pStore->SetReferenceTime(1700000000).IsSuccess() &&
-              pStore->Add(Folder("/kept")).IsSuccess();
-    for (int i = 0; ok && i < 2000; ++i)
-      ok = pStore->Add(File("/kept/" + std::to_string(i))).IsSuccess();
-    ok = ok && pStore->Rename("/kept", "/kept-renamed").IsSuccess();
-    ok = ok && pStore->BeginBulk().IsSuccess() && pStore->Add(File("/uncommitted")).IsSuccess();
-    _exit(ok ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  ASSERT_TRUE(access((m_strFolder + "/ScanDb.sqlite-wal").c_str(), F_OK) == 0);  // really unclean
-
-  CQiError err = m_store.Open(m_strFolder);
-  ASSERT_TRUE(err.IsSuccess()) << err.AsString();
-  uint64_t count = 0, referenceTime = 0;
-  ASSERT_TRUE(m_store.GetRecordCount(count).IsSuccess());
-  EXPECT_EQ(count, 2001u);
-  EXPECT_EQ(ListNames(m_store, "/kept-renamed").size(), 2000u);
-  ASSERT_TRUE(m_store.GetReferenceTime(referenceTime).IsSuccess());
-  EXPECT_EQ(referenceTime, 1700000000u);
-  CScanDbRecord record;
-  EXPECT_TRUE(m_store.Lookup("/uncommitted", record).IsWin32(QiErrorCode::NotFound));
-  EXPECT_TRUE(m_store.Add(File("/uncommitted")).IsSuccess());
-}
-
 // --- Database kinds of a job: copy, replace, remove --------------------------------------------
 
 TEST_F(ScanDbStoreTest, JobCycleCopiesAndReplacesTheKinds) {
@@ -505,127 +457,6 @@ TEST_F(ScanDbStoreTest, JobCycleCopiesAndReplacesTheKinds) {
   ASSERT_TRUE(CScanDbFiles::Remove(current).IsSuccess());
   EXPECT_FALSE(FXPath::DoesPathExist(current));
   EXPECT_TRUE(CScanDbFiles::Remove(current).IsSuccess());
-}
-
-// --- Open failures -----------------------------------------------------------------------------
-
-enum class EOpenCase {
-  kUnderAFile,
-  kNobodyCannotCreate,
-  kNobodyCannotWrite,
-  kGarbage,
-  kOtherDatabase,
-  kEmptyName
-};
-
-struct SOpenRow {
-  const char* name;
-  EOpenCase openCase;
-  bool win32;  // code space of the expected error
-  uint32_t code;
-  const char* fragment;
-};
-
-struct SNobodyArgs {
-  std::string folder;
-  std::string fragment;
-};
-
-int OpenAsNobody(void* pArg) {
-  auto* args = static_cast<SNobodyArgs*>(pArg);
-  CScanDbStore store;
-  CQiError err = store.Open(args->folder);
-  if (!err.IsErrNo(EACCES) || store.IsOpen()) return 1;
-  return err.AsString().find(args->fragment) != std::string::npos ? 0 : 2;
-}
-
-class ScanDbOpenTest : public ::testing::TestWithParam<SOpenRow> {};
-
-TEST_P(ScanDbOpenTest, FailsWithAClearError) {
-  const SOpenRow& row = GetParam();
-  CTempTree tree;
-  std::string folder = tree.Path("db");
-  switch (row.openCase) {
-    case EOpenCase::kUnderAFile:
-      tree.MakeFile("file");
-      folder = tree.Path("file/db");
-      break;
-    case EOpenCase::kNobodyCannotCreate:
-    case EOpenCase::kNobodyCannotWrite: {
-      if (row.openCase == EOpenCase::kNobodyCannotWrite) {
-        CScanDbStore store;
-        ASSERT_TRUE(store.Open(folder).IsSuccess());
-        ASSERT_TRUE(store.Add(File("/x")).IsSuccess());
-      } else {
-        folder = tree.Path("db/new");
-      }
-      SNobodyArgs args{folder, row.fragment};
-      EXPECT_EQ(RunAsNobody(OpenAsNobody, &args), 0);
-      return;
-    }
-    case EOpenCase::kGarbage:
-      tree.MakeFile("db/ScanDb.sqlite", std::string(8192, 'x'));
-      break;
-    case EOpenCase::kOtherDatabase: {
-      std::string cmd = "sqlite3 '" + tree.Path("other.sqlite") + "' 'CREATE TABLE t(x);'";
-      ASSERT_EQ(system(cmd.c_str()), 0);
-      tree.MakeDir("db");
-      ASSERT_EQ(rename(tree.Path("other.sqlite").c_str(), tree.Path("db/ScanDb.sqlite").c_str()),
-                0);
-      break;
-    }
-    case EOpenCase::kEmptyName:
-      folder.clear();
-      break;
-  }
-  CScanDbStore store;
-  CQiError err = store.Open(folder);
-  if (row.win32) {
-    EXPECT_TRUE(err.IsWin32(row.code)) << err.AsString();
-  } else {
-    EXPECT_TRUE(err.IsErrNo(static_cast<int>(row.code))) << err.AsString();
-  }
-  EXPECT_NE(err.AsString().find(row.fragment), std::string::npos) << err.AsString();
-  EXPECT_FALSE(store.IsOpen());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ScanDbOpenTest,
-    ::testing::Values(SOpenRow{"FolderUnderAFile", EOpenCase::kUnderAFile, false, ENOTDIR,
-                               "Cannot create the scan database folder"},
-                      SOpenRow{"NobodyCannotCreate", EOpenCase::kNobodyCannotCreate, false, EACCES,
-                               "Cannot create the scan database folder"},
-                      SOpenRow{"NobodyCannotWrite", EOpenCase::kNobodyCannotWrite, false, EACCES,
-                               "cannot be written"},
-                      SOpenRow{"Garbage", EOpenCase::kGarbage, true, QiErrorCode::InvalidData,
-                               "file is not a database"},
-                      SOpenRow{"OtherDatabase", EOpenCase::kOtherDatabase, true,
-                               QiErrorCode::InvalidData, "but not a scan database"},
-                      SOpenRow{"EmptyName", EOpenCase::kEmptyName, true,
-                               QiErrorCode::InvalidParameter, "folder is empty"}),
-    [](const auto& info) { return info.param.name; });
-
-TEST_F(ScanDbStoreTest, DamagedPagesAreInvalidData) {
-  for (int i = 0; i < 200; ++i) AddAll({File("/d/" + std::to_string(i))});
-  ASSERT_TRUE(m_store.Close().IsSuccess());
-  // Keep the header page, overwrite every page after it.
-  const std::string file = m_strFolder + "/ScanDb.sqlite";
-  struct stat st;
-  ASSERT_EQ(stat(file.c_str(), &st), 0);
-  {
-    std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
-    out.seekp(8192);
-    out << std::string(static_cast<size_t>(st.st_size) - 8192, '\x5a');
-  }
-  CQiError err = m_store.Open(m_strFolder);
-  ASSERT_TRUE(err.IsSuccess()) << err.AsString();  // the header page is intact
-  err = m_store.Validate();
-  EXPECT_TRUE(err.IsWin32(QiErrorCode::InvalidData)) << err.AsString();
-  CScanDbRecord record;
-  err = m_store.Lookup("/d/1", record);
-  EXPECT_TRUE(err.IsWin32(QiErrorCode::InvalidData)) << err.AsString();
-  EXPECT_NE(err.AsString().find("SQLite: database disk image is malformed"), std::string::npos)
-      << err.AsString();
 }
 
 }  // namespace
