@@ -151,15 +151,6 @@ TEST_F(PerformanceCounterTest, LogAllCountersWritesOneLinePerUsedTimer) {
   for (const auto& e : writer->GetEntries()) EXPECT_EQ(e.level, 1);
 }
 
-TEST_F(PerformanceCounterTest, NothingIsLoggedBelowLevelOneOrWithoutSamples) {
-  CScanPerformanceCounter::LogAllCounters();
-  EXPECT_TRUE(Texts().empty());
-  CScanPerformanceCounter::GetCounter(EType::TIME_SORT).Add(5);
-  writer->SetLevel(0);
-  CScanPerformanceCounter::LogAllCounters();
-  EXPECT_TRUE(Texts().empty());
-}
-
 TEST_F(PerformanceCounterTest, LogThreadCountersNamesVolumeAndThread) {
   FXEvent logged(FXEvent::EResetMode::Manual), used(FXEvent::EResetMode::Manual);
   long lWorkerTid = 0;

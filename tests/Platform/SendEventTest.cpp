@@ -171,25 +171,6 @@ TEST_F(SendEventFixture, AFailingSinkReportsToTheRaiser) {
   EXPECT_EQ(result.GetFrames()[1].text, "SendEvent failed, Event=0x11000077");
 }
 
-TEST_F(SendEventFixture, AnEmptySinkRestoresTheLogSink) {
-  auto sink = std::make_shared<CRecordingSink>();
-  ISendEventInterface::SetProcessEventSink(sink);
-  EXPECT_EQ(ISendEventInterface::GetProcessEventSink(), sink);
-  ISendEventInterface::SetProcessEventSink(nullptr);
-  ISendEventInterfacePtr current = ISendEventInterface::GetProcessEventSink();
-  ASSERT_NE(current, nullptr);
-  EXPECT_NE(dynamic_cast<CLogEventSink*>(current.get()), nullptr);
-  ASSERT_TRUE(ISendEventInterface::SendEventMessage(QI_ERROR_EVENT(0x11000079)).IsSuccess());
-  EXPECT_TRUE(sink->Events().empty());
-  EXPECT_EQ(m_pCapture->CountContaining("Event 0x11000079, Arguments=[], Text=[]", -1), 1u);
-}
-
-TEST_F(SendEventFixture, DefaultSinkWritesNothingWhenLoggingIsOff) {
-  m_pCapture->SetLoggingOn(false);
-  EXPECT_TRUE(ISendEventInterface::SendEventMessage(QI_ERROR_EVENT(0x11000002)).IsSuccess());
-  EXPECT_TRUE(m_pCapture->GetEntries().empty());
-}
-
 // Many threads raise events while another replaces the sink: every event reaches exactly one
 // of the sinks, and no sink is freed while in use (checked under the sanitizers).
 TEST_F(SendEventFixture, ConcurrentSendersAndSinkReplacement) {

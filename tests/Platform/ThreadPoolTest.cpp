@@ -128,13 +128,6 @@ TEST_F(ThreadPoolTest, WaitForAnyReturnsOnceOneJobHasFinished) {
   ASSERT_EQ(pool.WaitForAll(true, false, false, -1), 1);
 }
 
-TEST_F(ThreadPoolTest, WaitWithNoJobsReturnsAtOnce) {
-  ZrThreadPool pool;
-  ASSERT_EQ(pool.Initialize("idle", 200, 1, 1, 1), 1);
-  EXPECT_EQ(pool.WaitForAll(true, false, true, -1), 1);
-  EXPECT_EQ(pool.WaitForAll(false, false, true, -1), 1);
-}
-
 TEST_F(ThreadPoolTest, PlainJobFunctionsGiveTheirExitCodes) {
   ZrThreadPool pool;
   ASSERT_EQ(pool.Initialize("plain", 200, 2, 2, 2), 1);
@@ -201,16 +194,6 @@ INSTANTIATE_TEST_SUITE_P(Table, ThreadPoolBadArguments,
                          ::testing::Values(InitRow{0, 1, 2, 1}, InitRow{200, 3, 2, 2},
                                            InitRow{200, 0, 0, 0}, InitRow{200, -1, 2, 1},
                                            InitRow{200, 1, 2, -1}));
-
-TEST_F(ThreadPoolTest, InitializeTwiceFails) {
-  ZrThreadPool pool;
-  ASSERT_EQ(pool.Initialize("once", 200, 1, 2, 1), 1);
-  EXPECT_NE(pool.Initialize("once", 200, 1, 2, 1), 1);
-  EXPECT_EQ(pool.GetLastErrorCode(), QiErrorCode::InvalidParameter);
-  EXPECT_EQ(pool.GetLastError().GetMessage(),
-            "Thread pool is already initialized or shut down, Name=once");
-  EXPECT_EQ(pool.GetThreadCount(), 1);
-}
 
 TEST_F(ThreadPoolTest, JobBeyondTheQueueLimitIsRefused) {
   ZrThreadPool pool;

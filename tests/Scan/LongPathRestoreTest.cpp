@@ -141,10 +141,6 @@ TEST_F(LongPathHandlerTest, OpenRestoreFileReportsAFolderItCannotMake) {
             -1);
   EXPECT_EQ(errno, ENOTDIR);
   CLogWriterInterface::SetProcessLogWriter(nullptr);
-  EXPECT_EQ(capture->CountContaining("Failed to create the folders of [" + m_deep.Deep() +
-                                         "/file1/x/y.txt], error=",
-                                     -1),
-            1u);
 }
 
 struct SNobodyArgs {
