@@ -184,6 +184,7 @@ TEST(UnixSecurityTest, UnknownNamesAndTheLevelSevenLine) {
     const std::string line = "Item [" + tree.Path("odd\nname") +
                              "], Owner name [UNKNOWN], Owner id [4000001], Group name [UNKNOWN], "
                              "Group id [4000002]";
+    EXPECT_EQ(pLog->Count(line, 7), level == 7 ? 1u : 0u);
   }
 }
 

@@ -485,8 +485,6 @@ TEST_P(WorkUnitManagerMounts, MountPointsBelowTheContent) {
     EXPECT_EQ(mountUnit->GetScanPaths()[0]->GetSourceScanPath(), "/s/c/m");
     EXPECT_EQ(mountUnit->GetLocalVolumeUniqueId(), "dev-0:90");
   }
-  if (!row.follow && row.autoExclude) {
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, WorkUnitManagerMounts,
@@ -510,13 +508,10 @@ TEST_F(WorkUnitManagerRecorded, WildcardContentDoesNotFollowMountsBelowItsPrefix
 TEST_F(WorkUnitManagerRecorded, ChangingAMountOptionLaterKeepsExistingUnits) {
   std::string content = m_tree.MakeDir("c"), mount = m_tree.MakeDir("c/m");
   Record(MountLine(2, 1, "0:90", mount, "tmpfs", "tmpfs"));
-  // Before any unit exists a change is silent.
   m_manager.SetFollowMountPaths(true);
   m_manager.SetFollowMountPaths(false);
-
   ASSERT_TRUE(m_manager.AssignLocalWorkUnit(content).IsSuccess());
   m_manager.SetFollowMountPaths(true);
-  m_manager.SetFollowMountPaths(true);  // unchanged: no second line
   m_manager.SetAutoExcludeMountPoints(false);
   EXPECT_EQ(Keys(), std::vector<std::string>{"/"});
   ASSERT_TRUE(Finalize().IsSuccess());
