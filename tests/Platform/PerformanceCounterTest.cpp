@@ -8,31 +8,24 @@
 #include <vector>
 
 #include "Platform/AutoTimeCounter.h"
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXEvent.h"
 #include "Platform/ScanPerformanceCounter.h"
 #include "Platform/ScanPerformanceCounterSet.h"
+#include "Support/LogCapture.h"
 
 namespace {
 using EType = EScanPerfCounterType;
 
 class PerformanceCounterTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    CScanPerformanceCounter::ResetAll();
-    writer = std::make_shared<CCaptureLogWriter>(1);
-    CLogWriterInterface::SetProcessLogWriter(writer);
-  }
-  void TearDown() override {
-    CLogWriterInterface::SetProcessLogWriter(nullptr);
-    CScanPerformanceCounter::ResetAll();
-  }
+  void SetUp() override { CScanPerformanceCounter::ResetAll(); }
+  void TearDown() override { CScanPerformanceCounter::ResetAll(); }
   std::vector<std::string> Texts() const {
     std::vector<std::string> lst;
     for (const auto& e : writer->GetEntries()) lst.push_back(e.text);
     return lst;
   }
-  std::shared_ptr<CCaptureLogWriter> writer;
+  CLogCapture writer{1};
 };
 }  // namespace
 

@@ -4,10 +4,10 @@
 #include <mutex>
 #include <thread>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/LogEventSink.h"
 #include "Platform/SendEventInterface.h"
+#include "Support/LogCapture.h"
 
 namespace {
 
@@ -42,15 +42,8 @@ class CRecordingSink : public ISendEventInterface {
 
 class SendEventFixture : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_pCapture = std::make_shared<CCaptureLogWriter>(CLogWriterInterface::kLevelMax);
-    CLogWriterInterface::SetProcessLogWriter(m_pCapture);
-  }
-  void TearDown() override {
-    ISendEventInterface::SetProcessEventSink(nullptr);
-    CLogWriterInterface::SetProcessLogWriter(nullptr);
-  }
-  std::shared_ptr<CCaptureLogWriter> m_pCapture;
+  void TearDown() override { ISendEventInterface::SetProcessEventSink(nullptr); }
+  CLogCapture m_pCapture;
 };
 
 // The events the scan raises, as the raising code builds them.

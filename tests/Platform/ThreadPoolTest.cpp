@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXEvent.h"
 #include "Platform/ZrThreadPool.h"
+#include "Support/LogCapture.h"
 
 namespace {
 constexpr uint32_t kSafetyMs = 30000;
@@ -38,12 +38,7 @@ class CBarrier {
 
 class ThreadPoolTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    writer = std::make_shared<CCaptureLogWriter>(1);
-    CLogWriterInterface::SetProcessLogWriter(writer);
-  }
-  void TearDown() override { CLogWriterInterface::SetProcessLogWriter(nullptr); }
-  std::shared_ptr<CCaptureLogWriter> writer;
+  CLogCapture writer{1};
 };
 
 unsigned ReturnArgument(void* pArg) { return *static_cast<unsigned*>(pArg); }

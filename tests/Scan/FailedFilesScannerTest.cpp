@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 #include "Scan/FailedFilesScanner.h"
 #include "Scan/FindFirstItem.h"
 #include "Scan/OutputHandler.h"
 #include "Support/TempTree.h"
+#include "Support/LogCapture.h"
 
 namespace {
 
@@ -62,18 +62,15 @@ class CRootsCallback : public CFailedFilesScannerCallback {
 class FailedFilesScannerFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_pLog = std::make_shared<CCaptureLogWriter>(CLogWriterInterface::kLevelMax);
-    CLogWriterInterface::SetProcessLogWriter(m_pLog);
     m_strJobFolder = m_tree.MakeDir("job");
     m_pCallback = std::make_shared<CRootsCallback>();
   }
-  void TearDown() override { CLogWriterInterface::SetProcessLogWriter(nullptr); }
 
   void WriteList(const std::string& content) { m_tree.MakeFile("job/failures.zrf", content); }
   CQiError Run() { return CFailedFilesScanner(12, m_pCallback, m_strJobFolder).Run(); }
 
   CTempTree m_tree;
-  std::shared_ptr<CCaptureLogWriter> m_pLog;
+  CLogCapture m_pLog;
   std::string m_strJobFolder;
   std::shared_ptr<CRootsCallback> m_pCallback;
 };

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "Platform/Bag.h"
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXFile.h"
 #include "Platform/ZRPI_Focus.h"
@@ -20,6 +19,7 @@
 #include "Scan/ScanEngine.h"
 #include "Scan/ScannerConfigurationBagId.h"
 #include "Support/TempTree.h"
+#include "Support/LogCapture.h"
 
 namespace {
 
@@ -102,8 +102,6 @@ CBagPtr DebugBag(bool bDebug) {
 class ScanEngineFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_pLog = std::make_shared<CCaptureLogWriter>(CLogWriterInterface::kLevelMax);
-    CLogWriterInterface::SetProcessLogWriter(m_pLog);
     // A real file, reported under another source path.
     m_strLocal = m_tree.MakeFile("data/report.txt", "abc");
     m_strSource = "/source/data/report.txt";
@@ -115,7 +113,6 @@ class ScanEngineFixture : public ::testing::Test {
     m_pCallback = std::make_shared<CFakeCallback>();
     m_pCallback->m_pHandler = m_pHandler;
   }
-  void TearDown() override { CLogWriterInterface::SetProcessLogWriter(nullptr); }
 
  public:  // read by the table bodies below
   std::string DebugLine(bool bFiltered) const {
@@ -128,7 +125,7 @@ class ScanEngineFixture : public ::testing::Test {
   }
 
   CTempTree m_tree;
-  std::shared_ptr<CCaptureLogWriter> m_pLog;
+  CLogCapture m_pLog;
   std::string m_strLocal;
   std::string m_strSource;
   uint32_t m_uMode = 0;

@@ -17,8 +17,8 @@ class CLogCapture {
   CLogCapture(const CLogCapture&) = delete;
   CLogCapture& operator=(const CLogCapture&) = delete;
 
-  CCaptureLogWriter& operator*() { return *m_pWriter; }
-  CCaptureLogWriter* operator->() { return m_pWriter.get(); }
+  CCaptureLogWriter& operator*() const { return *m_pWriter; }
+  CCaptureLogWriter* operator->() const { return m_pWriter.get(); }
   const std::shared_ptr<CCaptureLogWriter>& Writer() const { return m_pWriter; }
 
  private:
