@@ -343,17 +343,6 @@ TEST_F(ExpandRealTree, LinkedContentKeepsTheCallersForm) {
   EXPECT_EQ(volume, m_tree.Path("real/sub"));
 }
 
-TEST_F(ExpandRealTree, MissingContentStillFindsItsVolume) {
-  std::vector<SContentEntry> entries;
-  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes(m_tree.Path("link/sub/gone/x"), entries)
-                  .IsSuccess());
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].m_strVolumeName, m_tree.Path("real/sub"));
-  std::string real;
-  ASSERT_TRUE(MountPathInfo::ResolvePath(m_tree.Path("link/gone/../sub/./x"), real).IsSuccess());
-  EXPECT_EQ(real, m_tree.Path("real/sub/x"));
-}
-
 TEST_F(ExpandRealTree, MapperGivesSourcePathsAndItsRefusalIs87) {
   CPrefixContentMapper mapper;
   ASSERT_TRUE(mapper.AddMapping("/host/share", m_tree.Path("link")).IsSuccess());

@@ -18,6 +18,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Platform/ErrorCodes.h"
@@ -829,26 +830,22 @@ TEST_P(ItemRecordRoundTrip, KeepsTheStatusData) {
   CDatabaseItem copy;
   copy.SetMetadata(pRecord->GetMetadata());
   ASSERT_TRUE(copy.PopulateFromMetadata().IsSuccess());
-  EXPECT_EQ(pRecord->GetAttributes(), copy.GetAttributes());
-  EXPECT_EQ(pRecord->GetLinks(), copy.GetLinks());
-  EXPECT_EQ(pRecord->GetFileSizeOnDisk(), copy.GetFileSizeOnDisk());
-  EXPECT_EQ(pRecord->GetCreationTime(), copy.GetCreationTime());
+  EXPECT_EQ(std::make_tuple(pRecord->GetAttributes(), pRecord->GetLinks(), pRecord->GetFileSizeOnDisk(),
+                            pRecord->GetCreationTime()),
+            std::make_tuple(copy.GetAttributes(), copy.GetLinks(), copy.GetFileSizeOnDisk(), copy.GetCreationTime()));
 
   CItemPtr pBack;
   ASSERT_TRUE(CDatabaseItemWrapper::GetAsItem(pRecord, pBack, "", nullptr).IsSuccess());
   auto pCompound = std::dynamic_pointer_cast<CCompoundItem>(pBack);
   ASSERT_TRUE(pCompound);
   EXPECT_EQ(77, pCompound->GetDbId());
-  EXPECT_EQ(pItem->IsFolder(), pBack->IsFolder());
-  EXPECT_EQ(pItem->IsReparsePoint(), pBack->IsReparsePoint());
-  EXPECT_EQ(pItem->GetAttributes(), pBack->GetAttributes());
-  EXPECT_EQ(pItem->GetFileId(), pBack->GetFileId());
-  EXPECT_EQ(pItem->GetHardLinkCount(), pBack->GetHardLinkCount());
-  EXPECT_EQ(pItem->GetFileSize(), pBack->GetFileSize());
-  EXPECT_EQ(pItem->GetFileSizeOnDisk(), pBack->GetFileSizeOnDisk());
-  EXPECT_EQ(pItem->GetLastWriteTime().GetSeconds(), pBack->GetLastWriteTime().GetSeconds());
-  EXPECT_EQ(pItem->GetLastAccessTime().GetSeconds(), pBack->GetLastAccessTime().GetSeconds());
-  EXPECT_EQ(pItem->GetLastChangeTime().GetSeconds(), pBack->GetLastChangeTime().GetSeconds());
+  auto status = [](const CItemPtr& p) {
+    return std::make_tuple(p->IsFolder(), p->IsReparsePoint(), p->GetAttributes(), p->GetFileId(),
+                           p->GetHardLinkCount(), p->GetFileSize(), p->GetFileSizeOnDisk(),
+                           p->GetLastWriteTime().GetSeconds(), p->GetLastAccessTime().GetSeconds(),
+                           p->GetLastChangeTime().GetSeconds());
+  };
+  EXPECT_EQ(status(pItem), status(pBack));
   EXPECT_EQ(strPath, pBack->GetLocalFullyQualifiedItemName());
   EXPECT_EQ(strPath, pBack->GetSourceFullyQualifiedItemName());
 }

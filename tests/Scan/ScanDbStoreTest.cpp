@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Platform/ErrorCodes.h"
@@ -51,20 +52,12 @@ CScanDbRecord File(const std::string& path, off_t size = 10) {
 }
 
 void ExpectSameStat(const struct stat& a, const struct stat& b) {
-  EXPECT_EQ(a.st_mode, b.st_mode);
-  EXPECT_EQ(a.st_uid, b.st_uid);
-  EXPECT_EQ(a.st_gid, b.st_gid);
-  EXPECT_EQ(a.st_size, b.st_size);
-  EXPECT_EQ(a.st_blocks, b.st_blocks);
-  EXPECT_EQ(a.st_nlink, b.st_nlink);
-  EXPECT_EQ(a.st_ino, b.st_ino);
-  EXPECT_EQ(a.st_dev, b.st_dev);
-  EXPECT_EQ(a.st_atim.tv_sec, b.st_atim.tv_sec);
-  EXPECT_EQ(a.st_atim.tv_nsec, b.st_atim.tv_nsec);
-  EXPECT_EQ(a.st_mtim.tv_sec, b.st_mtim.tv_sec);
-  EXPECT_EQ(a.st_mtim.tv_nsec, b.st_mtim.tv_nsec);
-  EXPECT_EQ(a.st_ctim.tv_sec, b.st_ctim.tv_sec);
-  EXPECT_EQ(a.st_ctim.tv_nsec, b.st_ctim.tv_nsec);
+  auto fields = [](const struct stat& s) {
+    return std::make_tuple(s.st_mode, s.st_uid, s.st_gid, s.st_size, s.st_blocks, s.st_nlink, s.st_ino,
+                           s.st_dev, s.st_atim.tv_sec, s.st_atim.tv_nsec, s.st_mtim.tv_sec,
+                           s.st_mtim.tv_nsec, s.st_ctim.tv_sec, s.st_ctim.tv_nsec);
+  };
+  EXPECT_EQ(fields(a), fields(b));
 }
 
 std::vector<std::string> ListNames(CScanDbStore& store, const std::string& folder) {
