@@ -267,27 +267,6 @@ TEST(AlertableEventThreadTest, SecondStartWhileRunningIsRefused) {
   EXPECT_EQ(thread.Count("OnStart"), 1);
 }
 
-TEST(AlertableEventThreadTest, StopWithoutARunDoesNothingAndDoesNotLinger) {
-  CRecordingThread thread;
-  EXPECT_TRUE(thread.Stop(true).IsSuccess());
-  EXPECT_TRUE(thread.WaitForStop(0).IsSuccess());
-  EXPECT_FALSE(thread.IsStopRequested());
-  // A later run is not ended by the earlier stop.
-  ASSERT_TRUE(thread.Start().IsSuccess());
-  thread.Signal();
-  ASSERT_TRUE(thread.WaitFor("OnEvent", 1));
-  ASSERT_TRUE(thread.Stop(true).IsSuccess());
-}
-
-TEST(AlertableEventThreadTest, WaitForStopTimesOutWhileTheThreadRuns) {
-  CRecordingThread thread;
-  ASSERT_TRUE(thread.Start().IsSuccess());
-  CQiError error = thread.WaitForStop(1);
-  EXPECT_TRUE(error.IsWin32(CAlertableEventThread::kErrorWaitTimeout));
-  EXPECT_EQ(error.GetMessage(), "Thread did not stop within 1 ms, Thread=recorder");
-  ASSERT_TRUE(thread.Stop(true).IsSuccess());
-}
-
 TEST(AlertableEventThreadTest, WaitForEventOrStopTellsWhichCameFirst) {
   CRecordingThread thread;
   FXEvent other(FXEvent::EResetMode::Auto);

@@ -9,16 +9,10 @@
 #include <string>
 
 #include "Platform/BackgroundWriter.h"
+#include "Support/FileText.h"
 #include "Support/TempTree.h"
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
 
 class BackgroundWriterMode : public ::testing::TestWithParam<bool> {};
 
@@ -45,7 +39,7 @@ TEST_P(BackgroundWriterMode, WritesEverythingInOrder) {
     ASSERT_TRUE(writer.Flush().IsSuccess());
   }
   close(fd);
-  EXPECT_TRUE(ReadFile(path) == expected);
+  EXPECT_TRUE(ReadFileText(path) == expected);
 }
 
 TEST_P(BackgroundWriterMode, ReportsAFailedWrite) {

@@ -16,16 +16,11 @@
 
 #include "Platform/BatchSort.h"
 #include "Platform/ZrProcess.h"
+#include "Support/RunAsNobody.h"
+#include "Support/FileText.h"
 #include "Support/TempTree.h"
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
 
 std::vector<std::string> ListFolder(const std::string& path) {
   std::vector<std::string> names;
@@ -46,7 +41,7 @@ std::string SortWithCoreutils(const std::string& input, const std::string& outpu
   if (process.Start("LC_ALL=C sort -o '" + output + "' '" + input + "'").IsError()) return "<start>";
   if (process.WaitForExit(300000).IsError() || process.GetExitCode() != 0)
     return "<sort failed: " + process.GetStderr() + ">";
-  return ReadFile(output);
+  return ReadFileText(output);
 }
 
 std::string Join(const std::vector<std::string>& lines, bool finalFeed = true) {
@@ -182,10 +177,10 @@ TEST_P(BatchSortCompare, MatchesCoreutilsSortByteForByte) {
   ASSERT_TRUE(error.IsSuccess()) << error.AsString();
 
   std::string expected = SortWithCoreutils(input, expectedPath);
-  std::string actual = ReadFile(output);
+  std::string actual = ReadFileText(output);
   EXPECT_EQ(actual.size(), expected.size());
   EXPECT_TRUE(actual == expected) << "output differs from LC_ALL=C sort";
-  EXPECT_EQ(ReadFile(input), content);  // the input is left alone
+  EXPECT_EQ(ReadFileText(input), content);  // the input is left alone
 
   EXPECT_EQ(stats.uBytes, content.size());
   EXPECT_EQ(stats.uLines, static_cast<uint64_t>(std::count(expected.begin(), expected.end(), '\n')));
@@ -232,7 +227,7 @@ TEST(BatchSort, InputMayBeTheOutput) {
   std::string path = tree.MakeFile("lines.txt", "c\nb\na\n");
   std::string scratch = tree.MakeDir("scratch");
   ASSERT_TRUE(BatchSort(path, path, scratch).IsSuccess());
-  EXPECT_EQ(ReadFile(path), "a\nb\nc\n");
+  EXPECT_EQ(ReadFileText(path), "a\nb\nc\n");
   EXPECT_EQ(ListFolder(tree.Root()), (std::vector<std::string>{"lines.txt", "scratch"}));
 }
 
@@ -241,7 +236,7 @@ TEST(BatchSort, ReplacesAnExistingOutput) {
   std::string input = tree.MakeFile("in.txt", "2\n1\n");
   std::string output = tree.MakeFile("out.txt", "old old old old\n");
   ASSERT_TRUE(BatchSort(input, output, tree.MakeDir("scratch")).IsSuccess());
-  EXPECT_EQ(ReadFile(output), "1\n2\n");
+  EXPECT_EQ(ReadFileText(output), "1\n2\n");
 }
 
 // --- Errors ------------------------------------------------------------------------------------
@@ -302,7 +297,7 @@ TEST_P(BatchSortError, FailsClearlyAndLeavesNothingBehind) {
     EXPECT_EQ(error.GetMessage().rfind(c.message, 0), 0u) << error.GetMessage();
   }
   EXPECT_NE(error.AsString().find("Unable to sort ["), std::string::npos);
-  EXPECT_EQ(ReadFile(tree.Path("out/sorted.txt")), "previous output\n");
+  EXPECT_EQ(ReadFileText(tree.Path("out/sorted.txt")), "previous output\n");
   EXPECT_EQ(ListFolder(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
   EXPECT_TRUE(ListFolder(tree.Path("scratch")).empty());
 }
@@ -332,16 +327,11 @@ TEST(BatchSort, UnwritableOutputFolderFailsBeforeAnyWork) {
   CTempTree tree;
   SNobodyArgs args{tree.MakeFile("in.txt", "b\na\n"), tree.MakeDir("locked", 0555) + "/out.txt",
                    tree.MakeDir("scratch", 0777)};
-  int status = RunAsNobody(
-      [](void* p) -> int {
-        auto* a = static_cast<SNobodyArgs*>(p);
-        CQiError error = BatchSort(a->input, a->output, a->scratch);
-        if (!error.IsErrNo(EACCES)) return 1;
-        if (error.GetMessage().find("Unable to create a temporary sort output in [") != 0) return 2;
-        return 0;
-      },
-      &args);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(0, RunAsNobody([&args] {
+              CQiError error = BatchSort(args.input, args.output, args.scratch);
+              return error.IsErrNo(EACCES) &&
+                     error.GetMessage().find("Unable to create a temporary sort output in [") == 0;
+            }));
   EXPECT_TRUE(ListFolder(tree.Path("locked")).empty());
 }
 
@@ -349,19 +339,13 @@ TEST(BatchSort, UnwritableScratchFailsMidSortAndRemovesTheTemporaryOutput) {
   CTempTree tree;
   SNobodyArgs args{tree.MakeFile("in.txt", PathLines(20000, 2)), tree.MakeDir("out", 0777) + "/out.txt",
                    tree.MakeDir("scratch", 0555)};
-  int status = RunAsNobody(
-      [](void* p) -> int {
-        auto* a = static_cast<SNobodyArgs*>(p);
-        BBatchSortOptions options;
-        options.uMemoryBytes = kSmall;
-        CQiError error = BatchSort(a->input, a->output, a->scratch, options);
-        if (!error.IsErrNo(EACCES)) return 1;
-        if (error.GetMessage() != "Unable to create a sort run in scratch folder [" + a->scratch + "]")
-          return 2;
-        return 0;
-      },
-      &args);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(0, RunAsNobody([&args] {
+              BBatchSortOptions options;
+              options.uMemoryBytes = kSmall;
+              CQiError error = BatchSort(args.input, args.output, args.scratch, options);
+              return error.IsErrNo(EACCES) &&
+                     error.GetMessage() == "Unable to create a sort run in scratch folder [" + args.scratch + "]";
+            }));
   EXPECT_TRUE(ListFolder(tree.Path("out")).empty());
   EXPECT_TRUE(ListFolder(tree.Path("scratch")).empty());
 }

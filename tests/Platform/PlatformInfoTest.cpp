@@ -7,6 +7,8 @@
 
 #include "Platform/CaptureLogWriter.h"
 #include "Platform/ZRPlatformInfo.h"
+#include "Support/LogCapture.h"
+#include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -40,18 +42,6 @@ const std::string kSettings =
     "sGpfsBin = elsewhere\n"
     "[broken\n"
     "sAfterBroken = still in Other Section\n";
-
-class CLogCapture {
- public:
-  CLogCapture() : m_pWriter(std::make_shared<CCaptureLogWriter>()) {
-    CLogWriterInterface::SetProcessLogWriter(m_pWriter);
-  }
-  ~CLogCapture() { CLogWriterInterface::SetProcessLogWriter(nullptr); }
-  CCaptureLogWriter* operator->() { return m_pWriter.get(); }
-
- private:
-  std::shared_ptr<CCaptureLogWriter> m_pWriter;
-};
 
 enum class EType { String, Bool, Int, UInt, Int64, UInt64 };
 
@@ -217,16 +207,8 @@ TEST(PlatformInfo, MissingFileIsAClearErrorAndLeavesNothingBehind) {
 
 TEST(PlatformInfo, UnreadableFileIsAnErrnoError) {
   CTempTree tree;
-  struct SArgs {
-    std::string path;
-  } args{tree.MakeFile("secret.ini", "[FileSystemAgent]\nk=v\n", 0600)};
-  int status = RunAsNobody(
-      [](void* p) -> int {
-        ZRPlatformInfo info;
-        return info.Load(static_cast<SArgs*>(p)->path).IsErrNo(EACCES) ? 0 : 1;
-      },
-      &args);
-  EXPECT_EQ(status, 0);
+  const std::string path = tree.MakeFile("secret.ini", "[FileSystemAgent]\nk=v\n", 0600);
+  EXPECT_EQ(0, RunAsNobody([&path] { return ZRPlatformInfo().Load(path).IsErrNo(EACCES); }));
 }
 
 TEST(PlatformInfo, ProcessInstanceFollowsTheEnvironmentAndReloads) {

@@ -17,14 +17,6 @@ CQiError Outer() {
 }
 }  // namespace
 
-TEST(QiError, DefaultIsSuccessAndRendersAsSuccess) {
-  CQiError error;
-  EXPECT_TRUE(error.IsSuccess());
-  EXPECT_FALSE(error.IsError());
-  EXPECT_EQ(error.AsString(), "success");
-  EXPECT_TRUE(error.GetFrames().empty());
-}
-
 TEST(QiError, FramesAccumulateInCallOrder) {
   CQiError error = Outer();
   ASSERT_TRUE(error.IsWin32(QiErrorCode::NotSupported));

@@ -439,32 +439,6 @@ TEST(QiXDocument, ByteOrderMarkAndDeclarationAreAcceptedOnLoad) {
   EXPECT_EQ(text, "<Metadata><Filesystem Links=\"3\"/></Metadata>");
 }
 
-TEST(QiXDocument, SettingAnAttributeAgainReplacesItsValue) {
-  CQiXDocument document;
-  CQiXNode root;
-  ASSERT_TRUE(document.CreateRootElement("R", root).IsSuccess());
-  ASSERT_TRUE(root.SetAttributeInt64("T", -1).IsSuccess());
-  ASSERT_TRUE(root.SetAttributeUInt64("T", 18446744073709551615ull).IsSuccess());
-  std::string text;
-  ASSERT_TRUE(document.SaveToString(text, BQiXFormatCompact).IsSuccess());
-  EXPECT_EQ(text, "<R T=\"18446744073709551615\"/>");
-  // The same value read as a signed kind does not fit.
-  int64_t v = 0;
-  EXPECT_TRUE(root.GetAttributeInt64("T", v).IsWin32(QiErrorCode::InvalidData));
-}
-
-TEST(QiXDocument, ReplacingTheContentStartsAFreshDocument) {
-  CQiXDocument document;
-  CQiXNode root;
-  ASSERT_TRUE(document.LoadFromString("<Old a=\"1\"><X/></Old>").IsSuccess());
-  ASSERT_TRUE(document.CreateRootElement("New", root).IsSuccess());
-  std::string text;
-  ASSERT_TRUE(document.SaveToString(text, BQiXFormatCompact).IsSuccess());
-  EXPECT_EQ(text, "<New/>");
-  document.Clear();
-  EXPECT_TRUE(document.IsEmpty());
-}
-
 TEST(QiXDocument, EmptyDocumentsAndHandlesFailClearly) {
   CQiXDocument document;
   EXPECT_TRUE(document.IsEmpty());
@@ -491,16 +465,6 @@ TEST(QiXDocument, EmptyDocumentsAndHandlesFailClearly) {
   EXPECT_TRUE(empty.GetAttributeInt64("A", v).IsWin32(QiErrorCode::InvalidHandle));
   EXPECT_TRUE(empty.SetAttribute("A", "x").IsWin32(QiErrorCode::InvalidHandle));
   EXPECT_TRUE(empty.SetText("x").IsWin32(QiErrorCode::InvalidHandle));
-}
-
-TEST(QiXDocument, UnknownFormatFlagsAreRefused) {
-  CQiXDocument document;
-  CQiXNode root;
-  ASSERT_TRUE(document.CreateRootElement("R", root).IsSuccess());
-  std::string text;
-  CQiError error = document.SaveToString(text, 0x30 | BQiXFormatRaw);
-  ASSERT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
-  EXPECT_EQ(error.GetMessage(), "Unknown XML format flags 0x30");
 }
 
 }  // namespace

@@ -4,10 +4,10 @@
 #include <mutex>
 #include <thread>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/LogEventSink.h"
 #include "Platform/SendEventInterface.h"
+#include "Support/LogCapture.h"
 
 namespace {
 
@@ -42,15 +42,8 @@ class CRecordingSink : public ISendEventInterface {
 
 class SendEventFixture : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_pCapture = std::make_shared<CCaptureLogWriter>(CLogWriterInterface::kLevelMax);
-    CLogWriterInterface::SetProcessLogWriter(m_pCapture);
-  }
-  void TearDown() override {
-    ISendEventInterface::SetProcessEventSink(nullptr);
-    CLogWriterInterface::SetProcessLogWriter(nullptr);
-  }
-  std::shared_ptr<CCaptureLogWriter> m_pCapture;
+  void TearDown() override { ISendEventInterface::SetProcessEventSink(nullptr); }
+  CLogCapture m_pCapture;
 };
 
 // The events the scan raises, as the raising code builds them.
@@ -169,25 +162,6 @@ TEST_F(SendEventFixture, AFailingSinkReportsToTheRaiser) {
   EXPECT_EQ(result.GetMessage(), "Event channel closed");
   ASSERT_EQ(result.GetFrames().size(), 2u);
   EXPECT_EQ(result.GetFrames()[1].text, "SendEvent failed, Event=0x11000077");
-}
-
-TEST_F(SendEventFixture, AnEmptySinkRestoresTheLogSink) {
-  auto sink = std::make_shared<CRecordingSink>();
-  ISendEventInterface::SetProcessEventSink(sink);
-  EXPECT_EQ(ISendEventInterface::GetProcessEventSink(), sink);
-  ISendEventInterface::SetProcessEventSink(nullptr);
-  ISendEventInterfacePtr current = ISendEventInterface::GetProcessEventSink();
-  ASSERT_NE(current, nullptr);
-  EXPECT_NE(dynamic_cast<CLogEventSink*>(current.get()), nullptr);
-  ASSERT_TRUE(ISendEventInterface::SendEventMessage(QI_ERROR_EVENT(0x11000079)).IsSuccess());
-  EXPECT_TRUE(sink->Events().empty());
-  EXPECT_EQ(m_pCapture->CountContaining("Event 0x11000079, Arguments=[], Text=[]", -1), 1u);
-}
-
-TEST_F(SendEventFixture, DefaultSinkWritesNothingWhenLoggingIsOff) {
-  m_pCapture->SetLoggingOn(false);
-  EXPECT_TRUE(ISendEventInterface::SendEventMessage(QI_ERROR_EVENT(0x11000002)).IsSuccess());
-  EXPECT_TRUE(m_pCapture->GetEntries().empty());
 }
 
 // Many threads raise events while another replaces the sink: every event reaches exactly one

@@ -3,11 +3,11 @@
 
 #include <memory>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXFolder.h"
 #include "Platform/FXString.h"
 #include "Platform/VolumeIdentity.h"
 #include "Support/TempTree.h"
+#include "Support/LogCapture.h"
 
 namespace {
 // A fake kernel tree:
@@ -136,12 +136,10 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(VolumeIdentity, LoopingSlavesFallBackToTheDeviceItself) {
   CFakeKernelTree kernel;
   CVolumeIdentity identity(kernel.SysRoot(), kernel.DevRoot());
-  auto writer = std::make_shared<CCaptureLogWriter>();
-  CLogWriterInterface::SetProcessLogWriter(writer);
+  CLogCapture writer;
   std::string mediaId;
   ASSERT_TRUE(identity.GetPhysicalMediaId(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), mediaId)
                   .IsSuccess());
-  CLogWriterInterface::SetProcessLogWriter(nullptr);
   EXPECT_EQ(mediaId, "/dev/dm-2");
   EXPECT_EQ(writer->CountContaining("Cannot find the disk under block device dm-2 of volume [/loop]", 1), 1u);
 

@@ -17,16 +17,11 @@
 #include <vector>
 
 #include "Platform/ZrProcess.h"
+#include "Support/RunAsNobody.h"
+#include "Support/FileText.h"
 #include "Support/TempTree.h"
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
 
 // True once the process is gone or a zombie (its parent may be an init that never reaps).
 bool IsDead(pid_t pid) {
@@ -183,8 +178,8 @@ TEST(ZrProcess, WritesLargeOutputToFiles) {
                   .IsSuccess());
   ASSERT_TRUE(process.WaitForExit(120000).IsSuccess());
   EXPECT_EQ(process.GetExitCode(), 0);
-  EXPECT_EQ(ReadFile(out), std::string(1500000, 'o'));
-  EXPECT_EQ(ReadFile(err), std::string(1200000, 'e'));
+  EXPECT_EQ(ReadFileText(out), std::string(1500000, 'o'));
+  EXPECT_EQ(ReadFileText(err), std::string(1200000, 'e'));
   EXPECT_EQ(process.GetStdout(), "");
   EXPECT_EQ(process.GetStderr(), "");
 }
@@ -197,7 +192,7 @@ TEST(ZrProcess, SameFileForBothStreamsAndAppendAndNull) {
   process.SetStderr(ZrProcess::EOutput::AppendFile, both);
   ASSERT_TRUE(process.Start("echo out; echo err >&2; echo out2").IsSuccess());
   ASSERT_TRUE(process.WaitForExit(60000).IsSuccess());
-  EXPECT_EQ(ReadFile(both), "first\nout\nerr\nout2\n");
+  EXPECT_EQ(ReadFileText(both), "first\nout\nerr\nout2\n");
 
   ZrProcess quiet;
   quiet.SetStdout(ZrProcess::EOutput::Null);
@@ -256,17 +251,11 @@ TEST(ZrProcess, UnwritableOutputFileIsAnErrorForAnUnprivilegedUser) {
   CTempTree tree;
   std::string locked = tree.MakeDir("locked", 0555);
   std::string path = locked + "/out.txt";
-  int status = RunAsNobody(
-      [](void* arg) -> int {
-        ZrProcess process;
-        process.SetStdout(ZrProcess::EOutput::File, *static_cast<std::string*>(arg));
-        CQiError error = process.Start("echo hi");
-        if (!error.IsErrNo(EACCES)) return 1;
-        if (process.GetPid() != 0) return 2;
-        return 0;
-      },
-      &path);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(0, RunAsNobody([&path] {
+              ZrProcess process;
+              process.SetStdout(ZrProcess::EOutput::File, path);
+              return process.Start("echo hi").IsErrNo(EACCES) && process.GetPid() == 0;
+            }));
 }
 
 // --- Start errors -----------------------------------------------------------------------------

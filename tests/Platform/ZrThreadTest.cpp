@@ -7,10 +7,10 @@
 
 #include <unistd.h>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXEvent.h"
 #include "Platform/ZrThread.h"
+#include "Support/LogCapture.h"
 
 namespace {
 constexpr uint32_t kSafetyMs = 30000;
@@ -35,12 +35,7 @@ class CFailingThread : public ZrThread {
 
 class ZrThreadTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    writer = std::make_shared<CCaptureLogWriter>(1);
-    CLogWriterInterface::SetProcessLogWriter(writer);
-  }
-  void TearDown() override { CLogWriterInterface::SetProcessLogWriter(nullptr); }
-  std::shared_ptr<CCaptureLogWriter> writer;
+  CLogCapture writer{1};
 };
 }  // namespace
 

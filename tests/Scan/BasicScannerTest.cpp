@@ -160,9 +160,6 @@ TEST_F(BasicScannerFixture, RunsOneFindFirstThreadPerPhysicalMedium) {
   }
   EXPECT_EQ(m_pScanner->GetPrivate()->GetThreadPool()->GetMinThreads(), 2);
   EXPECT_EQ(m_pScanner->GetPrivate()->GetThreadPool()->GetMaxThreads(), 3);
-  EXPECT_EQ(m_pLog->Count("Thread pool, MinThreads=[2], MaxThread=[3]", 1), 1u);
-  EXPECT_EQ(m_pLog->Count("Waiting for scan work threads to complete", 2), 1u);
-  EXPECT_EQ(m_pLog->Count("Wait for scan work threads completed", 2), 1u);
 
   std::set<std::string> setExpected;
   for (CTempTree* pTree : {&m_tmp, m_pShm.get()})

@@ -162,72 +162,6 @@ TEST(ItemFromObject, VanishedRecordReportsUnknown) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The base item answers that nothing is known.
-
-TEST(BaseItem, KnowsNothing) {
-  auto bag = std::make_shared<CBag>();
-  CItem item(bag);
-  EXPECT_EQ(0xFFFFFFFFu, item.GetAttributes());
-  EXPECT_FALSE(item.IsFolder());
-  EXPECT_FALSE(item.IsRegularFile());
-  EXPECT_FALSE(item.IsArchiveSet());
-  EXPECT_FALSE(item.IsOffline());
-  EXPECT_FALSE(item.IsReparsePoint());
-  EXPECT_EQ(0u, item.GetReparseTag());
-  EXPECT_EQ(CTimeStamp(), item.GetCreationTime());
-  EXPECT_EQ(CTimeStamp(), item.GetLastChangeTime());
-  EXPECT_EQ(0u, item.GetFileSize());
-  EXPECT_EQ(0u, item.GetFileSizeOnDisk());
-  EXPECT_EQ(0u, item.GetHardLinkCount());
-  EXPECT_EQ(0u, item.GetFileId());
-  EXPECT_TRUE(item.GetItemName().empty());
-  EXPECT_TRUE(item.GetLocalFullyQualifiedParentFolder().empty());
-  EXPECT_TRUE(item.GetLocalFullyQualifiedItemName().empty());
-  EXPECT_TRUE(item.GetSourceFullyQualifiedParentFolder().empty());
-  EXPECT_TRUE(item.GetSourceFullyQualifiedItemName().empty());
-  // The empty answers are one shared string that outlives the item.
-  const std::string* pEmpty = &item.GetItemName();
-  {
-    CItem other(nullptr);
-    EXPECT_EQ(pEmpty, &other.GetSourceFullyQualifiedItemName());
-  }
-  EXPECT_TRUE(pEmpty->empty());
-  EXPECT_EQ(bag, item.GetWorkUnitBag());
-  EXPECT_EQ(0, item.GetFlags());
-}
-
-// Every constructor makes its own empty item bag, whatever the work-unit bag is.
-TEST(BaseItem, EveryConstructorMakesItsOwnEmptyItemBag) {
-  CTempTree tree;
-  const std::string path = tree.MakeFile("f", "1");
-  const FXFile::CFileData data = ReadFileData(path);
-  auto bag = std::make_shared<CBag>();
-  ASSERT_TRUE(bag->Write("VolumeName", "/").IsSuccess());
-  auto parent = std::make_shared<CItem>(bag);
-
-  std::vector<CItemPtr> items = {
-      std::make_shared<CItem>(bag),
-      std::make_shared<CItem>(parent, bag),
-      std::make_shared<CItem>(nullptr),
-      std::make_shared<CFindFirstItem>(bag, path, data),
-      std::make_shared<CFindFirstItem>(bag, path, "/src/f", data),
-      std::make_shared<CFindFirstItem>(parent, bag, path, data),
-      std::make_shared<CFabricatedItem>(bag, path, path),
-      std::make_shared<CFabricatedItem>(bag, path, path, 0x10),
-      std::make_shared<CCompoundItem>(4, bag, path, data),
-      std::make_shared<CCompoundItem>(4, bag, path, "/src/f", data),
-  };
-  std::set<CBag*> seen;
-  for (const CItemPtr& item : items) {
-    CBagPtr itemBag = item->GetItemBag();
-    ASSERT_TRUE(itemBag);
-    EXPECT_TRUE(itemBag->Empty());
-    EXPECT_NE(bag, itemBag);
-    EXPECT_TRUE(seen.insert(itemBag.get()).second) << "item bags must not be shared";
-  }
-}
-
-// ---------------------------------------------------------------------------------------------
 // New-in-image spreads from a parent to the items built below it.
 
 TEST(ItemFlags, NewInImageIsTakenFromTheParent) {
@@ -345,15 +279,6 @@ INSTANTIATE_TEST_SUITE_P(
                       SFabricatedCase{"Zero", true, 0, false}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(FabricatedItem, SetAttributesChangesTheFolderAnswer) {
-  CFabricatedItem item(nullptr, "/l/a", "/s/a");
-  EXPECT_FALSE(item.IsFolder());
-  item.SetAttributes(0x10);
-  EXPECT_TRUE(item.IsFolder());
-  item.SetAttributes(0xFFFFFFFF);
-  EXPECT_FALSE(item.IsFolder());
-}
-
 // ---------------------------------------------------------------------------------------------
 // The interface table.
 
@@ -469,37 +394,6 @@ TEST(ItemLastChangeTime, HookIsAskedUntilTheTimeIsKnown) {
   preset.SetLastChangeTime(CTimeStamp(42, 0));
   EXPECT_EQ(CTimeStamp(42, 0), preset.GetLastChangeTime());
   EXPECT_EQ(0, preset.m_iLookups);
-}
-
-TEST(ItemOffline, IsPassedToTheFileData) {
-  CTempTree tree;
-  const std::string path = tree.MakeFile("f", "1");
-  CFindFirstItem item(nullptr, path, ReadFileData(path));
-  EXPECT_FALSE(item.IsOffline());
-  item.SetOffline(true);
-  EXPECT_TRUE(item.IsOffline());
-  EXPECT_TRUE(item.GetFileData().isOffline());
-}
-
-// ---------------------------------------------------------------------------------------------
-// Compound items carry their database row id.
-
-TEST(CompoundItem, CarriesItsDatabaseIdAndBothPaths) {
-  CTempTree tree;
-  const std::string path = tree.MakeFile("snap/data/f.txt", "12345");
-  const FXFile::CFileData data = ReadFileData(path);
-
-  CCompoundItem item(-7, nullptr, path, "/data/f.txt", data);
-  EXPECT_EQ(-7, item.GetDbId());
-  EXPECT_EQ(5u, item.GetFileSize());
-  EXPECT_EQ(path, item.GetLocalFullyQualifiedItemName());
-  EXPECT_EQ("/data/f.txt", item.GetSourceFullyQualifiedItemName());
-  EXPECT_EQ("/data", item.GetSourceFullyQualifiedParentFolder());
-  EXPECT_EQ("f.txt", item.GetItemName());
-
-  CCompoundItem single(1LL << 40, nullptr, path, data);
-  EXPECT_EQ(1LL << 40, single.GetDbId());
-  EXPECT_EQ(path, single.GetSourceFullyQualifiedItemName());
 }
 
 }  // namespace

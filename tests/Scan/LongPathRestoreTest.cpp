@@ -9,9 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Scan/DeepTree.h"
 #include "Scan/LongPathHandler.h"
+#include "Support/LogCapture.h"
+#include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -132,54 +133,41 @@ TEST_F(LongPathHandlerTest, OpenRestoreFileMakesTheFoldersOnTheWay) {
 }
 
 TEST_F(LongPathHandlerTest, OpenRestoreFileReportsAFolderItCannotMake) {
-  auto capture = std::make_shared<CCaptureLogWriter>();
-  CLogWriterInterface::SetProcessLogWriter(capture);
+  CLogCapture capture;
   LongPathHandler::CreatedFolderSet made;
   errno = 0;
   EXPECT_EQ(m_pHandler->openRestoreFile_long(m_deep.Deep() + "/file1/x/y.txt", O_WRONLY, 0600,
                                              made),
             -1);
   EXPECT_EQ(errno, ENOTDIR);
-  CLogWriterInterface::SetProcessLogWriter(nullptr);
   EXPECT_EQ(capture->CountContaining("Failed to create the folders of [" + m_deep.Deep() +
                                          "/file1/x/y.txt], error=",
                                      -1),
             1u);
 }
 
-struct SNobodyArgs {
-  std::string locked;
-};
-
-// In a child that dropped to nobody: making a folder in a root-owned folder deep down fails.
-int CreateAsNobody(void* arg) {
-  auto* args = static_cast<SNobodyArgs*>(arg);
-  LongPathHandler* handler = LongPathHandler::GetHandler();
-  if (handler == nullptr) return 2;
-  LongPathHandler::CreatedFolderSet made;
-  CQiError error = handler->CreateDirsIteratively_Long(args->locked + "/a/b", 0755, made);
-  if (!error.IsErrNo(EACCES)) return 3;
-  if (error.GetMessage() != "Failed to create folder [" + args->locked + "/a] with error [13]") {
-    return 4;
-  }
-  if (made.count(args->locked) != 1 || made.count(args->locked + "/a") != 0) return 5;
-  struct stat st {};
-  if (handler->stat_long(args->locked + "/a", &st) != -1 || errno != ENOENT) return 6;
-  return 0;
-}
-
 TEST(LongPathHandlerPermissionTest, CreateDirsFailsWhereTheUserMayNotWrite) {
   CDeepTree deep;
-  SNobodyArgs args{deep.Deep() + "/locked"};
+  const std::string locked = deep.Deep() + "/locked";
   {
     CHandlerGuard guard;  // made and given back before the fork: the child starts afresh
     LongPathHandler::CreatedFolderSet made;
     ASSERT_TRUE(LongPathHandler::GetHandler()
-                    ->CreateDirsIteratively_Long(args.locked, 0755, made)
+                    ->CreateDirsIteratively_Long(locked, 0755, made)
                     .IsSuccess());
   }
   if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to nobody";
-  EXPECT_EQ(RunAsNobody(CreateAsNobody, &args), 0);
+  // The folder on the way that cannot be made is named; what was made before it is kept.
+  EXPECT_EQ(0, RunAsNobody([&locked] {
+              LongPathHandler* handler = LongPathHandler::GetHandler();
+              LongPathHandler::CreatedFolderSet made;
+              CQiError error = handler->CreateDirsIteratively_Long(locked + "/a/b", 0755, made);
+              struct stat st {};
+              return error.IsErrNo(EACCES) &&
+                     error.GetMessage() == "Failed to create folder [" + locked + "/a] with error [13]" &&
+                     made.count(locked) == 1 && made.count(locked + "/a") == 0 &&
+                     handler->stat_long(locked + "/a", &st) == -1 && errno == ENOENT;
+            }));
 }
 
 }  // namespace

@@ -66,32 +66,6 @@ class OutputFixture {
 
 class BaseOutputHandler : public ::testing::Test, public OutputFixture {};
 
-TEST_F(BaseOutputHandler, RefusesEveryItemWithNotSupported) {
-  COutputHandler handler;
-  CItemPtr item = MakeItem("a.txt");
-  EXPECT_TRUE(handler.Initialize().IsSuccess());
-  CQiError onItem = handler.OnItem(item);
-  EXPECT_TRUE(onItem.IsWin32(50)) << onItem.AsString();
-  EXPECT_TRUE(EndsWith(onItem.GetFrames().front().file, "Scan/OutputHandler.cpp"));
-  CQiError onDeleted = handler.OnDeletedItem(item);
-  EXPECT_TRUE(onDeleted.IsWin32(50)) << onDeleted.AsString();
-  EXPECT_TRUE(EndsWith(onDeleted.GetFrames().front().file, "Scan/OutputHandler.cpp"));
-  EXPECT_TRUE(handler.OnItemFiltered(item).IsSuccess());
-  EXPECT_EQ(0u, handler.getProcessedItemsCount());
-  EXPECT_TRUE(handler.Complete().IsSuccess());
-}
-
-TEST_F(BaseOutputHandler, BaseConsumerAndEvaluatorTakeEverything) {
-  CItemConsumer consumer(77);
-  CItemEvaluator evaluator;
-  CItemPtr item = MakeItem("a.txt");
-  EXPECT_TRUE(consumer.Process(item).IsSuccess());
-  EXPECT_EQ(0u, consumer.getProcessedItemsCount());
-  EXPECT_EQ(77, consumer.GetConsumerId());
-  EXPECT_EQ(0, CItemConsumer().GetConsumerId());
-  EXPECT_TRUE(evaluator.IsSelected(item));
-}
-
 // ---------------------------------------------------------------------------------------------
 // Routing handlers: which items reach which consumer.
 
@@ -214,15 +188,6 @@ INSTANTIATE_TEST_SUITE_P(
         SRouteCase{"EvaluatorDeletedFailsAsItIs", true, EEvaluator::Selects, true, 31, true,
                    false, 31, nullptr}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ConsumerOutputHandler, GetItemConsumerGivesWhatWasSet) {
-  CConsumerOutputHandler handler;
-  EXPECT_EQ(nullptr, handler.GetItemConsumer());
-  EXPECT_EQ(0u, handler.getProcessedItemsCount());
-  auto consumer = std::make_shared<CRecordingConsumer>();
-  handler.SetItemConsumer(consumer);
-  EXPECT_EQ(consumer, handler.GetItemConsumer());
-}
 
 // ---------------------------------------------------------------------------------------------
 // The directory-change collector.

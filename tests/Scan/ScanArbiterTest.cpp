@@ -31,7 +31,6 @@
 
 namespace {
 
-using WorkUnitTestSupport::CLogCapture;
 
 constexpr uint32_t kBoundedWaitMs = 10000;  // safety net only; waits end on a signal
 

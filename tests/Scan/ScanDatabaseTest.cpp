@@ -1,6 +1,8 @@
-// The scan database: the real plug-in libZrFSSQLiteDB.so opened by name through CDatabaseWrapper
-// on real temporary folders, the wrapper's own errors with fake plug-ins, the record's metadata
-// and the conversion between items and records.
+// The two scan-database stores: the plug-in libZrFSSQLiteDB.so opened by name through
+// CDatabaseWrapper, and CScanDbStore. One typed contract suite runs both on real temporary
+// folders where they answer the same questions (listings, subtree renames and removals,
+// refusals, durability, stores that cannot be opened); then what only the wrapper does (its
+// plug-ins, read-only stores, the record's metadata, items and records).
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -16,9 +18,10 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "Platform/CaptureLogWriter.h"
+#include "Platform/ErrorCodes.h"
 #include "Platform/FXFile.h"
 #include "Platform/FXString.h"
 #include "Platform/QiLibrary.h"
@@ -27,6 +30,9 @@
 #include "Scan/FSSQLiteDB/DatabaseItemWrapper.h"
 #include "Scan/FSSQLiteDB/DatabaseWrapper.h"
 #include "Scan/FindFirstItem.h"
+#include "Scan/ScanDB/ScanDbStore.h"
+#include "Support/LogCapture.h"
+#include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -34,10 +40,6 @@ namespace {
 using FSDB::CDatabaseItem;
 using FSDB::CDatabaseItemPtr;
 using EQiErrorSpace = CQiError::EQiErrorSpace;
-
-void UsePluginFolder(const char* pszFolder) {
-  setenv(CQiLibrary::kPluginPathVariable, pszFolder, 1);
-}
 
 CDatabaseItemPtr MakeRecord(int64_t llSize) {
   auto pRecord = std::make_shared<CDatabaseItem>();
@@ -48,86 +50,168 @@ CDatabaseItemPtr MakeRecord(int64_t llSize) {
   return pRecord;
 }
 
-// Every record below the folder, depth first in listing order: "D path" or "F path size".
-// Folders below the first are listed by id, so both ways of naming a folder are used; each
-// record must also be found by its path with the same id and name.
-void Dump(CDatabaseWrapper& db, const std::string& strFolder, int64_t llId,
-          std::vector<std::string>& lines) {
-  std::list<CDatabaseItemPtr> lstItems;
-  CQiError error = db.QueryFolderItems(strFolder, llId, lstItems);
-  ASSERT_TRUE(error.IsSuccess()) << strFolder << ": " << error.AsString();
-  for (const CDatabaseItemPtr& pItem : lstItems) {
-    const std::string& strPath = pItem->GetFullyQualifiedPath();
-    EXPECT_EQ(strPath.substr(strPath.rfind('/') + 1), pItem->GetFileName());
-    CDatabaseItemPtr pAgain;
-    ASSERT_TRUE(db.QueryItem(strPath, pAgain).IsSuccess()) << strPath;
-    EXPECT_EQ(pItem->GetId(), pAgain->GetId()) << strPath;
-    if (pItem->IsDirectory()) {
-      lines.push_back("D " + strPath);
-      Dump(db, strPath, pItem->GetId(), lines);
-    } else {
-      lines.push_back("F " + strPath + " " + std::to_string(pItem->GetFileSize()));
-    }
+struct stat MakeStat(mode_t mode, off_t size) {
+  struct stat st {};
+  st.st_mode = mode;
+  st.st_size = size;
+  st.st_nlink = 1;
+  st.st_mtim = {1700000002, 222222222};
+  return st;
+}
+
+struct SEntry {
+  std::string strName;
+  bool bFolder;
+  int64_t llSize;
+};
+
+// The two stores behind one face. Open(true) makes a new store, Open(false) opens the one there.
+class CPluginStore {
+ public:
+  static constexpr const char* kDatabaseFile = "ScanDatabase.db";
+  explicit CPluginStore(const std::string& strFolder, bool bReadOnly = false)
+      : m_db(strFolder, FSDB::DatabaseTypePersistent, bReadOnly) {}
+  CDatabaseWrapper& Db() { return m_db; }
+  CQiError Open(bool bCreate) { return m_db.Open(bCreate); }
+  CQiError Close() { return m_db.Close(); }
+  CQiError Bulk(bool bOn) { return m_db.SetBulkInsertMode(bOn); }
+  CQiError AddFolder(const std::string& p) { return m_db.AddFolder(p, MakeRecord(0)); }
+  CQiError AddFile(const std::string& p, int64_t llSize) { return m_db.AddFile(p, MakeRecord(llSize)); }
+  CQiError Rename(const std::string& a, const std::string& b, bool bFolder) {
+    return bFolder ? m_db.RenameFolder(a, b, nullptr, nullptr) : m_db.RenameFile(a, b, nullptr, nullptr);
   }
-}
+  CQiError Remove(const std::string& p, bool bFolder) {
+    return bFolder ? m_db.DeleteFolder(p, nullptr) : m_db.DeleteFile(p, nullptr);
+  }
+  CQiError Lookup(const std::string& p) {
+    CDatabaseItemPtr pItem;
+    return m_db.QueryItem(p, pItem);
+  }
+  CQiError Validate() {
+    std::vector<SEntry> entries;
+    return List("/r", entries);
+  }
+  CQiError List(const std::string& strFolder, std::vector<SEntry>& entries) {
+    std::list<CDatabaseItemPtr> lstItems;
+    CQiError error = m_db.QueryFolderItems(strFolder, 0, lstItems);
+    for (const CDatabaseItemPtr& p : lstItems)
+      entries.push_back({p->GetFileName(), p->IsDirectory(), p->GetFileSize()});
+    return error;
+  }
 
-std::vector<std::string> DumpTree(CDatabaseWrapper& db, const std::string& strRoot) {
-  std::vector<std::string> lines;
-  Dump(db, strRoot, 0, lines);
-  return lines;
-}
+ private:
+  CDatabaseWrapper m_db;
+};
 
-// One step of a scenario: "D path", "F path [size]", "Fnull path", "mv old new [size]",
-// "mvd old new", "rm path", "rmd path", "ls folder", "get path".
-CQiError Apply(CDatabaseWrapper& db, const std::string& strStep) {
+class CStore {
+ public:
+  static constexpr const char* kDatabaseFile = "ScanDb.sqlite";
+  explicit CStore(const std::string& strFolder) : m_strFolder(strFolder) {}
+  CQiError Open(bool) { return m_store.Open(m_strFolder); }
+  CQiError Close() { return m_store.Close(); }
+  CQiError Bulk(bool bOn) { return bOn ? m_store.BeginBulk() : m_store.EndBulk(); }
+  CQiError AddFolder(const std::string& p) { return m_store.Add(CScanDbRecord(p, MakeStat(S_IFDIR | 0755, 0))); }
+  CQiError AddFile(const std::string& p, int64_t llSize) {
+    return m_store.Add(CScanDbRecord(p, MakeStat(S_IFREG | 0644, llSize)));
+  }
+  CQiError Rename(const std::string& a, const std::string& b, bool) { return m_store.Rename(a, b); }
+  CQiError Remove(const std::string& p, bool bFolder) { return m_store.Remove(p, bFolder); }
+  CQiError Lookup(const std::string& p) {
+    CScanDbRecord record;
+    return m_store.Lookup(p, record);
+  }
+  CQiError Validate() { return m_store.Validate(); }
+  CQiError List(const std::string& strFolder, std::vector<SEntry>& entries) {
+    return m_store.ListFolder(strFolder, [&](const CScanDbRecord& r) {
+      entries.push_back({std::string(r.GetName()), r.IsFolder(), static_cast<int64_t>(r.GetStat().st_size)});
+      return CQiError();
+    });
+  }
+
+ private:
+  std::string m_strFolder;
+  CScanDbStore m_store;
+};
+
+// One step: "D path", "F path [size]", "mv old new", "mvd old new", "rm path", "rmd path",
+// "get path", "ls folder".
+template <class TStore>
+CQiError Apply(TStore& store, const std::string& strStep) {
   const size_t uBlank = strStep.find(' ');
   const std::string strVerb = strStep.substr(0, uBlank);
   std::vector<std::string> args;
-  if (uBlank != std::string::npos) {
-    for (std::string& arg : FXString::Split(strStep.substr(uBlank + 1), ' ')) args.push_back(arg);
-  }
+  if (uBlank != std::string::npos) args = FXString::Split(strStep.substr(uBlank + 1), ' ');
   auto arg = [&args](size_t i) { return i < args.size() ? args[i] : std::string(); };
-  auto size = [&args](size_t i) { return i < args.size() ? std::stoll(args[i]) : 0LL; };
-  if (strVerb == "D") return db.AddFolder(arg(0), MakeRecord(0));
-  if (strVerb == "F") return db.AddFile(arg(0), MakeRecord(size(1)));
-  if (strVerb == "Fnull") return db.AddFile(arg(0), nullptr);
-  if (strVerb == "mv") {
-    return db.RenameFile(arg(0), arg(1), nullptr, args.size() > 2 ? MakeRecord(size(2)) : nullptr);
-  }
-  if (strVerb == "mvd") return db.RenameFolder(arg(0), arg(1), nullptr, nullptr);
-  if (strVerb == "rm") return db.DeleteFile(arg(0), nullptr);
-  if (strVerb == "rmd") return db.DeleteFolder(arg(0), nullptr);
-  if (strVerb == "ls") {
-    std::list<CDatabaseItemPtr> lstItems;
-    return db.QueryFolderItems(arg(0), 0, lstItems);
-  }
-  if (strVerb == "get") {
-    CDatabaseItemPtr pItem;
-    return db.QueryItem(arg(0), pItem);
-  }
+  if (strVerb == "D") return store.AddFolder(arg(0));
+  if (strVerb == "F") return store.AddFile(arg(0), args.size() > 1 ? std::stoll(args[1]) : 0);
+  if (strVerb == "mv" || strVerb == "mvd") return store.Rename(arg(0), arg(1), strVerb == "mvd");
+  if (strVerb == "rm" || strVerb == "rmd") return store.Remove(arg(0), strVerb == "rmd");
+  if (strVerb == "get") return store.Lookup(arg(0));
+  std::vector<SEntry> entries;
+  if (strVerb == "ls") return store.List(arg(0), entries);
   ADD_FAILURE() << "unknown step " << strStep;
   return CQiError();
 }
 
-class ScanDatabaseTest : public ::testing::Test {
- protected:
-  void SetUp() override { UsePluginFolder(FSSCAN_SCANDB_PLUGIN_DIR); }
-
-  std::unique_ptr<CDatabaseWrapper> OpenStore(bool bCreateNew, bool bReadOnly = false) {
-    auto pDb = std::make_unique<CDatabaseWrapper>(m_strFolder, FSDB::DatabaseTypePersistent,
-                                                  bReadOnly);
-    CQiError error = pDb->Open(bCreateNew);
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-    return pDb;
+// Every record below the folder, depth first in listing order: "D path" or "F path size". Each
+// must also be found by its path.
+template <class TStore>
+void Dump(TStore& store, const std::string& strFolder, std::vector<std::string>& lines) {
+  std::vector<SEntry> entries;
+  CQiError error = store.List(strFolder, entries);
+  ASSERT_TRUE(error.IsSuccess()) << strFolder << ": " << error.AsString();
+  for (const SEntry& e : entries) {
+    const std::string strPath = (strFolder == "/" ? "" : strFolder) + "/" + e.strName;
+    EXPECT_TRUE(store.Lookup(strPath).IsSuccess()) << strPath;
+    if (e.bFolder) {
+      lines.push_back("D " + strPath);
+      Dump(store, strPath, lines);
+    } else {
+      lines.push_back("F " + strPath + " " + std::to_string(e.llSize));
+    }
   }
+}
 
+template <class TStore>
+std::vector<std::string> DumpTree(TStore& store, const std::string& strRoot) {
+  std::vector<std::string> lines;
+  Dump(store, strRoot, lines);
+  return lines;
+}
+
+#define EXPECT_QI_ERROR(error, space, code, fragment)                                  \
+  do {                                                                                 \
+    const CQiError& e_ = (error);                                                      \
+    EXPECT_TRUE(e_.IsError());                                                         \
+    EXPECT_EQ(space, e_.GetSpace()) << e_.AsString();                                  \
+    EXPECT_EQ(static_cast<uint32_t>(code), e_.GetCode()) << e_.AsString();             \
+    EXPECT_NE(std::string::npos, e_.AsString().find(fragment)) << e_.AsString();       \
+  } while (0)
+
+template <class TStore>
+class ScanStoreContract : public ::testing::Test {
+ protected:
+  void SetUp() override { setenv(CQiLibrary::kPluginPathVariable, FSSCAN_SCANDB_PLUGIN_DIR, 1); }
+  std::string NewFolder() { return m_tree.Path("jobs/db" + std::to_string(++m_iFolders)); }
+  std::unique_ptr<TStore> Open(const std::string& strFolder, bool bCreate) {
+    auto pStore = std::make_unique<TStore>(strFolder);
+    CQiError error = pStore->Open(bCreate);
+    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+    return pStore;
+  }
   CTempTree m_tree;
-  std::string m_strFolder = m_tree.Path("jobs/db");
+  int m_iFolders = 0;
 };
 
-// ---------------------------------------------------------------------------------------------
-// Scenarios: every step succeeds, and the store then holds exactly the expected tree, in bulk
-// mode and outside it, and again after it was closed and opened.
+using StoreTypes = ::testing::Types<CPluginStore, CStore>;
+class StoreNames {
+ public:
+  template <class T>
+  static std::string GetName(int) {
+    return std::is_same_v<T, CPluginStore> ? "PluginStore" : "ScanDbStore";
+  }
+};
+TYPED_TEST_SUITE(ScanStoreContract, StoreTypes, StoreNames);
 
 struct SScenario {
   const char* name;
@@ -136,216 +220,364 @@ struct SScenario {
   std::vector<std::string> expected;
 };
 
-void PrintTo(const SScenario& c, std::ostream* out) { *out << c.name; }
-
 const std::string kLongName(5000, 'L');
 
+// Every step succeeds, and the store then holds exactly the expected tree, in bulk mode and
+// outside it, and again after it was closed and opened.
 const SScenario kScenarios[] = {
-    {"ListsInByteOrderOfNames",
-     "/r",
-     {"D /r", "F /r/b 2", "F /r/a 1", "D /r/c", "F /r/c/x 3", "F /r/B", "D /r/e/"},
-     {"F /r/B 0", "F /r/a 1", "F /r/b 2", "D /r/c", "F /r/c/x 3", "D /r/e"}},
-    {"AddingAgainReplacesTheRecord", "/r", {"D /r", "F /r/a 1", "F /r/a 5"}, {"F /r/a 5"}},
-    {"FolderAddedAgainKeepsItsChildren",
-     "/r",
-     {"D /r", "D /r/d", "F /r/d/x 1", "D /r/d"},
-     {"D /r/d", "F /r/d/x 1"}},
-    {"FileOverFolderTakesItsSubtreeOnly",
-     "/r",
-     {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d0/z",
-      "F /r/d.x", "F /r/d 7"},
-     {"F /r/d 7", "F /r/d.x 0", "D /r/d0", "F /r/d0/z 0"}},
-    // LIKE patterns would take '%' and '_' in the folder's name as wildcards.
-    {"RenamedFolderCarriesItsSubtreeOnly",
-     "/r",
+    {"ListsInByteOrderOfNames", "/r",
+     {"D /r", "F /r/b 2", "F /r/a 1", "D /r/c", "F /r/c/x 3", "F /r/B", "F /r/\xc3\xa4", "F /r/a\nb"},
+     {"F /r/B 0", "F /r/a 1", "F /r/a\nb 0", "F /r/b 2", "D /r/c", "F /r/c/x 3", "F /r/\xc3\xa4 0"}},
+    // LIKE patterns would take '%' and '_' in the folder's name as wildcards; siblings that share
+    // the folder's name as a prefix sort just around its subtree.
+    {"RenamedFolderCarriesItsSubtreeOnly", "/r",
      {"D /r", "D /r/d%_", "D /r/d%_/e", "F /r/d%_/e/f 1", "F /r/d%_/g 2", "D /r/dxy", "F /r/dxy/h",
-      "D /r/d%_0", "F /r/d%_0/i", "F /r/d%_.x", "mvd /r/d%_ /r/n"},
-     {"F /r/d%_.x 0", "D /r/d%_0", "F /r/d%_0/i 0", "D /r/dxy", "F /r/dxy/h 0", "D /r/n",
-      "D /r/n/e", "F /r/n/e/f 1", "F /r/n/g 2"}},
-    {"FolderMovesToAnotherParent",
-     "/r",
+      "D /r/d%_0", "F /r/d%_0/i", "F /r/d%_.x", "D /r/d%_!", "F /r/d%_!/j", "mvd /r/d%_ /r/n"},
+     {"D /r/d%_!", "F /r/d%_!/j 0", "F /r/d%_.x 0", "D /r/d%_0",
+      "F /r/d%_0/i 0", "D /r/dxy", "F /r/dxy/h 0", "D /r/n", "D /r/n/e", "F /r/n/e/f 1",
+      "F /r/n/g 2"}},
+    {"FolderMovesToAnotherParent", "/r",
      {"D /r", "D /r/a", "D /r/a/s", "F /r/a/s/f 1", "D /r/b", "mvd /r/a/s /r/b/s"},
      {"D /r/a", "D /r/b", "D /r/b/s", "F /r/b/s/f 1"}},
-    {"RenamedFileKeepsItsFieldsUnlessNewOnesAreGiven",
-     "/r",
-     {"D /r", "D /r/s", "F /r/a 4", "F /r/b 4", "mv /r/a /r/s/a", "mv /r/b /r/c 9"},
-     {"F /r/c 9", "D /r/s", "F /r/s/a 4"}},
-    {"DeletedFolderTakesItsSubtreeOnly",
-     "/r",
+    {"RenamedFileKeepsItsFields", "/r", {"D /r", "D /r/s", "F /r/a 4", "mv /r/a /r/s/a"},
+     {"D /r/s", "F /r/s/a 4"}},
+    {"DeletedFolderTakesItsSubtreeOnly", "/r",
      {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d.x", "rmd /r/d"},
      {"F /r/d.x 0", "D /r/d0"}},
     {"DeletedFile", "/r", {"D /r", "F /r/a", "F /r/b", "rm /r/a"}, {"F /r/b 0"}},
-    {"RecordsAddedBeforeTheirFolderAreLinkedToIt",
-     "/r",
-     {"D /r", "F /r/s/t/z 3", "F /r/s/x 1", "D /r/s/t", "F /r/s/y 2", "D /r/s"},
-     {"D /r/s", "D /r/s/t", "F /r/s/t/z 3", "F /r/s/x 1", "F /r/s/y 2"}},
-    {"FolderThatIsNotStoredListsWhatIsBelowIt", "/q", {"F /q/a 1", "D /q/b"}, {"F /q/a 1", "D /q/b"}},
-    {"NamesAreBytes",
-     "/r",
+    {"NamesAreBytes", "/r",
      {"D /r", "D /r/\xff\xfe", "F /r/\xff\xfe/\x01n 1", "mvd /r/\xff\xfe /r/\xc3\x28"},
      {"D /r/\xc3\x28", "F /r/\xc3\x28/\x01n 1"}},
-    {"PathsLongerThanPathMax",
-     "/r",
+    {"PathsLongerThanPathMax", "/r",
      {"D /r", "D /r/" + kLongName, "F /r/" + kLongName + "/f 1", "mvd /r/" + kLongName + " /r/s"},
      {"D /r/s", "F /r/s/f 1"}},
-    {"RootFolder",
-     "/",
-     {"D /", "F /a 1", "D /b", "F /b/c 2", "mvd /b /d"},
+    {"RootFolder", "/", {"D /", "F /a 1", "D /b", "F /b/c 2", "mvd /b /d"},
      {"F /a 1", "D /d", "F /d/c 2"}},
 };
 
-class ScanDatabaseScenario : public ScanDatabaseTest,
-                             public ::testing::WithParamInterface<std::tuple<SScenario, bool>> {};
-
-TEST_P(ScanDatabaseScenario, HoldsTheExpectedTree) {
-  const SScenario& c = std::get<0>(GetParam());
-  const bool bBulk = std::get<1>(GetParam());
-  {
-    std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
-    if (bBulk) {
-      ASSERT_TRUE(pDb->SetBulkInsertMode(true).IsSuccess());
+TYPED_TEST(ScanStoreContract, HoldsTheExpectedTree) {
+  for (const SScenario& c : kScenarios) {
+    for (bool bBulk : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (bBulk ? " in bulk mode" : ""));
+      const std::string strFolder = this->NewFolder();
+      {
+        auto pStore = this->Open(strFolder, true);
+        if (bBulk) {
+          ASSERT_TRUE(pStore->Bulk(true).IsSuccess());
+        }
+        for (const std::string& strStep : c.steps) {
+          CQiError error = Apply(*pStore, strStep);
+          ASSERT_TRUE(error.IsSuccess()) << strStep << ": " << error.AsString();
+        }
+        EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
+        if (bBulk) {
+          ASSERT_TRUE(pStore->Bulk(false).IsSuccess());
+        }
+        ASSERT_TRUE(pStore->Close().IsSuccess());
+      }
+      auto pStore = this->Open(strFolder, false);
+      EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
     }
-    for (const std::string& strStep : c.steps) {
-      CQiError error = Apply(*pDb, strStep);
-      ASSERT_TRUE(error.IsSuccess()) << strStep << ": " << error.AsString();
-    }
-    EXPECT_EQ(c.expected, DumpTree(*pDb, c.strRoot));
-    if (bBulk) {
-      ASSERT_TRUE(pDb->SetBulkInsertMode(false).IsSuccess());
-    }
-    ASSERT_TRUE(pDb->Close().IsSuccess());
   }
-  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(false);
-  EXPECT_EQ(c.expected, DumpTree(*pDb, c.strRoot));
 }
-
-INSTANTIATE_TEST_SUITE_P(Store, ScanDatabaseScenario,
-                         ::testing::Combine(::testing::ValuesIn(kScenarios), ::testing::Bool()),
-                         [](const auto& info) {
-                           return std::string(std::get<0>(info.param).name) +
-                                  (std::get<1>(info.param) ? "_Bulk" : "");
-                         });
-
-// ---------------------------------------------------------------------------------------------
-// Refused operations: a clear error, and nothing that was stored before is lost, in bulk mode
-// (the records added earlier in the bulk transaction stay) and outside it.
 
 struct SRefusal {
   const char* name;
-  std::vector<std::string> setup;  // additions only; each path must still be found afterwards
+  std::vector<std::string> setup;  // additions below /r; each must still be found afterwards
   std::string step;
+  EQiErrorSpace space;
+  uint32_t code;
+  const char* pluginMessage;  // what the plug-in store says
+};
+
+// A clear error, and nothing stored before is lost, in bulk mode and outside it.
+const SRefusal kRefusals[] = {
+    {"RenameFileOntoStoredFile", {"F /r/a 1", "F /r/b 2"}, "mv /r/a /r/b", EQiErrorSpace::ErrNo, EEXIST,
+     "Cannot rename [/r/a] to [/r/b]: [/r/b] is already in the scan database"},
+    {"RenameFolderOntoStoredFolder", {"D /r/a", "F /r/a/x 1", "D /r/b"}, "mvd /r/a /r/b",
+     EQiErrorSpace::ErrNo, EEXIST, "[/r/b] is already in the scan database"},
+    {"RenameFolderOntoRecordsBelowTarget", {"D /r/a", "F /r/a/x 1", "F /r/n/x 2"}, "mvd /r/a /r/n",
+     EQiErrorSpace::ErrNo, EEXIST, "UNIQUE constraint failed"},
+    {"RenameFolderIntoItself", {"D /r/a"}, "mvd /r/a /r/a/b", EQiErrorSpace::Win32,
+     QiErrorCode::InvalidParameter, "Cannot rename [/r/a] to [/r/a/b]: one path lies below the other"},
+    {"RenameMissing", {"F /r/a"}, "mv /r/none /r/x", EQiErrorSpace::Win32, QiErrorCode::NotFound,
+     "Cannot rename [/r/none]: it is not in scan database"},
+    {"DeleteMissing", {"F /r/a"}, "rm /r/none", EQiErrorSpace::Win32, QiErrorCode::NotFound,
+     "[/r/none] is not in scan database"},
+    {"QueryUnknownPath", {"F /r/a"}, "get /r/none", EQiErrorSpace::Win32, QiErrorCode::NotFound,
+     "[/r/none] is not in scan database"},
+};
+
+TYPED_TEST(ScanStoreContract, RefusesClearlyAndKeepsWhatWasStored) {
+  for (const SRefusal& c : kRefusals) {
+    for (bool bBulk : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (bBulk ? " in bulk mode" : ""));
+      const std::string strFolder = this->NewFolder();
+      std::vector<std::string> before;
+      {
+        auto pStore = this->Open(strFolder, true);
+        ASSERT_TRUE(pStore->AddFolder("/r").IsSuccess());
+        if (bBulk) {
+          ASSERT_TRUE(pStore->Bulk(true).IsSuccess());
+        }
+        for (const std::string& strStep : c.setup) ASSERT_TRUE(Apply(*pStore, strStep).IsSuccess());
+        before = DumpTree(*pStore, "/r");
+        CQiError error = Apply(*pStore, c.step);
+        EXPECT_QI_ERROR(error, c.space, c.code,
+                        (std::is_same_v<TypeParam, CPluginStore> ? c.pluginMessage : ""));
+        EXPECT_EQ(before, DumpTree(*pStore, "/r"));
+        if (bBulk) {
+          ASSERT_TRUE(pStore->Bulk(false).IsSuccess());
+        }
+        ASSERT_TRUE(pStore->Close().IsSuccess());
+      }
+      auto pStore = this->Open(strFolder, false);
+      EXPECT_EQ(before, DumpTree(*pStore, "/r"));
+    }
+  }
+}
+
+// Before a store is opened every operation is refused with the same error.
+TYPED_TEST(ScanStoreContract, IsNotConfiguredBeforeOpen) {
+  TypeParam store(this->NewFolder());
+  std::vector<SEntry> entries;
+  for (const CQiError& error :
+       {store.Bulk(true), store.AddFolder("/a"), store.AddFile("/a", 1), store.Rename("/a", "/b", true),
+        store.Remove("/a", false), store.Lookup("/a"), store.List("/a", entries)}) {
+    EXPECT_TRUE(error.IsWin32(QiErrorCode::NotConfigured)) << error.AsString();
+    EXPECT_EQ("Database is not configured", error.GetMessage());
+  }
+}
+
+// A process that dies without closing leaves every committed record, and only those.
+TYPED_TEST(ScanStoreContract, UncleanStopKeepsCommittedRecords) {
+  const std::string strFolder = this->NewFolder();
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    auto* pStore = new TypeParam(strFolder);  // never closed, never destroyed
+    bool bOk = pStore->Open(true).IsSuccess() && pStore->AddFolder("/r").IsSuccess() &&
+               pStore->AddFile("/r/single", 1).IsSuccess() && pStore->Bulk(true).IsSuccess();
+    for (int i = 0; bOk && i < 1000; ++i) bOk = pStore->AddFile("/r/bulk" + std::to_string(i), i).IsSuccess();
+    bOk = bOk && pStore->Bulk(false).IsSuccess() &&
+          pStore->Rename("/r/single", "/r/renamed", false).IsSuccess() &&
+          pStore->Bulk(true).IsSuccess() && pStore->AddFile("/r/uncommitted", 0).IsSuccess();
+    _exit(bOk ? 0 : 1);
+  }
+  int iStatus = 0;
+  ASSERT_EQ(pid, waitpid(pid, &iStatus, 0));
+  ASSERT_TRUE(WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
+  ASSERT_EQ(0, access((strFolder + "/" + TypeParam::kDatabaseFile + "-wal").c_str(), F_OK))
+      << "not an unclean stop";
+
+  auto pStore = this->Open(strFolder, false);
+  EXPECT_EQ(1001u, DumpTree(*pStore, "/r").size());
+  EXPECT_TRUE(pStore->Lookup("/r/renamed").IsSuccess());
+  EXPECT_TRUE(pStore->Lookup("/r/bulk999").IsSuccess());
+  EXPECT_TRUE(pStore->Lookup("/r/single").IsWin32(QiErrorCode::NotFound));
+  EXPECT_TRUE(pStore->Lookup("/r/uncommitted").IsWin32(QiErrorCode::NotFound));
+}
+
+TYPED_TEST(ScanStoreContract, DamagedPagesAreInvalidData) {
+  const std::string strFolder = this->NewFolder();
+  {
+    auto pStore = this->Open(strFolder, true);
+    ASSERT_TRUE(pStore->Bulk(true).IsSuccess());
+    ASSERT_TRUE(pStore->AddFolder("/r").IsSuccess());
+    for (int i = 0; i < 2000; ++i) ASSERT_TRUE(pStore->AddFile("/r/f" + std::to_string(i), i).IsSuccess());
+    ASSERT_TRUE(pStore->Bulk(false).IsSuccess());
+    ASSERT_TRUE(pStore->Close().IsSuccess());
+  }
+  // Keep the header page, overwrite every page after it.
+  const std::string strFile = strFolder + "/" + TypeParam::kDatabaseFile;
+  struct stat st {};
+  ASSERT_EQ(0, stat(strFile.c_str(), &st));
+  {
+    std::fstream file(strFile, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(8192);
+    file << std::string(static_cast<size_t>(st.st_size) - 8192, '\xa5');
+  }
+  TypeParam store(strFolder);
+  CQiError error = store.Open(false);
+  if (error.IsSuccess()) {
+    EXPECT_QI_ERROR(store.Validate(), EQiErrorSpace::Win32, QiErrorCode::InvalidData, "");
+    error = store.Lookup("/r/f1");
+  }
+  EXPECT_QI_ERROR(error, EQiErrorSpace::Win32, QiErrorCode::InvalidData, "malformed");
+}
+
+struct SOpenFailure {
+  const char* name;
+  std::function<std::string(CTempTree&)> prepare;  // prepares the tree, gives the folder
+  bool bCreate;
   EQiErrorSpace space;
   uint32_t code;
   const char* fragment;
 };
 
-void PrintTo(const SRefusal& c, std::ostream* out) { *out << c.name; }
-
-const SRefusal kRefusals[] = {
-    {"RenameFileOntoStoredFile", {"F /r/a 1", "F /r/b 2"}, "mv /r/a /r/b", EQiErrorSpace::ErrNo,
-     EEXIST, "Cannot rename [/r/a] to [/r/b]: [/r/b] is already in the scan database"},
-    {"RenameFolderOntoStoredFolder", {"D /r/a", "F /r/a/x 1", "D /r/b"}, "mvd /r/a /r/b",
-     EQiErrorSpace::ErrNo, EEXIST, "[/r/b] is already in the scan database"},
-    {"RenameFolderOntoRecordsWaitingBelowTarget", {"D /r/a", "F /r/a/x 1", "F /r/n/x 2"},
-     "mvd /r/a /r/n", EQiErrorSpace::ErrNo, EEXIST, "UNIQUE constraint failed"},
-    {"RenameFolderIntoItself", {"D /r/a"}, "mvd /r/a /r/a/b", EQiErrorSpace::Win32, 87,
-     "Cannot rename [/r/a] to [/r/a/b]: one path lies below the other"},
-    {"RenameMissing", {"F /r/a"}, "mv /r/none /r/x", EQiErrorSpace::Win32, 1168,
-     "Cannot rename [/r/none]: it is not in scan database"},
-    {"RenameFolderAsFile", {"D /r/a"}, "mv /r/a /r/b", EQiErrorSpace::Win32, 87,
-     "Cannot rename [/r/a]: it is a folder in the scan database, not a file"},
-    {"DeleteMissing", {"F /r/a"}, "rm /r/none", EQiErrorSpace::Win32, 1168,
-     "[/r/none] is not in scan database"},
-    {"DeleteFolderAsFile", {"D /r/a", "F /r/a/x"}, "rm /r/a", EQiErrorSpace::Win32, 87,
-     "[/r/a] is a folder in the scan database, not a file"},
-    {"DeleteFileAsFolder", {"F /r/a"}, "rmd /r/a", EQiErrorSpace::Win32, 87,
-     "[/r/a] is a file in the scan database, not a folder"},
-    {"PathWithNulByte", {"F /r/a"}, std::string("F /r/a\0b", 8), EQiErrorSpace::Win32, 87,
-     "The file path [/r/a\\x00b] contains a NUL byte"},
-    {"EmptyPath", {"F /r/a"}, "F", EQiErrorSpace::Win32, 87, "The file path is empty"},
-    {"NoRecord", {"F /r/a"}, "Fnull /r/b", EQiErrorSpace::Win32, 87, "No record given for [/r/b]"},
-    {"ListAFile", {"F /r/a"}, "ls /r/a", EQiErrorSpace::Win32, 87,
-     "[/r/a] is a file in the scan database, not a folder"},
-    {"ListAnUnknownFolder", {"F /r/a"}, "ls /r/none", EQiErrorSpace::Win32, 1168,
-     "Folder [/r/none] is not in scan database"},
-    {"QueryUnknownPath", {"F /r/a"}, "get /r/none", EQiErrorSpace::Win32, 1168,
-     "[/r/none] is not in scan database"},
+const SOpenFailure kOpenFailures[] = {
+    {"FolderBelowAFile", [](CTempTree& t) { return t.MakeFile("file") + "/db"; }, true, EQiErrorSpace::ErrNo,
+     ENOTDIR, "create the scan database folder"},
+    {"GarbageFile",
+     [](CTempTree& t) {
+       t.MakeFile("garbage/ScanDatabase.db", std::string(8192, '\x5a') + "garbage");
+       t.MakeFile("garbage/ScanDb.sqlite", std::string(8192, '\x5a') + "garbage");
+       return t.Path("garbage");
+     },
+     false, EQiErrorSpace::Win32, QiErrorCode::InvalidData, "file is not a database"},
+    {"AnotherSQLiteFile",
+     [](CTempTree& t) {
+       t.MakeDir("other");
+       for (const char* pszName : {"ScanDatabase.db", "ScanDb.sqlite"}) {
+         sqlite3* pDb = nullptr;
+         sqlite3_open(t.Path(std::string("other/") + pszName).c_str(), &pDb);
+         sqlite3_exec(pDb, "CREATE TABLE t(x)", nullptr, nullptr, nullptr);
+         sqlite3_close(pDb);
+       }
+       return t.Path("other");
+     },
+     false, EQiErrorSpace::Win32, QiErrorCode::InvalidData, "not a scan database"},
+    {"EmptyFolderPath", [](CTempTree&) { return std::string(); }, true, EQiErrorSpace::Win32,
+     QiErrorCode::InvalidParameter, "is empty"},
 };
 
-class ScanDatabaseRefusal : public ScanDatabaseTest,
-                            public ::testing::WithParamInterface<std::tuple<SRefusal, bool>> {};
-
-TEST_P(ScanDatabaseRefusal, FailsClearlyAndKeepsWhatWasStored) {
-  const SRefusal& c = std::get<0>(GetParam());
-  const bool bBulk = std::get<1>(GetParam());
-  std::vector<std::string> before;
-  {
-    std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
-    ASSERT_TRUE(pDb->AddFolder("/r", MakeRecord(0)).IsSuccess());
-    if (bBulk) {
-      ASSERT_TRUE(pDb->SetBulkInsertMode(true).IsSuccess());
-    }
-    for (const std::string& strStep : c.setup) ASSERT_TRUE(Apply(*pDb, strStep).IsSuccess());
-    before = DumpTree(*pDb, "/r");
-
-    CQiError error = Apply(*pDb, c.step);
-    ASSERT_TRUE(error.IsError());
-    EXPECT_EQ(c.space, error.GetSpace()) << error.AsString();
-    EXPECT_EQ(c.code, error.GetCode()) << error.AsString();
-    EXPECT_NE(std::string::npos, error.GetMessage().find(c.fragment)) << error.AsString();
-
-    EXPECT_EQ(before, DumpTree(*pDb, "/r"));
-    if (bBulk) {
-      ASSERT_TRUE(pDb->SetBulkInsertMode(false).IsSuccess());
-    }
-  }
-  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(false);
-  EXPECT_EQ(before, DumpTree(*pDb, "/r"));
-  for (const std::string& strStep : c.setup) {
-    const std::string strPath = strStep.substr(2, strStep.find(' ', 2) - 2);
-    EXPECT_TRUE(Apply(*pDb, "get " + strPath).IsSuccess()) << strPath;
+// A clear error, never a crash; the store stays closed.
+TYPED_TEST(ScanStoreContract, OpenFailuresAreClearErrors) {
+  for (const SOpenFailure& c : kOpenFailures) {
+    SCOPED_TRACE(c.name);
+    TypeParam store(c.prepare(this->m_tree));
+    EXPECT_QI_ERROR(store.Open(c.bCreate), c.space, c.code, c.fragment);
+    EXPECT_TRUE(store.Lookup("/r").IsError());
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Store, ScanDatabaseRefusal,
-                         ::testing::Combine(::testing::ValuesIn(kRefusals), ::testing::Bool()),
-                         [](const auto& info) {
-                           return std::string(std::get<0>(info.param).name) +
-                                  (std::get<1>(info.param) ? "_Bulk" : "");
-                         });
+// As the unprivileged user nobody, in folders that belong to root.
+TYPED_TEST(ScanStoreContract, FoldersOfAnotherUser) {
+  const std::string strFolder = this->NewFolder();
+  {
+    auto pStore = this->Open(strFolder, true);
+    ASSERT_TRUE(pStore->AddFile("/x", 1).IsSuccess());
+  }
+  const struct {
+    std::string strFolder;
+    bool bCreate;
+    const char* fragment;
+  } cases[] = {{this->m_tree.Path("jobs/new/db"), true, "create the scan database folder"},
+               {strFolder, false, "cannot be written"}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(0, RunAsNobody([&c] {
+                TypeParam store(c.strFolder);
+                CQiError error = store.Open(c.bCreate);
+                if (error.IsErrNo(EACCES) && error.AsString().find(c.fragment) != std::string::npos) return true;
+                fprintf(stderr, "%s\n", error.AsString().c_str());
+                return false;
+              }))
+        << c.strFolder;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// What only the plug-in store does.
+
+
+class ScanDatabaseTest : public ::testing::Test {
+ protected:
+  void SetUp() override { setenv(CQiLibrary::kPluginPathVariable, FSSCAN_SCANDB_PLUGIN_DIR, 1); }
+  std::unique_ptr<CPluginStore> OpenStore(bool bCreateNew, bool bReadOnly = false) {
+    auto pStore = std::make_unique<CPluginStore>(m_strFolder, bReadOnly);
+    CQiError error = pStore->Open(bCreateNew);
+    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+    return pStore;
+  }
+  // The contract's steps, and "Fnull path" (no record), "mv+ old new size" (a new record comes
+  // with the rename).
+  static CQiError Step(CPluginStore& store, const std::string& strStep) {
+    const std::vector<std::string> args = FXString::Split(strStep, ' ');
+    if (args[0] == "Fnull") return store.Db().AddFile(args[1], nullptr);
+    if (args[0] == "mv+") return store.Db().RenameFile(args[1], args[2], nullptr, MakeRecord(std::stoll(args[3])));
+    return Apply(store, strStep);
+  }
+
+  CTempTree m_tree;
+  std::string m_strFolder = m_tree.Path("jobs/db");
+};
+
+// Adding again replaces a record; records may come before their folder.
+const SScenario kPluginScenarios[] = {
+    {"AddingAgainReplacesTheRecord", "/r", {"D /r", "F /r/a 1", "F /r/a 5"}, {"F /r/a 5"}},
+    {"FolderAddedAgainKeepsItsChildren", "/r", {"D /r", "D /r/d", "F /r/d/x 1", "D /r/d"},
+     {"D /r/d", "F /r/d/x 1"}},
+    {"FileOverFolderTakesItsSubtreeOnly", "/r",
+     {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d0/z", "F /r/d.x", "F /r/d 7"},
+     {"F /r/d 7", "F /r/d.x 0", "D /r/d0", "F /r/d0/z 0"}},
+    {"RenamedFileTakesNewFieldsWhenGiven", "/r", {"D /r", "F /r/b 4", "mv+ /r/b /r/c 9"}, {"F /r/c 9"}},
+    {"RecordsAddedBeforeTheirFolderAreLinkedToIt", "/r",
+     {"D /r", "F /r/s/t/z 3", "F /r/s/x 1", "D /r/s/t", "F /r/s/y 2", "D /r/s"},
+     {"D /r/s", "D /r/s/t", "F /r/s/t/z 3", "F /r/s/x 1", "F /r/s/y 2"}},
+    {"FolderThatIsNotStoredListsWhatIsBelowIt", "/q", {"F /q/a 1", "D /q/b"}, {"F /q/a 1", "D /q/b"}},
+    {"TrailingSlash", "/r", {"D /r", "D /r/e/"}, {"D /r/e"}},
+};
+
+TEST_F(ScanDatabaseTest, HoldsTheExpectedTree) {
+  for (const SScenario& c : kPluginScenarios) {
+    SCOPED_TRACE(c.name);
+    auto pStore = OpenStore(true);
+    for (const std::string& strStep : c.steps) ASSERT_TRUE(Step(*pStore, strStep).IsSuccess()) << strStep;
+    EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
+  }
+}
+
+// The plug-in store's own refusals: exact messages, nothing stored is lost.
+struct SPluginRefusal {
+  std::string step;
+  uint32_t code;
+  const char* message;
+};
+
+TEST_F(ScanDatabaseTest, RefusesClearly) {
+  const SPluginRefusal kRefusals[] = {
+      {"mv /r/d /r/b", 87, "Cannot rename [/r/d]: it is a folder in the scan database, not a file"},
+      {"rm /r/d", 87, "[/r/d] is a folder in the scan database, not a file"},
+      {"rmd /r/a", 87, "[/r/a] is a file in the scan database, not a folder"},
+      {std::string("F /r/a\0b", 8), 87, "The file path [/r/a\\x00b] contains a NUL byte"},
+      {"F", 87, "The file path is empty"},
+      {"Fnull /r/b", 87, "No record given for [/r/b]"},
+      {"ls /r/a", 87, "[/r/a] is a file in the scan database, not a folder"},
+      {"ls /r/none", 1168, "Folder [/r/none] is not in scan database"},
+  };
+  auto pStore = OpenStore(true);
+  for (const char* pszStep : {"D /r", "F /r/a 1", "D /r/d", "F /r/d/x 2"}) ASSERT_TRUE(Apply(*pStore, pszStep).IsSuccess());
+  const std::vector<std::string> before = DumpTree(*pStore, "/r");
+  for (const SPluginRefusal& c : kRefusals) {
+    CQiError error = Step(*pStore, c.step);
+    EXPECT_TRUE(error.IsWin32(c.code)) << c.step << ": " << error.AsString();
+    EXPECT_NE(std::string::npos, error.GetMessage().find(c.message)) << error.AsString();
+  }
+  EXPECT_EQ(before, DumpTree(*pStore, "/r"));
+}
 
 // The store gives each record its id; replacing or moving a record keeps it.
-TEST_F(ScanDatabaseTest, RecordsKeepTheirIds) {
-  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
+TEST_F(ScanDatabaseTest, RecordsKeepTheirIdsAndMetadata) {
+  auto pStore = OpenStore(true);
+  CDatabaseWrapper& db = pStore->Db();
   CDatabaseItemPtr pFolder = MakeRecord(0), pFile = MakeRecord(1), pAgain = MakeRecord(2),
                    pMoved = MakeRecord(3), pStored;
-  ASSERT_TRUE(pDb->AddFolder("/r", pFolder).IsSuccess());
-  ASSERT_TRUE(pDb->AddFile("/r/a", pFile).IsSuccess());
-  ASSERT_TRUE(pDb->AddFile("/r/a", pAgain).IsSuccess());
-  ASSERT_TRUE(pDb->RenameFile("/r/a", "/r/b", nullptr, pMoved).IsSuccess());
-  ASSERT_TRUE(pDb->QueryItem("/r/b", pStored).IsSuccess());
+  ASSERT_TRUE(db.AddFolder("/r", pFolder).IsSuccess());
+  ASSERT_TRUE(db.AddFile("/r/a", pFile).IsSuccess());
+  ASSERT_TRUE(db.AddFile("/r/a", pAgain).IsSuccess());
+  ASSERT_TRUE(db.RenameFile("/r/a", "/r/b", nullptr, pMoved).IsSuccess());
+  ASSERT_TRUE(db.QueryItem("/r/b", pStored).IsSuccess());
   EXPECT_GT(pFile->GetId(), pFolder->GetId());
   EXPECT_EQ(pFile->GetId(), pAgain->GetId());
   EXPECT_EQ(pFile->GetId(), pMoved->GetId());
   EXPECT_EQ(pFile->GetId(), pStored->GetId());
   EXPECT_EQ(3, pStored->GetFileSize());
   EXPECT_EQ("b", pStored->GetFileName());
-  EXPECT_EQ(pMoved->GetMetadata(), pStored->GetMetadata());
-}
-
-// Metadata comes back exactly as it was given, whether or not it is the text of the record's
-// own fields (the store keeps only the latter in a compact form).
-TEST_F(ScanDatabaseTest, MetadataComesBackAsGiven) {
-  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
-  ASSERT_TRUE(pDb->AddFolder("/r", MakeRecord(0)).IsSuccess());
-  const std::vector<std::function<void(CDatabaseItem&)>> cases = {
-      [](CDatabaseItem& r) { ASSERT_TRUE(r.FormMetadata().IsSuccess()); },
+  // Metadata comes back exactly as given, whether or not it is the text of the record's fields.
+  const std::vector<std::function<void(CDatabaseItem&)>> metadata = {
       [](CDatabaseItem& r) { r.SetMetadata(""); },
       [](CDatabaseItem& r) { r.SetMetadata("not xml at all \x01\xff"); },
-      [](CDatabaseItem& r) {  // formed, then a field changed: the text no longer matches
-        ASSERT_TRUE(r.FormMetadata().IsSuccess());
-        r.SetLinks(9);
-      },
+      [](CDatabaseItem& r) { r.SetLinks(9); },  // formed, then a field changed
       [](CDatabaseItem& r) {
         r.SetAttributes(-1);
         r.SetFileSizeOnDisk(INT64_MIN);
@@ -353,257 +585,82 @@ TEST_F(ScanDatabaseTest, MetadataComesBackAsGiven) {
         ASSERT_TRUE(r.FormMetadata().IsSuccess());
       },
   };
-  for (size_t i = 0; i < cases.size(); ++i) {
+  for (size_t i = 0; i < metadata.size(); ++i) {
     const std::string strPath = "/r/f" + std::to_string(i);
-    CDatabaseItemPtr pRecord = MakeRecord(static_cast<int64_t>(i)), pStored, pMoved;
-    cases[i](*pRecord);
-    ASSERT_TRUE(pDb->AddFile(strPath, pRecord).IsSuccess());
-    ASSERT_TRUE(pDb->QueryItem(strPath, pStored).IsSuccess());
-    EXPECT_EQ(pRecord->GetMetadata(), pStored->GetMetadata()) << i;
-    EXPECT_EQ(pRecord->GetLinks(), pStored->GetLinks()) << i;
-    ASSERT_TRUE(pDb->RenameFile(strPath, strPath + "m", nullptr, pRecord).IsSuccess());
-    ASSERT_TRUE(pDb->QueryItem(strPath + "m", pMoved).IsSuccess());
-    EXPECT_EQ(pRecord->GetMetadata(), pMoved->GetMetadata()) << i;
+    CDatabaseItemPtr pRecord = MakeRecord(static_cast<int64_t>(i)), pBack, pMovedBack;
+    metadata[i](*pRecord);
+    ASSERT_TRUE(db.AddFile(strPath, pRecord).IsSuccess());
+    ASSERT_TRUE(db.QueryItem(strPath, pBack).IsSuccess());
+    EXPECT_EQ(pRecord->GetMetadata(), pBack->GetMetadata()) << i;
+    EXPECT_EQ(pRecord->GetLinks(), pBack->GetLinks()) << i;
+    ASSERT_TRUE(db.RenameFile(strPath, strPath + "m", nullptr, pRecord).IsSuccess());
+    ASSERT_TRUE(db.QueryItem(strPath + "m", pMovedBack).IsSuccess());
+    EXPECT_EQ(pRecord->GetMetadata(), pMovedBack->GetMetadata()) << i;
   }
-}
-
-// ---------------------------------------------------------------------------------------------
-// A process that dies without closing leaves every committed record, and only those.
-
-TEST_F(ScanDatabaseTest, UncleanStopKeepsCommittedRecords) {
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    CDatabaseWrapper db(m_strFolder, FSDB::DatabaseTypePersistent, false);
-    bool bOk = db.Open(true).IsSuccess() && db.AddFolder("/r", MakeRecord(0)).IsSuccess() &&
-               db.AddFile("/r/single", MakeRecord(1)).IsSuccess() &&
-               db.SetBulkInsertMode(true).IsSuccess();
-    for (int i = 0; bOk && i < 1000; ++i) {
-      bOk = db.AddFile("/r/bulk" + std::to_string(i), MakeRecord(i)).IsSuccess();
-    }
-    bOk = bOk && db.SetBulkInsertMode(false).IsSuccess() &&
-          db.RenameFile("/r/single", "/r/renamed", nullptr, nullptr).IsSuccess() &&
-          db.SetBulkInsertMode(true).IsSuccess() &&
-          db.AddFile("/r/uncommitted", MakeRecord(0)).IsSuccess();
-    _exit(bOk ? 0 : 1);  // no Close, no destructor
-  }
-  int iStatus = 0;
-  ASSERT_EQ(pid, waitpid(pid, &iStatus, 0));
-  ASSERT_TRUE(WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
-  struct stat st {};
-  ASSERT_EQ(0, stat((m_strFolder + "/ScanDatabase.db-wal").c_str(), &st)) << "not an unclean stop";
-
-  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(false);
-  const std::vector<std::string> lines = DumpTree(*pDb, "/r");
-  EXPECT_EQ(1001u, lines.size());
-  EXPECT_TRUE(Apply(*pDb, "get /r/renamed").IsSuccess());
-  EXPECT_TRUE(Apply(*pDb, "get /r/bulk999").IsSuccess());
-  EXPECT_TRUE(Apply(*pDb, "get /r/single").IsWin32(1168));
-  EXPECT_TRUE(Apply(*pDb, "get /r/uncommitted").IsWin32(1168));
-}
-
-// ---------------------------------------------------------------------------------------------
-// Stores that cannot be opened: a clear error, never a crash.
-
-struct SOpenFailure {
-  const char* name;
-  // Prepares the tree and returns the database folder.
-  std::function<std::string(CTempTree&)> prepare;
-  bool bCreateNew;
-  bool bReadOnly;
-  EQiErrorSpace space;
-  uint32_t code;
-  const char* fragment;
-};
-
-void PrintTo(const SOpenFailure& c, std::ostream* out) { *out << c.name; }
-
-const SOpenFailure kOpenFailures[] = {
-    {"FolderBelowAFile", [](CTempTree& t) { return t.MakeFile("file") + "/db"; }, true, false,
-     EQiErrorSpace::ErrNo, ENOTDIR, "Unable to create the scan database folder"},
-    {"NoDatabaseYet", [](CTempTree& t) { return t.MakeDir("empty"); }, false, false,
-     EQiErrorSpace::ErrNo, ENOENT, "does not exist"},
-    {"GarbageFile",
-     [](CTempTree& t) {
-       t.MakeFile("db/ScanDatabase.db", std::string(8192, '\x5a') + "garbage");
-       return t.Path("db");
-     },
-     false, false, EQiErrorSpace::Win32, 13, "file is not a database"},
-    {"GarbageFileReadOnly",
-     [](CTempTree& t) {
-       t.MakeFile("db/ScanDatabase.db", "SQLite format 3");
-       return t.Path("db");
-     },
-     false, true, EQiErrorSpace::Win32, 13, "file is not a database"},
-    {"AnotherSQLiteFile",
-     [](CTempTree& t) {
-       const std::string strFile = t.MakeDir("db") + "/ScanDatabase.db";
-       sqlite3* pDb = nullptr;
-       sqlite3_open(strFile.c_str(), &pDb);
-       sqlite3_exec(pDb, "CREATE TABLE t(x)", nullptr, nullptr, nullptr);
-       sqlite3_close(pDb);
-       return t.Path("db");
-     },
-     false, false, EQiErrorSpace::Win32, 13, "is not a scan database of this version"},
-    {"FolderLongerThanPathMax",
-     [](CTempTree& t) { return t.Root() + "/" + std::string(5000, 'x'); }, true, false,
-     EQiErrorSpace::ErrNo, ENAMETOOLONG, "is longer than PATH_MAX"},
-    {"EmptyFolderPath", [](CTempTree&) { return std::string(); }, true, false,
-     EQiErrorSpace::Win32, 87, "The scan database path is empty"},
-    {"CreateReadOnly", [](CTempTree& t) { return t.Path("db"); }, true, true,
-     EQiErrorSpace::Win32, 87, "it is to be opened read-only"},
-};
-
-class ScanDatabaseOpenFailure : public ScanDatabaseTest,
-                                public ::testing::WithParamInterface<SOpenFailure> {};
-
-TEST_P(ScanDatabaseOpenFailure, IsAClearError) {
-  const SOpenFailure& c = GetParam();
-  CDatabaseWrapper db(c.prepare(m_tree), FSDB::DatabaseTypePersistent, c.bReadOnly);
-  CQiError error = db.Open(c.bCreateNew);
-  ASSERT_TRUE(error.IsError());
-  EXPECT_EQ(c.space, error.GetSpace()) << error.AsString();
-  EXPECT_EQ(c.code, error.GetCode()) << error.AsString();
-  EXPECT_NE(std::string::npos, error.GetMessage().find(c.fragment)) << error.AsString();
-  // The store stays closed: operations fail instead of touching a half-open database.
-  EXPECT_TRUE(Apply(db, "get /r").IsWin32(6));
-}
-
-INSTANTIATE_TEST_SUITE_P(Store, ScanDatabaseOpenFailure, ::testing::ValuesIn(kOpenFailures),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ScanDatabaseTest, DamagedPagesAreAClearError) {
-  {
-    std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
-    ASSERT_TRUE(pDb->SetBulkInsertMode(true).IsSuccess());
-    ASSERT_TRUE(pDb->AddFolder("/r", MakeRecord(0)).IsSuccess());
-    for (int i = 0; i < 2000; ++i) ASSERT_TRUE(Apply(*pDb, "F /r/f" + std::to_string(i)).IsSuccess());
-    ASSERT_TRUE(pDb->Close().IsSuccess());
-  }
-  // Keep the header page, overwrite everything after it.
-  const std::string strFile = m_strFolder + "/ScanDatabase.db";
-  struct stat st {};
-  ASSERT_EQ(0, stat(strFile.c_str(), &st));
-  {
-    std::fstream file(strFile, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(4096);
-    file << std::string(static_cast<size_t>(st.st_size) - 4096, '\xa5');
-  }
-  CDatabaseWrapper db(m_strFolder, FSDB::DatabaseTypePersistent, false);
-  CQiError error = db.Open(false);
-  if (error.IsSuccess()) error = Apply(db, "ls /r");
-  ASSERT_TRUE(error.IsWin32(13)) << error.AsString();
-  EXPECT_NE(std::string::npos, error.GetMessage().find("malformed")) << error.AsString();
 }
 
 TEST_F(ScanDatabaseTest, ReadOnlyStoreAnswersQueriesAndRefusesChanges) {
   {
-    std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
-    ASSERT_TRUE(Apply(*pDb, "D /r").IsSuccess());
-    ASSERT_TRUE(Apply(*pDb, "F /r/a 1").IsSuccess());
+    auto pStore = OpenStore(true);
+    ASSERT_TRUE(Apply(*pStore, "D /r").IsSuccess());
+    ASSERT_TRUE(Apply(*pStore, "F /r/a 1").IsSuccess());
   }  // closed by the wrapper
-  std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(false, true);
-  EXPECT_EQ(std::vector<std::string>{"F /r/a 1"}, DumpTree(*pDb, "/r"));
+  // Closed, the database is one file: it can be read from a folder nobody may write.
+  ASSERT_EQ(0, chmod(m_tree.Path("jobs").c_str(), 0755));
+  ASSERT_EQ(0, chmod(m_strFolder.c_str(), 0755));
+  EXPECT_EQ(0, RunAsNobody([this] {
+              CPluginStore store(m_strFolder, true);
+              std::vector<SEntry> entries;
+              return store.Open(false).IsSuccess() && store.List("/r", entries).IsSuccess() &&
+                     entries.size() == 1;
+            }));
+  auto pStore = OpenStore(false, true);
+  EXPECT_EQ(std::vector<std::string>{"F /r/a 1"}, DumpTree(*pStore, "/r"));
   for (const char* pszStep : {"F /r/b", "rm /r/a", "mv /r/a /r/c", "rmd /r"}) {
-    CQiError error = Apply(*pDb, pszStep);
+    CQiError error = Apply(*pStore, pszStep);
     EXPECT_TRUE(error.IsErrNo(EROFS)) << pszStep << ": " << error.AsString();
     EXPECT_NE(std::string::npos, error.GetMessage().find("is open read-only")) << pszStep;
   }
-  EXPECT_TRUE(pDb->SetBulkInsertMode(true).IsErrNo(EROFS));
+  EXPECT_TRUE(pStore->Bulk(true).IsErrNo(EROFS));
 }
 
-// As the unprivileged user nobody: folders and files that belong to root.
-struct SNobodyCase {
-  std::string strFolder;
-  bool bCreateNew;
-  bool bReadOnly;
-  int iErrNo;           // 0: the open must succeed and list /r
-  const char* fragment;
-};
-
-int OpenAsNobody(void* pArg) {
-  const SNobodyCase& c = *static_cast<const SNobodyCase*>(pArg);
-  CDatabaseWrapper db(c.strFolder, FSDB::DatabaseTypePersistent, c.bReadOnly);
-  CQiError error = db.Open(c.bCreateNew);
-  if (c.iErrNo == 0) {
-    std::list<CDatabaseItemPtr> lstItems;
-    if (error.IsSuccess()) error = db.QueryFolderItems("/r", 0, lstItems);
-    if (error.IsError()) fprintf(stderr, "%s\n", error.AsString().c_str());
-    return error.IsSuccess() && lstItems.size() == 1 ? 0 : 1;
+TEST_F(ScanDatabaseTest, OpenFailuresOfThePluginStore) {
+  m_tree.MakeFile("ro/ScanDatabase.db", "SQLite format 3");
+  const struct {
+    std::string strFolder;
+    bool bCreate, bReadOnly;
+    int iErrNo;
+    uint32_t uWin32;
+    const char* fragment;
+  } cases[] = {
+      {m_tree.MakeDir("empty"), false, false, ENOENT, 0, "does not exist"},
+      {m_tree.Root() + "/" + std::string(5000, 'x'), true, false, ENAMETOOLONG, 0, "is longer than PATH_MAX"},
+      {m_tree.Path("db"), true, true, 0, 87, "it is to be opened read-only"},
+      {m_tree.Path("ro"), false, true, 0, 13, "file is not a database"},
+  };
+  for (const auto& c : cases) {
+    CDatabaseWrapper db(c.strFolder, FSDB::DatabaseTypePersistent, c.bReadOnly);
+    CQiError error = db.Open(c.bCreate);
+    EXPECT_TRUE(c.iErrNo ? error.IsErrNo(c.iErrNo) : error.IsWin32(c.uWin32)) << error.AsString();
+    EXPECT_NE(std::string::npos, error.GetMessage().find(c.fragment)) << error.AsString();
+    // The store stays closed: operations fail instead of touching a half-open database.
+    CDatabaseItemPtr pItem;
+    EXPECT_TRUE(db.QueryItem("/r", pItem).IsWin32(QiErrorCode::InvalidHandle));
   }
-  if (!error.IsErrNo(c.iErrNo) || error.GetMessage().find(c.fragment) == std::string::npos) {
-    fprintf(stderr, "%s\n", error.AsString().c_str());
-    return 1;
-  }
-  return 0;
-}
-
-TEST_F(ScanDatabaseTest, FoldersOfAnotherUser) {
-  {
-    std::unique_ptr<CDatabaseWrapper> pDb = OpenStore(true);
-    ASSERT_TRUE(Apply(*pDb, "D /r").IsSuccess());
-    ASSERT_TRUE(Apply(*pDb, "F /r/a 1").IsSuccess());
-  }
+  // Creating a new store as nobody where an earlier one belongs to root.
+  { OpenStore(true); }
   ASSERT_EQ(0, chmod(m_tree.Path("jobs").c_str(), 0755));
   ASSERT_EQ(0, chmod(m_strFolder.c_str(), 0755));
-  const SNobodyCase cases[] = {
-      {m_tree.Path("jobs/new"), true, false, EACCES, "Unable to create the scan database folder"},
-      {m_strFolder, true, false, EACCES, "Cannot remove the earlier scan database file"},
-      {m_strFolder, false, false, EACCES, "cannot be written"},
-      // A closed database is one file: it can be read from a folder nobody may write.
-      {m_strFolder, false, true, 0, ""},
-  };
-  for (const SNobodyCase& c : cases) {
-    EXPECT_EQ(0, RunAsNobody(OpenAsNobody, const_cast<SNobodyCase*>(&c)))
-        << c.strFolder << " create=" << c.bCreateNew << " readOnly=" << c.bReadOnly;
-  }
+  EXPECT_EQ(0, RunAsNobody([this] {
+              CDatabaseWrapper db(m_strFolder, FSDB::DatabaseTypePersistent, false);
+              CQiError error = db.Open(true);
+              return error.IsErrNo(EACCES) &&
+                     error.GetMessage().find("Cannot remove the earlier scan database file") != std::string::npos;
+            }));
 }
 
 // ---------------------------------------------------------------------------------------------
-// The wrapper: operations before Open, and plug-ins that do not keep the contract.
-
-struct SWrapperCall {
-  const char* name;
-  std::function<CQiError(CDatabaseWrapper&)> call;
-};
-
-void PrintTo(const SWrapperCall& c, std::ostream* out) { *out << c.name; }
-
-const SWrapperCall kCallsBeforeOpen[] = {
-    {"SetBulkInsertMode", [](CDatabaseWrapper& db) { return db.SetBulkInsertMode(true); }},
-    {"Close", [](CDatabaseWrapper& db) { return db.Close(); }},
-    {"AddFile", [](CDatabaseWrapper& db) { return db.AddFile("/a", MakeRecord(0)); }},
-    {"AddFolder", [](CDatabaseWrapper& db) { return db.AddFolder("/a", MakeRecord(0)); }},
-    {"DeleteFile", [](CDatabaseWrapper& db) { return db.DeleteFile("/a", nullptr); }},
-    {"DeleteFolder", [](CDatabaseWrapper& db) { return db.DeleteFolder("/a", nullptr); }},
-    {"RenameFile",
-     [](CDatabaseWrapper& db) { return db.RenameFile("/a", "/b", nullptr, nullptr); }},
-    {"RenameFolder",
-     [](CDatabaseWrapper& db) { return db.RenameFolder("/a", "/b", nullptr, nullptr); }},
-    {"QueryFolderItems",
-     [](CDatabaseWrapper& db) {
-       std::list<CDatabaseItemPtr> lstItems;
-       return db.QueryFolderItems("/a", 0, lstItems);
-     }},
-    {"QueryItem",
-     [](CDatabaseWrapper& db) {
-       CDatabaseItemPtr pItem;
-       return db.QueryItem("/a", pItem);
-     }},
-};
-
-class DatabaseWrapperBeforeOpen : public ScanDatabaseTest,
-                                  public ::testing::WithParamInterface<SWrapperCall> {};
-
-TEST_P(DatabaseWrapperBeforeOpen, IsNotConfigured) {
-  CDatabaseWrapper db(m_strFolder, FSDB::DatabaseTypePersistent, false);
-  CQiError error = GetParam().call(db);
-  EXPECT_TRUE(error.IsWin32(774)) << error.AsString();
-  EXPECT_EQ("Database is not configured", error.GetMessage());
-}
-
-INSTANTIATE_TEST_SUITE_P(Wrapper, DatabaseWrapperBeforeOpen, ::testing::ValuesIn(kCallsBeforeOpen),
-                         [](const auto& info) { return std::string(info.param.name); });
+// Plug-ins that do not keep the contract.
 
 struct SFakePlugin {
   const char* name;
@@ -631,7 +688,7 @@ class DatabaseWrapperPlugin : public ScanDatabaseTest,
 
 TEST_P(DatabaseWrapperPlugin, KeepsTheContract) {
   const SFakePlugin& c = GetParam();
-  UsePluginFolder(c.pszPluginFolder);
+  setenv(CQiLibrary::kPluginPathVariable, c.pszPluginFolder, 1);
   // Our own handle keeps the fake mapped, so its counters survive the wrapper.
   CQiLibrary fake;
   ASSERT_TRUE(fake.Load(std::string(c.pszPluginFolder) + "/libZrFSSQLiteDB.so").IsSuccess());
@@ -642,8 +699,7 @@ TEST_P(DatabaseWrapperPlugin, KeepsTheContract) {
   const int iCreatedBefore = pfnCreated();
   const int iDestroyedBefore = pfnDestroyed();
 
-  auto pLog = std::make_shared<CCaptureLogWriter>(CLogWriterInterface::kLevelMax);
-  CLogWriterInterface::SetProcessLogWriter(pLog);
+  CLogCapture log;
   {
     CDatabaseWrapper db(m_tree.Path(c.pszDatabase), FSDB::DatabaseTypePersistent, false);
     CQiError error = db.Open(true);
@@ -652,18 +708,18 @@ TEST_P(DatabaseWrapperPlugin, KeepsTheContract) {
     } else {
       EXPECT_TRUE(error.IsWin32(c.openCode)) << error.AsString();
       EXPECT_NE(std::string::npos, error.AsString().find(c.openText)) << error.AsString();
-      EXPECT_TRUE(Apply(db, "get /a").IsWin32(774));
+      CDatabaseItemPtr pItem;
+      EXPECT_TRUE(db.QueryItem("/a", pItem).IsWin32(QiErrorCode::NotConfigured));
     }
   }
-  CLogWriterInterface::SetProcessLogWriter(nullptr);
   EXPECT_EQ(c.iCreated, pfnCreated() - iCreatedBefore);
   // Whatever was made was freed through the plug-in.
   EXPECT_EQ(c.iCreated, pfnDestroyed() - iDestroyedBefore);
   EXPECT_EQ(c.closeLog != nullptr ? 1u : 0u,
-            pLog->CountContaining("Unable to close the database due to ",
+            log->CountContaining("Unable to close the database due to ",
                                   CLogWriterInterface::kLevelAlways));
   if (c.closeLog != nullptr) {
-    EXPECT_EQ(1u, pLog->CountContaining("Fake close failure"));
+    EXPECT_EQ(1u, log->CountContaining("Fake close failure"));
   }
 }
 
@@ -774,26 +830,22 @@ TEST_P(ItemRecordRoundTrip, KeepsTheStatusData) {
   CDatabaseItem copy;
   copy.SetMetadata(pRecord->GetMetadata());
   ASSERT_TRUE(copy.PopulateFromMetadata().IsSuccess());
-  EXPECT_EQ(pRecord->GetAttributes(), copy.GetAttributes());
-  EXPECT_EQ(pRecord->GetLinks(), copy.GetLinks());
-  EXPECT_EQ(pRecord->GetFileSizeOnDisk(), copy.GetFileSizeOnDisk());
-  EXPECT_EQ(pRecord->GetCreationTime(), copy.GetCreationTime());
+  EXPECT_EQ(std::make_tuple(pRecord->GetAttributes(), pRecord->GetLinks(), pRecord->GetFileSizeOnDisk(),
+                            pRecord->GetCreationTime()),
+            std::make_tuple(copy.GetAttributes(), copy.GetLinks(), copy.GetFileSizeOnDisk(), copy.GetCreationTime()));
 
   CItemPtr pBack;
   ASSERT_TRUE(CDatabaseItemWrapper::GetAsItem(pRecord, pBack, "", nullptr).IsSuccess());
   auto pCompound = std::dynamic_pointer_cast<CCompoundItem>(pBack);
   ASSERT_TRUE(pCompound);
   EXPECT_EQ(77, pCompound->GetDbId());
-  EXPECT_EQ(pItem->IsFolder(), pBack->IsFolder());
-  EXPECT_EQ(pItem->IsReparsePoint(), pBack->IsReparsePoint());
-  EXPECT_EQ(pItem->GetAttributes(), pBack->GetAttributes());
-  EXPECT_EQ(pItem->GetFileId(), pBack->GetFileId());
-  EXPECT_EQ(pItem->GetHardLinkCount(), pBack->GetHardLinkCount());
-  EXPECT_EQ(pItem->GetFileSize(), pBack->GetFileSize());
-  EXPECT_EQ(pItem->GetFileSizeOnDisk(), pBack->GetFileSizeOnDisk());
-  EXPECT_EQ(pItem->GetLastWriteTime().GetSeconds(), pBack->GetLastWriteTime().GetSeconds());
-  EXPECT_EQ(pItem->GetLastAccessTime().GetSeconds(), pBack->GetLastAccessTime().GetSeconds());
-  EXPECT_EQ(pItem->GetLastChangeTime().GetSeconds(), pBack->GetLastChangeTime().GetSeconds());
+  auto status = [](const CItemPtr& p) {
+    return std::make_tuple(p->IsFolder(), p->IsReparsePoint(), p->GetAttributes(), p->GetFileId(),
+                           p->GetHardLinkCount(), p->GetFileSize(), p->GetFileSizeOnDisk(),
+                           p->GetLastWriteTime().GetSeconds(), p->GetLastAccessTime().GetSeconds(),
+                           p->GetLastChangeTime().GetSeconds());
+  };
+  EXPECT_EQ(status(pItem), status(pBack));
   EXPECT_EQ(strPath, pBack->GetLocalFullyQualifiedItemName());
   EXPECT_EQ(strPath, pBack->GetSourceFullyQualifiedItemName());
 }

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "Platform/Bag.h"
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXFile.h"
 #include "Platform/ZRPI_Focus.h"
@@ -20,6 +19,7 @@
 #include "Scan/ScanEngine.h"
 #include "Scan/ScannerConfigurationBagId.h"
 #include "Support/TempTree.h"
+#include "Support/LogCapture.h"
 
 namespace {
 
@@ -102,8 +102,6 @@ CBagPtr DebugBag(bool bDebug) {
 class ScanEngineFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_pLog = std::make_shared<CCaptureLogWriter>(CLogWriterInterface::kLevelMax);
-    CLogWriterInterface::SetProcessLogWriter(m_pLog);
     // A real file, reported under another source path.
     m_strLocal = m_tree.MakeFile("data/report.txt", "abc");
     m_strSource = "/source/data/report.txt";
@@ -115,7 +113,6 @@ class ScanEngineFixture : public ::testing::Test {
     m_pCallback = std::make_shared<CFakeCallback>();
     m_pCallback->m_pHandler = m_pHandler;
   }
-  void TearDown() override { CLogWriterInterface::SetProcessLogWriter(nullptr); }
 
  public:  // read by the table bodies below
   std::string DebugLine(bool bFiltered) const {
@@ -128,7 +125,7 @@ class ScanEngineFixture : public ::testing::Test {
   }
 
   CTempTree m_tree;
-  std::shared_ptr<CCaptureLogWriter> m_pLog;
+  CLogCapture m_pLog;
   std::string m_strLocal;
   std::string m_strSource;
   uint32_t m_uMode = 0;
@@ -313,7 +310,6 @@ INSTANTIATE_TEST_SUITE_P(
                        EXPECT_TRUE(pEngine->OpenOutputHandler("/vol/a").IsSuccess());
                        ASSERT_EQ(f.m_pCallback->m_vNames.size(), 1u);
                        EXPECT_EQ(f.m_pCallback->m_vNames[0], "/vol/a");
-                       EXPECT_EQ(f.m_pLog->Count("Output handler is unconfigured", 0), 1u);
                        EXPECT_EQ(f.m_pLog->GetEntries().size(), 1u);
                        EXPECT_TRUE(pEngine->CloseOutputHandler().IsWin32(1168));
                      }},
@@ -358,7 +354,6 @@ INSTANTIATE_TEST_SUITE_P(
                        ASSERT_TRUE(pEngine->OpenOutputHandler("/vol").IsSuccess());
                        pEngine.reset();
                        EXPECT_EQ(f.m_pHandler->m_iComplete, 0);
-                       EXPECT_EQ(f.m_pLog->Count("OutputHandler was not properly closed", -1), 1u);
                      }},
         SHandlerCase{"ClosedThenDestroyedIsQuiet",
                      [](ScanEngineFixture& f) {
@@ -377,69 +372,8 @@ INSTANTIATE_TEST_SUITE_P(
                      }}),
     [](const ::testing::TestParamInfo<SHandlerCase>& info) { return info.param.name; });
 
-// ---------------------------------------------------------------------------------------------
-// The debug flag follows the bag only when the bag holds a boolean under the key.
-
-enum class EBag { Null, Absent, True, False, WrongType };
-
-struct SBagCase {
-  const char* name;
-  bool bBefore;
-  EBag eBag;
-  bool bAfter;
-};
-
-class ScanEngineBagTest : public ::testing::TestWithParam<SBagCase> {};
-
-TEST_P(ScanEngineBagTest, DebugFlag) {
-  const SBagCase& c = GetParam();
-  CScanEngine engine;
-  ASSERT_TRUE(engine.SetScannerConfigurationBag(DebugBag(c.bBefore)).IsSuccess());
-  CBagPtr pBag;
-  if (c.eBag != EBag::Null) pBag = std::make_shared<CBag>();
-  const char* key = SXScannerConfigurationBagId::idFileScanDebugEnabled;
-  CQiError written;
-  if (c.eBag == EBag::True) written = pBag->Write(key, true);
-  if (c.eBag == EBag::False) written = pBag->Write(key, false);
-  if (c.eBag == EBag::WrongType) written = pBag->Write(key, "true");
-  ASSERT_TRUE(written.IsSuccess());
-  EXPECT_TRUE(engine.SetScannerConfigurationBag(pBag).IsSuccess());
-  EXPECT_EQ(engine.IsFileScanDebugEnabled(), c.bAfter);
-  EXPECT_EQ(engine.GetScannerConfigurationBag(), pBag);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, ScanEngineBagTest,
-                         ::testing::Values(SBagCase{"NullBagKeepsOn", true, EBag::Null, true},
-                                           SBagCase{"AbsentKeyKeepsOn", true, EBag::Absent, true},
-                                           SBagCase{"AbsentKeyKeepsOff", false, EBag::Absent, false},
-                                           SBagCase{"TrueSwitchesOn", false, EBag::True, true},
-                                           SBagCase{"FalseSwitchesOff", true, EBag::False, false},
-                                           SBagCase{"WrongTypeKeepsOn", true, EBag::WrongType,
-                                                    true}),
-                         [](const ::testing::TestParamInfo<SBagCase>& info) {
-                           return info.param.name;
-                         });
 
 // ---------------------------------------------------------------------------------------------
-
-TEST(ScanEngineBaseTest, RefusesEveryKindOfWorkWithNotSupported) {
-  CScanEngine engine;
-  EXPECT_TRUE(engine.ProcessWorkUnit(nullptr).IsWin32(QiErrorCode::NotSupported));
-  EXPECT_TRUE(engine.Process().IsWin32(QiErrorCode::NotSupported));
-  EXPECT_TRUE(engine.ProcessVolumeWorkUnit(nullptr).IsWin32(QiErrorCode::NotSupported));
-  EXPECT_EQ(engine.getDescription(), "CScanEngine");
-}
-
-TEST(ScanEngineBaseTest, InstanceIsThePlatformFocusAtConstruction) {
-  const std::string strBefore = ZRPI_Focus::getFocus();
-  ASSERT_TRUE(ZRPI_Focus::setFocus("Instance007").IsSuccess());
-  CScanEngine engine;
-  EXPECT_TRUE(ZRPI_Focus::setFocus("").IsWin32(QiErrorCode::InvalidParameter));
-  EXPECT_TRUE(ZRPI_Focus::setFocus(std::string("a\0b", 3)).IsWin32(QiErrorCode::InvalidParameter));
-  EXPECT_EQ(ZRPI_Focus::getFocus(), "Instance007");
-  ASSERT_TRUE(ZRPI_Focus::setFocus(strBefore).IsSuccess());
-  EXPECT_EQ(engine.GetInstance(), "Instance007");
-}
 
 // Traversal workers call the item paths at once; an abort from another thread stops the items
 // that follow it.

@@ -19,32 +19,8 @@
 
 namespace {
 
-// A non-empty pointer to one of the caller's option types, which the library knows only by
-// name: it shares the ownership of a placeholder and is never dereferenced.
-template <typename T>
-std::shared_ptr<T> PlaceholderPointer() {
-  auto placeholder = std::make_shared<int>(0);
-  return std::shared_ptr<T>(placeholder, reinterpret_cast<T*>(placeholder.get()));
-}
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() &&
-         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-void ExpectNotSupported(const CQiError& error) {
-  EXPECT_TRUE(error.IsWin32(50)) << error.AsString();
-  ASSERT_FALSE(error.GetFrames().empty());
-  EXPECT_TRUE(EndsWith(error.GetFrames().front().file, "Scan/ScannerCallback.cpp"));
-}
-
 // ---------------------------------------------------------------------------------------------
 // Abort.
-
-TEST(AbortOperationCheck, BaseIsNeverAborted) {
-  CAbortOperationCheck check;
-  EXPECT_FALSE(check.IsAborted());
-}
 
 TEST(ScannerCallbackAbort, IsAbortedOnceAbortIsCalledAndForEver) {
   CScannerCallback callback;
@@ -84,103 +60,6 @@ TEST(ScannerCallbackAbort, PollingThreadsSeeAnAbortFromAnotherThread) {
   for (std::thread& t : pollers) t.join();
   for (int i = 0; i < kPollers; ++i) EXPECT_EQ(1, sawAbort[i]) << "poller " << i;
 }
-
-// ---------------------------------------------------------------------------------------------
-// Base answers.
-
-TEST(ScannerCallbackDefaults, PlainAnswers) {
-  CScannerCallback callback;
-  EXPECT_EQ("CScannerCallback", callback.AsString());
-  EXPECT_EQ("", callback.GetPersistFolderName());
-  EXPECT_FALSE(callback.AreMaintenanceOperationsAllowed());
-  EXPECT_FALSE(callback.IsBackupFromRemoteVolumes());
-  EXPECT_TRUE(callback.LogVolumeScanComplete("/data", "FF", "Processed(FF)").IsSuccess());
-  EXPECT_EQ(nullptr, callback.GetScannerConfigurationBag());
-}
-
-TEST(ScannerCallbackDefaults, EngineListIsEmptiedEvenIfItHeldEngines) {
-  CScannerCallback callback;
-  CScanEngineList engines(3);
-  EXPECT_TRUE(callback.GetScanEngineList(engines).IsSuccess());
-  EXPECT_TRUE(engines.empty());
-}
-
-// Every resource the base cannot produce is refused with 50; some out pointers are emptied,
-// others are left as they were.
-struct SResourceCase {
-  const char* name;
-  std::function<CQiError(CScannerCallback&)> call;
-  std::function<bool()> outEmptied;  // true when the out pointers end as expected
-};
-
-void PrintTo(const SResourceCase& c, std::ostream* out) { *out << c.name; }
-
-class ScannerCallbackResources : public ::testing::TestWithParam<SResourceCase> {};
-
-TEST_P(ScannerCallbackResources, RefusedWithNotSupported) {
-  CScannerCallback callback;
-  ExpectNotSupported(GetParam().call(callback));
-  EXPECT_TRUE(GetParam().outEmptied());
-}
-
-// The out variables of the table rows; each row fills its own before the call.
-COutputHandlerPtr g_pHandler;
-CPostProcessingOptionsPtr g_pPostOptions;
-CScannerOptionsPtr g_pScannerOptions;
-CItemConsumerPtr g_pConsumer1, g_pConsumer2, g_pConsumer3;
-CItemEvaluatorPtr g_pEvaluator;
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ScannerCallbackResources,
-    ::testing::Values(
-        SResourceCase{"GetOutputHandlerEmptiesTheHandler",
-                      [](CScannerCallback& cb) {
-                        g_pHandler = std::make_shared<CConsumerOutputHandler>();
-                        return cb.GetOutputHandler("/data", g_pHandler);
-                      },
-                      [] { return g_pHandler == nullptr; }},
-        SResourceCase{"GetPostProcessingOptionsInstanceEmpties",
-                      [](CScannerCallback& cb) {
-                        g_pPostOptions = PlaceholderPointer<CPostProcessingOptions>();
-                        return cb.GetPostProcessingOptionsInstance(g_pPostOptions);
-                      },
-                      [] { return g_pPostOptions == nullptr; }},
-        SResourceCase{"GetScannerOptionsInstanceEmpties",
-                      [](CScannerCallback& cb) {
-                        g_pScannerOptions = PlaceholderPointer<CScannerOptions>();
-                        return cb.GetScannerOptionsInstance(g_pScannerOptions);
-                      },
-                      [] { return g_pScannerOptions == nullptr; }},
-        SResourceCase{"GetScanFailureConsumerEmpties",
-                      [](CScannerCallback& cb) {
-                        g_pConsumer1 = std::make_shared<CItemConsumer>();
-                        return cb.GetScanFailureConsumer(g_pConsumer1);
-                      },
-                      [] { return g_pConsumer1 == nullptr; }},
-        SResourceCase{"GetOutputResourcesLeavesOutputs",
-                      [](CScannerCallback& cb) {
-                        g_pConsumer1 = std::make_shared<CItemConsumer>(1);
-                        g_pConsumer2 = std::make_shared<CItemConsumer>(2);
-                        g_pConsumer3 = std::make_shared<CItemConsumer>(3);
-                        g_pEvaluator = std::make_shared<CItemEvaluator>();
-                        return cb.GetOutputResources("/data", g_pConsumer1, g_pConsumer2,
-                                                     g_pEvaluator, g_pConsumer3);
-                      },
-                      [] {
-                        return g_pConsumer1 && g_pConsumer1->GetConsumerId() == 1 &&
-                               g_pConsumer2 && g_pConsumer2->GetConsumerId() == 2 &&
-                               g_pConsumer3 && g_pConsumer3->GetConsumerId() == 3 && g_pEvaluator;
-                      }},
-        SResourceCase{"GetFlatCollectFileLeavesOutput",
-                      [](CScannerCallback& cb) {
-                        g_pConsumer1 = std::make_shared<CItemConsumer>(11);
-                        return cb.GetFlatCollectFile(g_pConsumer1, ECollectType::Incremental, 4,
-                                                     "/jobs/cf");
-                      },
-                      [] { return g_pConsumer1 && g_pConsumer1->GetConsumerId() == 11; }},
-        SResourceCase{"ImpersonateUser", [](CScannerCallback& cb) { return cb.ImpersonateUser(); },
-                      [] { return true; }}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
 // OnScannerError: no abort, try the next engine, skip untouched.
@@ -344,25 +223,6 @@ TEST(ScannerCallbackParameterAny, ReadsAnyValueAndKeepsTheDefaultWhenMissing) {
   EXPECT_TRUE(callback.GetParameterAny("Missing", value, true).IsWin32(1168));
   ASSERT_TRUE(callback.GetParameterAny("Key", value, true).IsSuccess());
   EXPECT_EQ((std::vector<int>{1, 2, 3}), std::any_cast<std::vector<int>>(value));
-}
-
-TEST(ScannerCallbackParameterAny, ReplacingTheBagChangesWhatIsRead) {
-  CScannerCallback callback;
-  auto first = std::make_shared<CBag>();
-  auto second = std::make_shared<CBag>();
-  ASSERT_TRUE(first->Write("MaxWorkers", 4).IsSuccess());
-  ASSERT_TRUE(second->Write("MaxWorkers", 16).IsSuccess());
-  int workers = 1;
-  ASSERT_TRUE(callback.SetScannerConfigurationBag(first).IsSuccess());
-  ASSERT_TRUE(callback.GetParameter("MaxWorkers", workers).IsSuccess());
-  EXPECT_EQ(4, workers);
-  ASSERT_TRUE(callback.SetScannerConfigurationBag(second).IsSuccess());
-  ASSERT_TRUE(callback.GetParameter("MaxWorkers", workers).IsSuccess());
-  EXPECT_EQ(16, workers);
-  ASSERT_TRUE(callback.SetScannerConfigurationBag(nullptr).IsSuccess());
-  workers = 2;
-  ASSERT_TRUE(callback.GetParameter("MaxWorkers", workers).IsSuccess());
-  EXPECT_EQ(2, workers);
 }
 
 // Engines set the bag while other threads read parameters.

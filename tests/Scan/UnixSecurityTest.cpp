@@ -11,13 +11,13 @@
 #include <memory>
 #include <string>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXFile.h"
 #include "Scan/FabricatedItem.h"
 #include "Scan/FindFirstItem.h"
 #include "Scan/Unix/AnalyticsItemAddInfo.h"
 #include "Scan/Unix/AnalyticsItemUnix.h"
 #include "Support/TempTree.h"
+#include "Support/LogCapture.h"
 
 namespace {
 
@@ -170,12 +170,10 @@ TEST(UnixSecurityTest, UnknownNamesAndTheLevelSevenLine) {
   CItemPtr pItem = MakeItem(tree, "odd\nname", 0750, kNoSuchUser, kNoSuchGroup);
   if (!pItem) GTEST_SKIP() << "chown needs root";
   for (int level : {6, 7}) {
-    auto pLog = std::make_shared<CCaptureLogWriter>(level);
-    CLogWriterInterface::SetProcessLogWriter(pLog);
+    CLogCapture pLog(level);
     CAnalyticsItemUnix analytics(pItem);
     ASSERT_TRUE(analytics.EnableSecurityInfoProcessing(false, true).IsSuccess());
     ASSERT_TRUE(analytics.Process().IsSuccess());
-    CLogWriterInterface::SetProcessLogWriter(nullptr);
 
     EXPECT_EQ(analytics.GetOwnerName(), "UNKNOWN");
     EXPECT_EQ(analytics.GetOwnerSid(), "4000001");

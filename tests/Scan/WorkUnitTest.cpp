@@ -16,7 +16,6 @@
 #include "Scan/WorkUnit.h"
 #include "WorkUnitTestSupport.h"
 
-using WorkUnitTestSupport::CLogCapture;
 
 namespace {
 // A unit on volume "/" whose scan paths have the given source forms (local forms alike).
@@ -70,17 +69,6 @@ INSTANTIATE_TEST_SUITE_P(
                       SPrefixRow{"MalformedClass", "/data/[z-a]", "/data/[z-a]"},
                       SPrefixRow{"NonUtf8", "/data/\xff\xfe/*.x", "/data/\xff\xfe"}),
     [](const ::testing::TestParamInfo<SPrefixRow>& info) { return std::string(info.param.name); });
-
-TEST(ScanPath, ReplacingAPathRecomputesItsPrefix) {
-  CScanPath scanPath("/l/a", "/s/a");
-  scanPath.SetSourceScanPath("/s/b/*.c");
-  EXPECT_EQ(scanPath.GetSourceScanPrefix(), "/s/b");
-  scanPath.SetSourceScanPath("/s/c");
-  EXPECT_EQ(scanPath.GetSourceScanPrefix(), "/s/c");
-  auto context = std::make_shared<FVBase>();
-  scanPath.SetContext(context);
-  EXPECT_EQ(scanPath.GetContext(), context);
-}
 
 // ---- dispositions and text forms -----------------------------------------------------------
 
@@ -231,20 +219,6 @@ TEST(WorkUnitFilters, MalformedItemsAreErrors) {
   EXPECT_EQ(unit->GetFilters()->GetItemCount(), 0u);
 }
 
-TEST(WorkUnitFilters, AddingLogsAtLevelTwo) {
-  CLogCapture log(2);
-  auto unit = UnitWithPaths({"/data"});
-  ASSERT_TRUE(unit->AddScanContentExceptionItem("/data/x").IsSuccess());
-  ASSERT_TRUE(unit->AddFilterItem("/home/y").IsSuccess());
-  ASSERT_TRUE(unit->AddFilterExceptionItem("/data/z").IsSuccess());
-  ASSERT_TRUE(unit->AddSystemFilterItem("/data/s").IsSuccess());
-  EXPECT_EQ(log->Count("adding scan content exception [/data/x]", 2), 1u);
-  // Logged even when the item does not concern the unit.
-  EXPECT_EQ(log->Count("adding filter item [/home/y]", 2), 1u);
-  EXPECT_EQ(log->Count("adding exception item [/data/z]", 2), 1u);
-  EXPECT_EQ(log->CountContaining("/data/s"), 0u);
-}
-
 // ---- scan content and filter queries -------------------------------------------------------
 
 class WorkUnitQueries : public ::testing::Test {
@@ -273,7 +247,6 @@ class WorkUnitFileQueries : public WorkUnitQueries, public ::testing::WithParamI
 TEST_P(WorkUnitFileQueries, IsFileFilteredOut) {
   CLogCapture log;
   EXPECT_EQ(m_pUnit->IsFileFilteredOut(GetParam().path), GetParam().filteredOut);
-  EXPECT_EQ(log->Count("Matched, File=[" + GetParam().path + "]", 3), GetParam().filteredOut ? 1u : 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -382,37 +355,6 @@ TEST(RawDeviceWorkUnit, SurfacesAndScanPaths) {
   EXPECT_EQ(surfaces, (CRawDeviceWorkUnit::SurfaceMap{{"/dev/disk/by-id/x", "/dev/sdb"}, {"/dev/sdb", "/dev/sdb"}}));
   EXPECT_NE(std::dynamic_pointer_cast<CRawDeviceWorkUnit>(base), nullptr);
   EXPECT_EQ(std::dynamic_pointer_cast<CRawDeviceWorkUnit>(std::make_shared<CWorkUnit>()), nullptr);
-}
-
-TEST(WorkUnitObjectTrace, LoggedOnlyWhenTracing) {
-  {
-    CLogCapture log(2);
-    void* address = nullptr;
-    {
-      CWorkUnit unit;
-      address = &unit;
-    }
-    // The trace logs at level 3, which a level-2 writer does not write.
-    EXPECT_EQ(log->CountContaining("Entering"), 0u);
-    (void)address;
-  }
-  CLogCapture log(3);
-  std::string text;
-  {
-    CWorkUnit unit;
-    text = FXString::Format("0x%p", static_cast<void*>(&unit));
-    EXPECT_EQ(log->Count("Entering " + text, 3), 1u);
-    EXPECT_EQ(log->CountContaining("Leaving " + text), 0u);
-  }
-  EXPECT_EQ(log->CountContaining("Leaving " + text + ", Elapsed="), 1u);
-  for (const auto& entry : log->GetEntries()) {
-    if (entry.text.find(text) != std::string::npos) {
-      EXPECT_EQ(entry.function, "CWorkUnit::CWorkUnit()");
-    }
-  }
-  CLogCapture quiet(1);
-  CWorkUnit untraced;
-  EXPECT_TRUE(quiet->GetEntries().empty());
 }
 
 TEST(WorkUnitDump, EachLevelWritesItselfThenItsChildrenWithThePrefix) {

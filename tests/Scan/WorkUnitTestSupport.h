@@ -1,4 +1,4 @@
-// Helpers shared by the work unit suites: log capture, a recorded mount table, a fake kernel
+// Helpers shared by the work unit suites: a recorded mount table, a fake kernel
 // tree for volume identities, and temporary trees on a chosen file system.
 #pragma once
 
@@ -18,24 +18,11 @@
 #include "Platform/MountPathInfo.h"
 #include "Scan/ContentContext.h"
 #include "Scan/WorkUnit.h"
+#include "Support/FileText.h"
+#include "Support/LogCapture.h"
 #include "Support/TempTree.h"
 
 namespace WorkUnitTestSupport {
-
-// Makes a capture writer the process writer while it lives.
-class CLogCapture {
- public:
-  explicit CLogCapture(int level = CLogWriterInterface::kLevelMax)
-      : m_pWriter(std::make_shared<CCaptureLogWriter>(level)) {
-    CLogWriterInterface::SetProcessLogWriter(m_pWriter);
-  }
-  ~CLogCapture() { CLogWriterInterface::SetProcessLogWriter(nullptr); }
-  CCaptureLogWriter& operator*() { return *m_pWriter; }
-  CCaptureLogWriter* operator->() { return m_pWriter.get(); }
-
- private:
-  std::shared_ptr<CCaptureLogWriter> m_pWriter;
-};
 
 // Points the mount table at a recorded copy while it lives.
 class CMountInfoFile {
@@ -105,12 +92,6 @@ inline std::string VolumeOf(const std::string& path) {
   return volume;
 }
 
-inline std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
 
 // True when some frame of the error carries the text.
 inline bool HasFrame(const CQiError& error, const std::string& text) {
