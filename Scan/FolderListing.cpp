@@ -159,12 +159,7 @@ CQiError CFolderListing::TraverseFolder(const SEntry& entry, CPathEnumerator& en
   }
   if (error.IsError() || !listing.pFolderItem) {
     if (error.IsSuccess()) error = QI_ERROR_WIN32(QiErrorCode::InvalidHandle, "No folder item");
-    ZRLOG(-1, "Content path [%s] not found (%s)", Esc(listing.strFolder).c_str(),
-          error.AsString().c_str());
-    CQiError reportError = m_hooks.OnFailedContent(listing.strFolder, strOutput, true, error);
-    if (reportError.IsError())
-      ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(listing.strFolder).c_str(),
-            reportError.AsString().c_str());
+    ReportMissingFolder(listing, error);
     if (bFirstFolder)
       return QI_PUSH(error, "Traverse failed, Content Path=%s not found",
                      Esc(listing.strFolder).c_str());
@@ -229,12 +224,7 @@ CQiError CFolderListing::ListFolder(SListing& listing) {
     }
     if (IsMissingFolderError(error)) {
       // Queued while it existed, gone (or replaced) by now: skipped like a missing root.
-      ZRLOG(-1, "Content path [%s] not found (%s)", Esc(listing.strFolder).c_str(),
-            error.AsString().c_str());
-      CQiError reportError = m_hooks.OnFailedContent(listing.strFolder, strOutput, true, error);
-      if (reportError.IsError())
-        ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(listing.strFolder).c_str(),
-              reportError.AsString().c_str());
+      ReportMissingFolder(listing, error);
       return CQiError();
     }
   }
@@ -322,6 +312,15 @@ CQiError CFolderListing::ProcessEntry(SListing& listing, CQiError& entryError,
   }
   listing.pLastProcessed = std::move(pItem);
   return CQiError();
+}
+
+void CFolderListing::ReportMissingFolder(const SListing& listing, const CQiError& error) {
+  ZRLOG(-1, "Content path [%s] not found (%s)", Esc(listing.strFolder).c_str(),
+        error.AsString().c_str());
+  CQiError reportError = m_hooks.OnFailedContent(listing.strFolder, listing.entry.strOutput, true, error);
+  if (reportError.IsError())
+    ZRLOG(-1, "OnFailedContent failed, Path=%s, error=%s", Esc(listing.strFolder).c_str(),
+          reportError.AsString().c_str());
 }
 
 CQiError CFolderListing::OnListingError(SListing& listing, const CQiError& error) {

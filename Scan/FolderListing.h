@@ -101,6 +101,8 @@ class CFolderListing {
   // ProcessItem without its timer, for the listing loop that times its entries itself.
   CQiError DispatchItem(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem);
   CQiError OnListingError(SListing& listing, const CQiError& error);
+  // A folder (or content root) that is gone or cannot be described: logged and reported.
+  void ReportMissingFolder(const SListing& listing, const CQiError& error);
   CQiError AbortedError(const SListing& listing) const;
 
   CHooks& m_hooks;

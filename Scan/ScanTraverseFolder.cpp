@@ -1,18 +1,14 @@
 #include "Scan/ScanTraverseFolder.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <thread>
 
-#include "Platform/AutoTimeCounter.h"
 #include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
 #include "Platform/ListingFolderCache.h"
 #include "Platform/LogWriterInterface.h"
-#include "Platform/PerfClock.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Platform/ZRDebugFunction.h"
 #include "Scan/BasicPathEnumerator.h"

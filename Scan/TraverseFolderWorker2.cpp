@@ -5,7 +5,6 @@
 #include "Platform/AutoTimeCounter.h"
 #include "Platform/BlockingCallWatch.h"
 #include "Platform/FXErrorUtil.h"
-#include "Platform/FXPath.h"
 #include "Platform/FXString.h"
 #include "Platform/ListingFolderCache.h"
 #include "Platform/ScanPerformanceCounterSet.h"
@@ -13,7 +12,6 @@
 #include "Scan/EnumerateFiles.h"
 #include "Scan/FolderListing.h"
 #include "Scan/ItemSelection.h"
-#include "Scan/ScannerConfigurationBagId.h"
 #include "Scan/TraverseFolder2.h"
 
 // The worker's listing hooks: the shared listing core (CFolderListing) with the work unit's
