@@ -68,7 +68,7 @@ TEST_F(ListingFolderCacheTest, SubFoldersListTheSameThroughTheCacheAndNothingLea
     EXPECT_EQ(pCache->GetKeptCount(), 1u);
     // Every sub-folder opens through the kept parent; more listings than slots evict the oldest.
     for (int i = 0; i < 20; ++i) {
-      const std::string strName = "f" + std::to_string(i);
+      const std::string strName = std::string("f").append(std::to_string(i));
       std::set<std::string> setWant{strName};
       if (i == 3) setWant.insert("deeper");
       EXPECT_EQ(List(m_tree.Path("p/d" + std::to_string(i)), error), setWant) << i;
@@ -110,7 +110,7 @@ class ListingFolderCacheLongPathTest : public ::testing::Test {
     int fd = open(strPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     for (int i = 0; strPath.size() <= 2 * PATH_MAX; ++i) {
-      const std::string strName = "L" + std::to_string(i) + "_" + std::string(200, 'n');
+      const std::string strName = std::string("L").append(std::to_string(i)).append("_").append(200, 'n');
       ASSERT_EQ(mkdirat(fd, strName.c_str(), 0755), 0) << strerror(errno);
       const int fdFile = openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
       ASSERT_GE(fdFile, 0);

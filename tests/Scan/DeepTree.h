@@ -107,7 +107,7 @@ class CDeepTree {
     m_vIds.push_back(IdOfFd(fd));
     for (int level = 1; level <= kLevels; ++level) {
       int child = MakeDirAt(fd, LevelName(level));
-      path += "/" + LevelName(level);
+      path.append("/").append(LevelName(level));
       m_vLevels.push_back(path);
       m_vIds.push_back(IdOfFd(child));
       if (level == 20) {

@@ -212,7 +212,7 @@ TEST_P(HostileRun, ReportsEverythingUnderALowDescriptorLimit) {
   CTempTree tree;
   size_t nObjects = 0;
   for (int i = 0; i < 30; ++i) {
-    const std::string strFolder = "d" + std::to_string(i) + "/e/f";
+    const std::string strFolder = std::string("d").append(std::to_string(i)).append("/e/f");
     tree.MakeFile(strFolder + "/x");
     tree.MakeFile(strFolder + "/y");
     nObjects += 5;
@@ -322,7 +322,7 @@ TEST(HostileMounts, KnownStaleMountIsNeverTouched) {
   EXPECT_EQ(Sorted(pCallback->m_pHandler->Paths()),
             (std::set<std::string>{tree.Path("a"), tree.Path("a/f"), tree.Path("b")}));
   EXPECT_TRUE(pCallback->FailureLines().empty());
-  EXPECT_EQ(log->CountContaining("[" + tree.Path("b/mnt") + "] skipped by ignoreFS rule"), 1u);
+  EXPECT_EQ(log->CountContaining(std::string("[").append(tree.Path("b/mnt")).append("] skipped by ignoreFS rule")), 1u);
   detector.Reset();
 }
 

@@ -57,7 +57,7 @@ TEST_P(TraverseFolder2Run, EndsAsExpected) {
   CTempTree tree;
   for (int i = 0; i < 6; ++i)
     for (int j = 0; j < 20; ++j)
-      tree.MakeFile("d" + std::to_string(i) + "/s/f" + std::to_string(j), "x");
+      tree.MakeFile(std::string("d").append(std::to_string(i)).append("/s/f").append(std::to_string(j)), "x");
   auto pCallback = std::make_shared<CTestCallback>();
   auto pUnit = std::make_shared<CWorkUnit>();
   pUnit->SetLocalVolumeName("/");
