@@ -1,4 +1,4 @@
-// Test doubles shared by the traversal and FindFirst engine suites: log capture, an output
+// Test doubles shared by the traversal and FindFirst engine suites: an output
 // handler that records what it is given, a scanner callback that hands out that handler and a
 // failures file, and helpers for trees with awkward names.
 #pragma once
@@ -14,33 +14,17 @@
 #include <string>
 #include <vector>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/LogWriterInterface.h"
 #include "Scan/OutputHandler.h"
 #include "Scan/ScanFailureConsumer.h"
 #include "Scan/ScannerCallback.h"
+#include "Support/LogCapture.h"
 
 namespace TraversalTestSupport {
 
-// Makes a capture writer the process writer while it lives.
-class CLogCapture {
- public:
-  explicit CLogCapture(int iLevel = CLogWriterInterface::kLevelMax)
-      : m_pWriter(std::make_shared<CCaptureLogWriter>(iLevel)) {
-    CLogWriterInterface::SetProcessLogWriter(m_pWriter);
-  }
-  ~CLogCapture() { CLogWriterInterface::SetProcessLogWriter(nullptr); }
-  CCaptureLogWriter* operator->() { return m_pWriter.get(); }
-  size_t CountAtLevel(int iLevel) const {
-    size_t n = 0;
-    for (const auto& entry : m_pWriter->GetEntries()) n += entry.level == iLevel ? 1 : 0;
-    return n;
-  }
-
- private:
-  std::shared_ptr<CCaptureLogWriter> m_pWriter;
-};
+// The shared log capture (tests/Support/LogCapture.h).
+using ::CLogCapture;
 
 // What an output handler was given: source path, size and mode of every item.
 struct SRecord {
