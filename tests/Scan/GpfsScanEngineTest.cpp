@@ -1,0 +1,569 @@
+// The GPFS engine's real code on temporary folders declared GPFS through a fake platform, with
+// fake mmapplypolicy, mmgetstate, mmfsctl and pstree scripts (Support/FakeGpfsTools.h): policy
+// runs and their outcomes, suspension, remote devices, aborts, hostile scan paths, the policy
+// texts, and the collect records the enumerator accepts and refuses.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Platform/FXPath.h"
+#include "Platform/SendEventInterface.h"
+#include "Platform/ZRPlatformInfo.h"
+#include "Scan/Unix/GpfsPathEnumerator.h"
+#include "Scan/Unix/GpfsPlatform.h"
+#include "Scan/Unix/GpfsPolicy.h"
+#include "Scan/Unix/GpfsScanEngine.h"
+#include "Support/FakeGpfsTools.h"
+#include "Support/FileText.h"
+#include "Support/TempTree.h"
+#include "TraversalTestSupport.h"
+
+using namespace TraversalTestSupport;
+
+namespace {
+
+constexpr unsigned long long kReferenceTime = 1000;
+
+// Declares one folder GPFS (device "gpfs0") and shortens every wait.
+class CFakePlatform : public CGpfsPlatform {
+ public:
+  explicit CFakePlatform(std::string strRoot, std::string strTemp)
+      : m_strRoot(std::move(strRoot)), m_strTemp(std::move(strTemp)) {
+    SetTimings({20, 20, 10, 1});
+  }
+  CQiError GetFileSystemMagic(const std::string& strPath, uint64_t& ullMagic) override {
+    ullMagic = FXPath::IsAncestorOf(m_strRoot, strPath, true) ? kGpfsMagic : 0xEF53;
+    return CQiError();
+  }
+  CQiError GetMountDevice(const std::string&, std::string& strDevice) override {
+    strDevice = "gpfs0";
+    return CQiError();
+  }
+  bool IsRemoteDevice(const std::string&, const std::string&) override { return m_bRemote; }
+  std::string getOrreryTempDirectory() override { return m_strTemp; }
+  bool m_bRemote = false;
+
+ private:
+  std::string m_strRoot, m_strTemp;
+};
+
+class CEventRecorder : public ISendEventInterface {
+ public:
+  CQiError SendEvent(const CQiError& event, const CEventArgumentList& args) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_vEvents.push_back(FXString::Format("0x%X", event.GetCode()) + ISendEventInterface::ArgumentsAsString(args));
+    return CQiError();
+  }
+  std::vector<std::string> Events() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_vEvents;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::string> m_vEvents;
+};
+
+// Records "<type> <size> <mtime> <path>" of each item.
+class CLineHandler : public COutputHandler {
+ public:
+  CQiError OnItem(CItemPtr pItem) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const char cType = pItem->IsReparsePoint() ? 'l' : pItem->IsFolder() ? 'd' : 'f';
+    m_vLines.push_back(FXString::Format("%c %llu %lld ", cType, static_cast<unsigned long long>(pItem->GetFileSize()),
+                                        static_cast<long long>(pItem->GetLastWriteTime().GetSeconds())) +
+                       pItem->GetSourceFullyQualifiedItemName());
+    return CQiError();
+  }
+  std::vector<std::string> Sorted() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> v = m_vLines;
+    std::sort(v.begin(), v.end());
+    return v;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::string> m_vLines;
+};
+
+class CGpfsCallback : public CTestCallback {
+ public:
+  CQiError GetOutputHandler(const std::string&, COutputHandlerPtr& pHandler) override {
+    pHandler = m_pLines;
+    return CQiError();
+  }
+  std::shared_ptr<CLineHandler> m_pLines = std::make_shared<CLineHandler>();
+};
+
+// A policy output in the collect layout: progress, a path split by its newline, statistics.
+std::string PolicyOutput(const std::string& r) {
+  return "[I] GPFS Current Data Pool Utilization in KB and %\n"
+         "[I] Loaded policy rules from " + r + "/policy.\n"
+         "[I] 2026-11-23@10:00:00.000 Directory entries scanned: 6.\n"
+         "WEIGHT(INF) LIST 'UNMODIFIED' " + r + "/old.txt SHOW(-:100:1)\n"
+         "WEIGHT(INF) LIST 'MODIFIED' " + r + "/dir SHOW(d:4096:2)\n"
+         "WEIGHT(INF) LIST 'MODIFIED' " + r + "/dir/new\nline.txt SHOW(-:7:1)\n"
+         "weight(inf) list 'modified' " + r + "/link SHOW(l:9:1)\n"
+         "WEIGHT(INF) LIST 'UNMODIFIED' " + r + " SHOW(d:4096:3)\n"
+         "[I] Summary of Rule Applicability and File Choices:\n"
+         " Rule#  Hit_Cnt  KB_Hit  Chosen  KB_Chosen  KB_Ill  Rule\n"
+         "     0        3     100       3        100       0  RULE 'A' LIST 'modified'\n"
+         "[I] A total of 5 files have been inspected.\n";
+}
+
+std::vector<std::string> ExpectedItems(const std::string& r) {
+  return {"d 4096 1001 " + r, "d 4096 1001 " + r + "/dir", "f 100 0 " + r + "/old.txt",
+          "f 7 0 " + r + "/dir/new\nline.txt", "l 9 0 " + r + "/link"};
+}
+
+class GpfsFixture {
+ public:
+  explicit GpfsFixture(const std::string& strVolumeName = "vol")
+      : m_strRoot(m_tree.MakeDir(strVolumeName)), m_strBin(m_tree.Path("bin")),
+        m_strJob(m_tree.MakeDir("job")),
+        m_pPlatform(std::make_shared<CFakePlatform>(m_strRoot, m_tree.MakeDir("work"))),
+        m_pEvents(std::make_shared<CEventRecorder>()) {
+    CGpfsPlatform::SetCurrent(m_pPlatform);
+    ISendEventInterface::SetProcessEventSink(m_pEvents);
+    const char* szPath = getenv("PATH");
+    m_strOldPath = szPath != nullptr ? szPath : "";
+    setenv("PATH", (m_strBin + ":" + m_strOldPath).c_str(), 1);
+    m_pCallback->Set("RegKey:GpfsScan", true);
+    m_pCallback->Set("JR:subclient", m_strJob);
+    m_pCallback->Set("ReferenceTime", kReferenceTime);
+    m_pCallback->Set("JO:MTIME", true);
+  }
+  ~GpfsFixture() {
+    setenv("PATH", m_strOldPath.c_str(), 1);
+    CGpfsPlatform::SetCurrent(nullptr);
+    ISendEventInterface::SetProcessEventSink(nullptr);
+    ZRPlatformInfo::Instance().LoadFromText("", "");
+  }
+  // Loads the settings (sGpfsBin first) and runs a new engine over one work unit of the volume.
+  CQiError Run(const std::string& strSettings = "") {
+    ZRPlatformInfo::Instance().LoadFromText("[FileSystemAgent]\nsGpfsBin=" + m_strBin + "\n" + strSettings, "test");
+    auto pEngine = std::make_shared<CGpfsScanEngine>();
+    (void)pEngine->SetScannerCallback(m_pCallback);
+    (void)pEngine->SetScannerConfigurationBag(m_pCallback->GetScannerConfigurationBag());
+    auto pUnit = std::make_shared<CWorkUnit>();
+    pUnit->SetLocalVolumeName(m_strRoot);
+    pUnit->SetSourceVolumeName(m_strRoot);
+    pUnit->SetLocalVolumeUniqueId("id1");
+    pUnit->AddScanPath(std::make_shared<CScanPath>(m_strRoot, m_strRoot));
+    (void)pUnit->AddScanContentItem(m_strRoot);
+    return pEngine->ProcessWorkUnit(pUnit);
+  }
+  size_t Runs() const { return ReadFileLines(m_strBin + "/mmapplypolicy.runs").size(); }
+  bool FailJobSet() const {
+    bool bSet = false;
+    (void)m_pCallback->GetScannerConfigurationBag()->Read("FailJobSet", bSet);
+    return bSet;
+  }
+
+  CTempTree m_tree;
+  std::string m_strRoot, m_strBin, m_strJob, m_strOldPath;
+  std::shared_ptr<CFakePlatform> m_pPlatform;
+  std::shared_ptr<CEventRecorder> m_pEvents;
+  std::shared_ptr<CGpfsCallback> m_pCallback = std::make_shared<CGpfsCallback>();
+};
+
+// True when the process still runs 5 s later: a SIGKILL sent takes a moment to end a process
+// (a zombie counts as gone).
+bool IsRunning(const std::string& strPidFile) {
+  const int pid = atoi(ReadFileText(strPidFile).c_str());
+  for (int i = 0; i < 500; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    if (pid <= 1 || kill(pid, 0) != 0) return false;
+    const std::string strStat = ReadFileText("/proc/" + std::to_string(pid) + "/stat");
+    const size_t pos = strStat.rfind(')');
+    if (pos == std::string::npos || pos + 2 >= strStat.size() || strStat[pos + 2] == 'Z') return false;
+  }
+  return true;
+}
+
+// ---- policy runs and their outcomes ----
+
+struct SRunCase {
+  const char* szName;
+  SFakeGpfs fake;
+  const char* szSettings;
+  bool bRemote;
+  int iResult;         // 0 success, -1 errno EINVAL, else the Win32 code
+  size_t nRuns;
+  std::vector<std::string> lstEvents;
+  bool bFailJobSet;
+  const char* szLog;   // a message that must be logged (%R the volume, %J the job folder)
+};
+
+SFakeGpfs Fake(int iExit, const char* szStderr = "", const char* szSuspendWrite = "exit 0", bool bUsage = true) {
+  SFakeGpfs fake;
+  fake.iPolicyExit = iExit;
+  fake.strPolicyStderr = szStderr;
+  fake.strSuspendWrite = szSuspendWrite;
+  fake.bUsageHasSuspendWrite = bUsage;
+  return fake;
+}
+
+const char kEnoent[] = "[E] Error on gpfs_iopen([/vol/gone],1234): No such file or directory\n"
+                       "[E] Summary of errors:: _dirscan failed: 1 errors.\n";
+const char kFatal[] = "[E] Error on gpfs_iopen([/vol/x],99): Permission denied\n";
+SFakeGpfs Down() {
+  SFakeGpfs fake;
+  fake.strState = "down";
+  return fake;
+}
+SFakeGpfs NoTool() {
+  SFakeGpfs fake;
+  fake.bWithPolicyTool = false;
+  return fake;
+}
+
+const SRunCase kRunCases[] = {
+    {"Success", Fake(0), "", false, 0, 1, {}, false, "'%J/GpfsCollect_id1.zrf' sorted."},
+    {"Exit2OnlyEnoent", Fake(2, kEnoent), "", false, 0, 1, {}, false, "Parsing %J/GpfsCollect_id1.zrf.stderr to validate gpfs error"},
+    {"Exit2ParsingDisabled", Fake(2, kFatal), "nDisableParseGpfsScanErrors=1\n", false, 0, 1, {}, false,
+     "mmapplypolicy command failed with return code 2"},
+    {"Exit2OtherError", Fake(2, kFatal), "", false, 1627, 1, {"0x11000077"}, false,
+     "Found a fatal error. Do not use mmapplypolicy output. Line: '[E] Error on gpfs_iopen([/vol/x],99): Permission denied'"},
+    {"Exit1RunsThreeTimes", Fake(1), "", false, 1627, 3, {"0x11000077"}, false,
+     "Gpfs scan will be retried again. Num Retries left: 1."},
+    {"Exit1OneAttempt", Fake(1), "nGpfsScanNumRetry=1\n", false, 1627, 1, {"0x11000077"}, false,
+     "mmapplypolicy command failed. GPFS scan will not be performed. error 1"},
+    {"Exit1FailsTheJob", Fake(1), "nGpfsScanNumRetry=1\nnGpfsFailOnScanError=1\n", false, 995, 1, {"0x11000079"}, true,
+     "GpfsScan error will be considered fatal and job will be failed."},
+    {"ClusterDown", Down(), "", false, -1, 0, {}, false, "Current status 'down:active:'."},
+    {"SuspendHangs", Fake(0, "", "exec sleep 30"), "nGpfsTimeout=1\n", false, 1627, 0, {}, false,
+     "taking more time than 1 seconds. Reverting back to default scan"},
+    {"SuspendWriteUnsupported", Fake(0, "", "exit 1", false), "", false, 0, 1, {}, false,
+     "mmfsctl suspend-write is not supported."},
+    {"RemoteDevice", Fake(0, "", "exit 1"), "", true, 1627, 0, {"0x1100009A\"gpfs0\""}, false,
+     "gpfs0 is a gpfs device mounted from a remote cluster. GPFS optimized scan cannot be used"},
+    {"RemoteDeviceFailsTheJob", Fake(0, "", "exit 1"), "nGpfsFailOnScanError=1\n", true, 995, 0,
+     {"0x1100009A\"gpfs0\""}, true, "gpfs0 is a gpfs device mounted from a remote cluster. GPFS optimized scan cannot be used"},
+    {"NoPolicyTool", NoTool(), "", false, 995, 0, {}, false,
+     "Unable to locate GPFS binary path at %B/. Please set correct location of GPFS binary path in registry key "
+     "'sGpfsBin' in in Additional Settings of GUI and resume the job."},
+};
+
+class GpfsRunTest : public ::testing::TestWithParam<SRunCase> {};
+
+std::string Expand(std::string strText, const GpfsFixture& f) {
+  for (const auto& [key, value] : {std::pair<std::string, std::string>{"%R", f.m_strRoot}, {"%J", f.m_strJob}, {"%B", f.m_strBin}})
+    for (size_t pos; (pos = strText.find(key)) != std::string::npos;) strText.replace(pos, 2, value);
+  return strText;
+}
+
+TEST_P(GpfsRunTest, OutcomeItemsAndEvents) {
+  const SRunCase& c = GetParam();
+  CLogCapture log;
+  GpfsFixture f;
+  SFakeGpfs fake = c.fake;
+  fake.strPolicyStdout = PolicyOutput(f.m_strRoot);
+  WriteFakeGpfsTools(f.m_strBin, fake);
+  f.m_pPlatform->m_bRemote = c.bRemote;
+  const auto tStart = std::chrono::steady_clock::now();
+  CQiError error = f.Run(c.szSettings);
+  if (c.iResult == 0) {
+    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+    EXPECT_EQ(f.m_pCallback->m_pLines->Sorted(), [&] { auto v = ExpectedItems(f.m_strRoot); std::sort(v.begin(), v.end()); return v; }());
+  } else {
+    EXPECT_TRUE(c.iResult < 0 ? error.IsErrNo(EINVAL) : error.IsWin32(c.iResult)) << error.AsString();
+    EXPECT_TRUE(f.m_pCallback->m_pLines->Sorted().empty());
+  }
+  EXPECT_EQ(f.Runs(), c.nRuns);
+  EXPECT_EQ(f.m_pEvents->Events(), c.lstEvents);
+  EXPECT_EQ(f.FailJobSet(), c.bFailJobSet);
+  EXPECT_GE(log->CountContaining(Expand(c.szLog, f)), 1u) << Expand(c.szLog, f);
+  // The time-out that the settings cannot change is the shortened one of the test platform.
+  EXPECT_LT(std::chrono::steady_clock::now() - tStart, std::chrono::seconds(20));
+}
+
+INSTANTIATE_TEST_SUITE_P(Gpfs, GpfsRunTest, ::testing::ValuesIn(kRunCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- bad input: each gives its message and code, and no item ----
+
+struct SBadCase {
+  const char* szName;
+  void (*prepare)(GpfsFixture&, SFakeGpfs&);
+  int iResult;  // -1 errno EINVAL, else the Win32 code
+  const char* szLog;
+  std::vector<std::string> lstEvents;
+};
+
+const SBadCase kBadCases[] = {
+    {"EmptyPolicyOutput", [](GpfsFixture&, SFakeGpfs& fake) { fake.strPolicyStdout.clear(); }, 1627,
+     "Gpfs Scan failed. %J/GpfsCollect_id1.zrf.stdout does not exist or is empty.", {"0x11000077"}},
+    {"UnwritableJobFolder",
+     [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("JR:subclient", f.m_tree.MakeFile("plain") + "/job"); }, 1627,
+     "Unable to create Gpfs scripts", {"0x11000077"}},
+    {"NeitherTimeSelected", [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("JO:MTIME", false); }, 1627,
+     "Invalid option. Both m_bUseMtimeForIncr and m_bUseCtimeForIncr not selected", {"0x11000077"}},
+    {"NotEnabled", [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("RegKey:GpfsScan", false); }, -1,
+     "Gpfs Scan not enabled. ", {}},
+    {"TruncatedRecord",
+     [](GpfsFixture& f, SFakeGpfs& fake) {
+       fake.strPolicyStdout = "WEIGHT(INF) LIST 'MODIFIED' " + f.m_strRoot + "/cut";
+     },
+     -1, "Invalid entry WEIGHT(INF) LIST 'MODIFIED' %R/cut%ZRnewLine% in %J/GpfsCollect_id1.zrf", {}},
+    {"NoCollectRecordAtAll", [](GpfsFixture&, SFakeGpfs& fake) { fake.strPolicyStdout = "[I] nothing\n"; }, 0,
+     "'%J/GpfsCollect_id1.zrf' sorted.", {}},
+};
+
+class GpfsBadInputTest : public ::testing::TestWithParam<SBadCase> {};
+
+TEST_P(GpfsBadInputTest, FailsWithItsMessage) {
+  const SBadCase& c = GetParam();
+  CLogCapture log;
+  GpfsFixture f;
+  SFakeGpfs fake;
+  fake.strPolicyStdout = PolicyOutput(f.m_strRoot);
+  c.prepare(f, fake);
+  WriteFakeGpfsTools(f.m_strBin, fake);
+  CQiError error = f.Run();
+  if (c.iResult == 0) {
+    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+  } else {
+    EXPECT_TRUE(c.iResult < 0 ? error.IsErrNo(EINVAL) : error.IsWin32(c.iResult)) << error.AsString();
+  }
+  EXPECT_TRUE(f.m_pCallback->m_pLines->Sorted().empty());
+  EXPECT_GE(log->CountContaining(Expand(c.szLog, f)), 1u) << Expand(c.szLog, f);
+  EXPECT_EQ(f.m_pEvents->Events(), c.lstEvents);
+}
+
+INSTANTIATE_TEST_SUITE_P(Gpfs, GpfsBadInputTest, ::testing::ValuesIn(kBadCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+TEST(GpfsVolumeTest, AVolumeThatIsNotGpfsIsRefused) {
+  GpfsFixture f;
+  WriteFakeGpfsTools(f.m_strBin, SFakeGpfs());
+  f.m_pPlatform = std::make_shared<CFakePlatform>(f.m_tree.Path("elsewhere"), f.m_tree.Path("work"));
+  CGpfsPlatform::SetCurrent(f.m_pPlatform);
+  CQiError error = f.Run();
+  EXPECT_TRUE(error.IsErrNo(EINVAL)) << error.AsString();
+  EXPECT_NE(error.AsString().find("Not a Gpfs volume"), std::string::npos);
+  EXPECT_EQ(ReadFileText(f.m_strBin + "/mmfsctl.calls"), "");
+}
+
+// ---- abort: the whole child tree goes, also when it ignores SIGTERM ----
+
+struct SAbortCase {
+  const char* szName;
+  bool bInSuspend;
+  bool bIgnoreTerm;
+};
+
+class GpfsAbortTest : public ::testing::TestWithParam<SAbortCase> {};
+
+TEST_P(GpfsAbortTest, KillsEveryChild) {
+  const SAbortCase& c = GetParam();
+  GpfsFixture f;
+  SFakeGpfs fake;
+  fake.strPolicyStdout = PolicyOutput(f.m_strRoot);
+  const std::string strTool = c.bInSuspend ? "mmfsctl" : "mmapplypolicy";
+  const std::string strHang = std::string(c.bIgnoreTerm ? "trap '' TERM; " : "") + "sleep 60 & echo $! > \"$D/" +
+                              strTool + ".child\"; wait";
+  (c.bInSuspend ? fake.strSuspendWrite : fake.strPolicyBody) = strHang;
+  WriteFakeGpfsTools(f.m_strBin, fake);
+  const std::string strChild = f.m_strBin + "/" + strTool + ".child";
+  std::thread aborter([&] {
+    for (int i = 0; i < 1000 && ReadFileText(strChild).empty(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    (void)f.m_pCallback->Abort();
+  });
+  // Long enough for the suspension not to time out first.
+  CQiError error = f.Run("nGpfsScanNumRetry=1\n");
+  aborter.join();
+  EXPECT_TRUE(error.IsWin32(995)) << error.AsString();
+  EXPECT_FALSE(IsRunning(f.m_strBin + "/" + strTool + ".pid"));
+  EXPECT_FALSE(IsRunning(strChild));
+  EXPECT_TRUE(f.m_pCallback->m_pLines->Sorted().empty());
+}
+
+const SAbortCase kAbortCases[] = {
+    {"DuringPolicyRun", false, false},
+    {"DuringPolicyRunIgnoringTerm", false, true},
+    {"DuringSuspend", true, false},
+    {"DuringSuspendIgnoringTerm", true, true},
+};
+INSTANTIATE_TEST_SUITE_P(Gpfs, GpfsAbortTest, ::testing::ValuesIn(kAbortCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- a scan path and job folder full of shell syntax run nothing ----
+
+TEST(GpfsQuotingTest, MetacharactersInPathsRunNothing) {
+  GpfsFixture f("v $(touch PWNED) `touch PWNED` \"q\" \\x 'y' -d\nnl");
+  f.m_strJob = f.m_tree.MakeDir("job $(touch PWNED) 'z';touch PWNED");
+  f.m_pCallback->Set("JR:subclient", f.m_strJob);
+  SFakeGpfs fake;
+  fake.strPolicyStdout = PolicyOutput(f.m_strRoot);
+  WriteFakeGpfsTools(f.m_strBin, fake);
+  char szCwd[4096];
+  ASSERT_NE(getcwd(szCwd, sizeof(szCwd)), nullptr);
+  CQiError error = f.Run();
+  EXPECT_TRUE(error.IsSuccess()) << error.AsString();
+  const std::string strArgs = ReadFileText(f.m_strBin + "/mmapplypolicy.args");
+  const std::string strExpected = f.m_strRoot + "/" + '\0' + "-L" + '\0' + "2" + '\0' + "-P" + '\0' + f.m_strJob +
+                                  "/GpfsMmPolicy_id1" + '\0' + "-I" + '\0' + "test" + '\0' + "-M" + '\0' +
+                                  "RefTime=1000" + '\0' + "-s" + '\0' + f.m_tree.Path("work") + '\0';
+  EXPECT_EQ(strArgs, strExpected);
+  std::vector<std::string> expected = ExpectedItems(f.m_strRoot);
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(f.m_pCallback->m_pLines->Sorted(), expected);
+  struct stat st {};
+  EXPECT_NE(stat((std::string(szCwd) + "/PWNED").c_str(), &st), 0);
+  EXPECT_NE(stat(f.m_tree.Path("PWNED").c_str(), &st), 0);
+}
+
+// ---- the texts handed to the GPFS tools, byte for byte ----
+
+const std::string kShowBase =
+    "SHOW( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( '', VARCHAR(MODE,1) ), ':'), VARCHAR(FILE_SIZE) ), ':' ), "
+    "VARCHAR(NLINK) ), '' ) )";
+const std::string kShowLinks =
+    "SHOW( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( '', VARCHAR(MODE,1) ), "
+    "':'), VARCHAR(FILE_SIZE) ), ':' ), VARCHAR(NLINK) ), ':' ), VARCHAR(INODE) ), ':' ), "
+    "VARCHAR(toUnixSeconds(CHANGE_TIME)) ), '' ) )";
+const std::string kShowAll =
+    "SHOW( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( CONCAT( "
+    "CONCAT( '', VARCHAR(MODE,1) ), ':'), VARCHAR(FILE_SIZE) ), ':' ), VARCHAR(NLINK) ), ':' ), VARCHAR(INODE) ), ':' "
+    "), VARCHAR(toUnixSeconds(CHANGE_TIME)) ), ':'), VARCHAR(toUnixSeconds(ACCESS_TIME)) ), ':' ), "
+    "VARCHAR(toUnixSeconds(MODIFICATION_TIME)) ), '' ) )";
+const std::string kDefines =
+    "define([toSeconds],[(($1) SECONDS(12,6))])\ndefine([toUnixSeconds],[toSeconds($1 - '1970-1-1@0:00')])\n";
+
+struct STextCase {
+  const char* szName;
+  std::string (*make)();
+  std::string strExpected;
+};
+
+std::string Policy(bool bLinks, bool bTrueUp, bool bMtime, bool bCtime, bool bOffline) {
+  CGpfsPolicy::SOptions options;
+  options.bHardLinks = bLinks, options.bTrueUp = bTrueUp, options.bUseMtime = bMtime;
+  options.bUseCtime = bCtime, options.bSkipOffline = bOffline;
+  std::string strText;
+  return CGpfsPolicy::BuildPolicyText(options, strText).IsError() ? "error" : strText;
+}
+
+const STextCase kTextCases[] = {
+    {"PolicyMtime", [] { return Policy(false, false, true, false, false); },
+     "RULE 'A' LIST 'modified' DIRECTORIES_PLUS " + kShowBase + "WHERE (MODIFICATION_TIME > TIMESTAMP(RefTime))\n" +
+         "RULE 'B' LIST 'unmodified' DIRECTORIES_PLUS " + kShowBase + "WHERE (MODIFICATION_TIME <= TIMESTAMP(RefTime))"},
+    {"PolicyHardLinksBothTimesOffline", [] { return Policy(true, false, true, true, true); },
+     kDefines + "RULE 'A' LIST 'modified' DIRECTORIES_PLUS " + kShowLinks +
+         "WHERE ((MODIFICATION_TIME > TIMESTAMP(RefTime) or CHANGE_TIME > TIMESTAMP(RefTime)) and not "
+         "REGEX(MISC_ATTRIBUTES, '[o]'))\nRULE 'B' LIST 'unmodified' DIRECTORIES_PLUS " + kShowLinks +
+         "WHERE (MODIFICATION_TIME <= TIMESTAMP(RefTime) and CHANGE_TIME <= TIMESTAMP(RefTime) and not "
+         "REGEX(MISC_ATTRIBUTES, '[o]'))"},
+    {"PolicyTrueUpCtimeOffline", [] { return Policy(false, true, false, true, true); },
+     kDefines + "RULE 'A' LIST 'modified' DIRECTORIES_PLUS " + kShowAll +
+         "WHERE ((CHANGE_TIME > TIMESTAMP(RefTime)) and not REGEX(MISC_ATTRIBUTES, '[o]'))\n"
+         "RULE 'B' LIST 'unmodified' DIRECTORIES_PLUS " + kShowAll +
+         "WHERE ((CHANGE_TIME <= TIMESTAMP(RefTime)) and not REGEX(MISC_ATTRIBUTES, '[o]'))"},
+    {"PolicyNoTime", [] { return Policy(true, true, false, false, true); }, "error"},
+    {"ScriptLine",
+     [] {
+       return CGpfsPolicy::BuildScriptLine("/usr/lpp/mmfs/bin/", "/gpfs/fs1/dir", "/jr/GpfsMmPolicy_7", 1700000000,
+                                           "/jr/GpfsCollect_7.zrf.stderr", "/tmp", "/jr/GpfsCollect_7.zrf.stdout");
+     },
+     "/usr/lpp/mmfs/bin/mmapplypolicy \"/gpfs/fs1/dir/\" -L 2 -P /jr/GpfsMmPolicy_7 -I test -M RefTime=1700000000 "
+     "2>/jr/GpfsCollect_7.zrf.stderr -s /tmp > /jr/GpfsCollect_7.zrf.stdout"},
+    {"ClusterState", [] { return CGpfsPolicy::ClusterStateCommand("/usr/lpp/mmfs/bin/"); },
+     "/usr/lpp/mmfs/bin/mmgetstate -s | awk '{ if( NF == 3 && ( $NF ~ /active/ || $NF ~ /arbitrating/ || $NF ~ "
+     "/down/ || $NF ~ /unknown/ ) ) print $3; if( $0 ~ /^Quorum/ ) { if( $0 ~ /Quorum achieved/) print \"active\"; "
+     "else print \"inactive\";} }' | tr '\\n' ':'"},
+};
+
+class GpfsTextTest : public ::testing::TestWithParam<STextCase> {};
+TEST_P(GpfsTextTest, IsExact) { EXPECT_EQ(GetParam().make(), GetParam().strExpected); }
+INSTANTIATE_TEST_SUITE_P(Gpfs, GpfsTextTest, ::testing::ValuesIn(kTextCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- collect records: what the enumerator makes of each, and what it refuses ----
+
+struct SRecordCase {
+  const char* szName;
+  int iColumns;  // 0 base, 1 hard links, 2 true-up
+  std::vector<std::string> lstLines;
+  // "path|mode|size|links|inode|ctime|atime|mtime|blocks|device" per item; "EINVAL" ends the listing
+  std::vector<std::string> lstExpected;
+};
+
+const SRecordCase kRecordCases[] = {
+    {"BaseColumnsFolderGetsReferenceTimePlusOne", 0,
+     {"WEIGHT(INF) LIST 'MODIFIED' /r/d SHOW(d:0:2)", "WEIGHT(INF) LIST 'UNMODIFIED' /r/f SHOW(-:1025:1)"},
+     {"/src/d|40000|0|2|0|1001|0|1001|0|77", "/src/f|100000|1025|1|0|0|0|0|3|77"}},
+    {"HardLinkColumns", 1, {"WEIGHT(INF) LIST 'MODIFIED' /r/a SHOW(-:10:2:4711:1500)"},
+     {"/src/a|100000|10|2|4711|1500|0|0|0|77"}},
+    {"AllTimeColumns", 2, {"Weight(Inf) List 'Unmodified' /r/b SHOW(l:5:1:9:1501:1502:1503)"},
+     {"/src/b|120000|5|1|9|1501|1502|1503|1|77"}},
+    {"NewlineMarkerAndShowInName", 0, {"WEIGHT(INF) LIST 'MODIFIED' /r/a%ZRnewLine% SHOW(x SHOW(-:1:1)"},
+     {"/src/a\n SHOW(x|100000|1|1|0|0|0|0|0|77"}},
+    {"NameWithoutSlashIsSkipped", 0,
+     {"WEIGHT(INF) LIST 'MODIFIED' name SHOW(-:1:1)", "WEIGHT(INF) LIST 'MODIFIED' /r/n SHOW(-:2:1)"},
+     {"/src/n|100000|2|1|0|0|0|0|0|77"}},
+    {"NoListPrefix", 0, {"WEIGHT(INF) LIST 'OTHER' /r/a SHOW(-:1:1)"}, {"EINVAL"}},
+    {"TruncatedRecord", 0, {"WEIGHT(INF) LIST 'MODIFIED' /r/a SHOW(-:1"}, {"EINVAL"}},
+    {"TooFewValues", 1, {"WEIGHT(INF) LIST 'MODIFIED' /r/a SHOW(-:1:1)"}, {"EINVAL"}},
+    {"NotANumber", 0, {"WEIGHT(INF) LIST 'MODIFIED' /r/a SHOW(-:x1:1)"}, {"EINVAL"}},
+    {"NotUtf8", 0, {"WEIGHT(INF) LIST 'MODIFIED' /r/ok SHOW(-:1:1)", "WEIGHT(INF) LIST 'MODIFIED' /r/\xff\xfe SHOW(-:1:1)"},
+     {"/src/ok|100000|1|1|0|0|0|0|0|77", "EINVAL"}},
+};
+
+class GpfsRecordTest : public ::testing::TestWithParam<SRecordCase> {};
+
+TEST_P(GpfsRecordTest, ItemsFromRecords) {
+  const SRecordCase& c = GetParam();
+  CLogCapture log;
+  CTempTree tree;
+  std::string strText;
+  for (const std::string& strLine : c.lstLines) strText += strLine + "\n";
+  const std::string strCollect = tree.MakeFile("collect.zrf", strText);
+  uint64_t ullDevice = 77, ullReference = 1000;
+  CGpfsPathEnumerator enumerator(strCollect, ullDevice, ullReference, "/r/", "/src", c.iColumns == 1, false,
+                                 c.iColumns == 2);
+  CItemPtr pRoot;
+  ASSERT_TRUE(enumerator.GetItemByPath(tree.Root(), tree.Root(), pRoot).IsSuccess());
+  std::vector<std::string> lstSeen;
+  CItemPtr pItem;
+  CQiError error = enumerator.FindFirst("/r/", pRoot, pItem);
+  for (; error.IsSuccess(); error = enumerator.FindNext(pItem)) {
+    const auto* pFound = dynamic_cast<CFindFirstItem*>(pItem.get());
+    ASSERT_NE(pFound, nullptr);
+    const struct stat& st = pFound->GetFindFirstRawData();
+    lstSeen.push_back(FXString::Format("%s|%o|%lld|%llu|%llu|%lld|%lld|%lld|%lld|%llu",
+                                       pItem->GetSourceFullyQualifiedItemName().c_str(), st.st_mode,
+                                       static_cast<long long>(st.st_size), static_cast<unsigned long long>(st.st_nlink),
+                                       static_cast<unsigned long long>(st.st_ino), static_cast<long long>(st.st_ctime),
+                                       static_cast<long long>(st.st_atime), static_cast<long long>(st.st_mtime),
+                                       static_cast<long long>(st.st_blocks), static_cast<unsigned long long>(st.st_dev)));
+  }
+  if (error.IsErrNo(EINVAL)) {
+    lstSeen.push_back("EINVAL");
+    EXPECT_EQ(log->CountContaining("Invalid entry " + FXString::EscapeControl(c.lstLines.back()) + " in " + strCollect), 1u);
+    EXPECT_TRUE(enumerator.GetCollectError().IsErrNo(EINVAL));
+  } else {
+    EXPECT_TRUE(error.IsWin32(18)) << error.AsString();
+  }
+  EXPECT_EQ(lstSeen, c.lstExpected);
+  // Any other folder lists nothing: every record came with the scan path.
+  EXPECT_TRUE(enumerator.FindFirst("/r/d/", pRoot, pItem).IsWin32(18));
+}
+
+INSTANTIATE_TEST_SUITE_P(Gpfs, GpfsRecordTest, ::testing::ValuesIn(kRecordCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+}  // namespace
