@@ -9,6 +9,7 @@
 #include "Scan/FindFirstScanEngine.h"
 #include "Scan/OnDemandScanEngine.h"
 #include "Scan/TraverseScanEngine.h"
+#include "Scan/Unix/GpfsScanEngine.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ const std::vector<SEngineEntry>& Entries() {
       {"fast", [] { return std::make_shared<CFastFindFirstScanEngine>(); }},
       {"traverse", [] { return std::make_shared<CTraverseScanEngine>(); }},
       {"ondemand", [] { return std::make_shared<COnDemandScanEngine>(); }},
+      {"gpfs", [] { return std::make_shared<CGpfsScanEngine>(); }},
   };
   return s_lstEntries;
 }

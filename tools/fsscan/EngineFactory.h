@@ -4,6 +4,7 @@
 //   fast       CFastFindFirstScanEngine  ("MaxWorkers" traversal workers per work unit)
 //   traverse   CTraverseScanEngine       ("MaxWorkers" traversal workers per work unit)
 //   ondemand   COnDemandScanEngine       (each scan path names a file listing the paths to scan)
+//   gpfs       CGpfsScanEngine           (GPFS policy scan; refuses volumes that are not GPFS)
 //
 // ParseList turns the text of --engines into the checked list of names; MakeEngines builds a new
 // engine object for every name on every call, since each scanner thread of the arbiter needs

@@ -58,12 +58,19 @@
 //     takes only the filter paths that concern its scan paths, so --exclude/--exception take
 //     patterns here (a path starting with '/' is a usage error) and --content-exception is
 //     refused.
+//   - the gpfs engine (--engines gpfs,findfirst) asks GPFS's policy engine for the listing; on a
+//     volume that is not GPFS it refuses the unit and the next engine scans. fsscan passes it
+//     the job results folder (--job-results, default $TMPDIR or /tmp), the reference time
+//     (--since, default 0: everything counts as modified) and both time tests. The test option
+//     --test-gpfs-volume DIR declares the file system holding DIR to be GPFS (device "gpfs0")
+//     so that tests run the engine against fake GPFS tools ("sGpfsBin" in the settings file).
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -90,6 +97,7 @@
 #include "Scan/FindFirstItem.h"
 #include "Scan/ScannerConfigurationBagId.h"
 #include "ProgressLine.h"
+#include "TestGpfsPlatform.h"
 
 namespace {
 
@@ -119,6 +127,9 @@ struct SOptions {
   bool bScannersGiven = false;
   bool bFromFile = false;        // --from-file: the on-demand engine on this content file
   std::string strFromFile;
+  std::string strJobResults;      // --job-results: the gpfs engine's job results folder
+  unsigned long long ullSince = 0;  // --since: the gpfs engine's reference time
+  std::string strTestGpfsVolume;  // --test-gpfs-volume (test option)
   ItemSet setExcludes;
   ItemSet setExceptions;
   ItemSet setContentExceptions;
@@ -161,6 +172,12 @@ const char kUsage[] =
     "                               is read once); an object listed twice, or below a listed\n"
     "                               folder, is reported once; a FILE that cannot be read is a\n"
     "                               set-up error (exit 2)\n"
+    "      --job-results DIR        the gpfs engine's job folder for its policy, script and\n"
+    "                               collect files (default $TMPDIR or /tmp)\n"
+    "      --since SECONDS          the gpfs engine's reference time: objects changed after it\n"
+    "                               are listed as modified (default 0)\n"
+    "      --test-gpfs-volume DIR   test option: treat the file system holding DIR as a GPFS\n"
+    "                               volume (device gpfs0) so that fake GPFS tools can serve it\n"
     "  -l, --log FILE               write the library's log to FILE ('-' for stderr)\n"
     "  -L, --log-level N            log level, -1 to 7 (default 1; alone: log to stderr)\n"
     "  -h, --help                   show this help\n"
@@ -214,7 +231,8 @@ ItemSet AnchorRelativePaths(const ItemSet& setItems, bool bPatterns) {
 
 // 0 to go on, kExitUsage on a usage error, -1 when the help was printed.
 int ParseOptions(int argc, char** argv, SOptions& options) {
-  enum { kOptTopLevel = 256, kOptEngines, kOptTraverse, kOptScanners, kOptFromFile };
+  enum { kOptTopLevel = 256, kOptEngines, kOptTraverse, kOptScanners, kOptFromFile, kOptJobResults, kOptSince,
+         kOptTestGpfsVolume };
   static const struct option kLongOptions[] = {
       {"output", required_argument, nullptr, 'o'},   {"print0", no_argument, nullptr, '0'},
       {"top-level", no_argument, nullptr, kOptTopLevel}, {"failures", required_argument, nullptr, 'f'},
@@ -223,6 +241,8 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
       {"log", required_argument, nullptr, 'l'},      {"log-level", required_argument, nullptr, 'L'},
       {"engines", required_argument, nullptr, kOptEngines}, {"traverse", no_argument, nullptr, kOptTraverse},
       {"scanners", required_argument, nullptr, kOptScanners}, {"from-file", required_argument, nullptr, kOptFromFile},
+      {"job-results", required_argument, nullptr, kOptJobResults}, {"since", required_argument, nullptr, kOptSince},
+      {"test-gpfs-volume", required_argument, nullptr, kOptTestGpfsVolume},
       {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
   int iOption;
   while ((iOption = getopt_long(argc, argv, "o:0f:x:e:c:w:l:L:h", kLongOptions, nullptr)) != -1) {
@@ -272,6 +292,14 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
         options.strFromFile = optarg;
         options.bFromFile = true;
         break;
+      case kOptJobResults: options.strJobResults = optarg; break;
+      case kOptSince:
+        if (FXString::ToUInt64(optarg, options.ullSince).IsError()) {
+          fprintf(stderr, "fsscan: --since wants a number of seconds since 1970, not '%s'\n", optarg);
+          return kExitUsage;
+        }
+        break;
+      case kOptTestGpfsVolume: options.strTestGpfsVolume = optarg; break;
       case 'h': printf(kUsage, CEngineFactory::GetNamesText().c_str()); return -1;
       default: fputs("Try 'fsscan --help' for more information.\n", stderr); return kExitUsage;
     }
@@ -446,6 +474,25 @@ int main(int argc, char** argv) {
   auto pBag = std::make_shared<CBag>();
   if (options.bTopLevel) (void)pBag->Write(SXScannerConfigurationBagId::idProcessTopLevelContent, true);
   if (options.iWorkers > 1 || options.bEnginesGiven) (void)pBag->Write(kEnableFolderLevelMultithread, true);
+  if (std::find(options.lstEngines.begin(), options.lstEngines.end(), "gpfs") != options.lstEngines.end()) {
+    if (!options.strTestGpfsVolume.empty()) {
+      auto pPlatform = std::make_shared<CTestGpfsPlatform>();
+      if (!pPlatform->SetVolume(MakeAbsolute(options.strTestGpfsVolume))) {
+        fprintf(stderr, "fsscan: --test-gpfs-volume: cannot read '%s': %m\n", options.strTestGpfsVolume.c_str());
+        return kExitUsage;
+      }
+      CGpfsPlatform::SetCurrent(pPlatform);
+    }
+    const char* szTemp = getenv("TMPDIR");
+    const std::string strJobResults = !options.strJobResults.empty() ? MakeAbsolute(options.strJobResults)
+                                      : szTemp != nullptr && *szTemp != '\0' ? std::string(szTemp)
+                                                                              : std::string("/tmp");
+    (void)pBag->Write("RegKey:GpfsScan", true);
+    (void)pBag->Write("JO:MTIME", true);
+    (void)pBag->Write("JO:CTIME", true);
+    (void)pBag->Write(SXScannerConfigurationBagId::idJobResultsDirectory, strJobResults);
+    (void)pBag->Write(SXScannerConfigurationBagId::idReferenceTime, options.ullSince);
+  }
   (void)pCallback->SetScannerConfigurationBag(pBag);
 
   const auto tStart = std::chrono::steady_clock::now();
