@@ -36,6 +36,15 @@ bool IsUtf8(std::string_view text) {
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   const auto* const pEnd = p + text.size();
   while (p < pEnd) {
+    // Eight ASCII bytes at a time, the common case of file names.
+    if (pEnd - p >= 8) {
+      uint64_t word;
+      memcpy(&word, p, 8);
+      if ((word & 0x8080808080808080ULL) == 0) {
+        p += 8;
+        continue;
+      }
+    }
     const unsigned c = *p;
     if (c < 0x80) {
       ++p;
@@ -64,24 +73,23 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
-// A whole field as a number; false for an empty field or trailing bytes.
+// A whole field as a decimal number (a '-' first for signed types); false for an empty field,
+// any other byte or more digits than fit.
 template <typename T>
 bool ParseNumber(std::string_view field, T& value) {
-  if (field.empty() || field.size() > 24) return false;
-  char buffer[32];
-  memcpy(buffer, field.data(), field.size());
-  buffer[field.size()] = '\0';
-  char* pEnd = nullptr;
-  errno = 0;
-  if constexpr (std::is_signed_v<T>) {
-    const long long llValue = strtoll(buffer, &pEnd, 10);
-    value = static_cast<T>(llValue);
-  } else {
-    if (buffer[0] == '-') return false;
-    const unsigned long long ullValue = strtoull(buffer, &pEnd, 10);
-    value = static_cast<T>(ullValue);
+  bool bNegative = false;
+  if (std::is_signed_v<T> && !field.empty() && field.front() == '-') {
+    bNegative = true;
+    field.remove_prefix(1);
   }
-  return errno == 0 && pEnd == buffer + field.size();
+  if (field.empty() || field.size() > 18) return false;
+  uint64_t ullValue = 0;
+  for (const char c : field) {
+    if (c < '0' || c > '9') return false;
+    ullValue = ullValue * 10 + static_cast<uint64_t>(c - '0');
+  }
+  value = bNegative ? static_cast<T>(-static_cast<int64_t>(ullValue)) : static_cast<T>(ullValue);
+  return true;
 }
 
 // Takes the field after the last ':' of `values` (the whole rest when there is none left).
@@ -166,20 +174,19 @@ CQiError CGpfsPathEnumerator::FindNext(CItemPtr& pItem) {
   struct stat st {};
   bool bModified = false;
   QI_RETURN_IF_ERROR(ReadNextCollectEntry(st, m_strPath, bModified));
+  const FXFile::CFileData data(m_strPath, FXFile::CFileData::kModeFullPath, &st);
   // The source path: the source scan path in place of the local one.
-  std::string strSourcePath;
   if (m_strLocalScanPath != m_strSourceScanPath &&
       FXPath::IsAncestorOf(m_strLocalScanPath, m_strPath, true)) {
-    strSourcePath = m_strSourceScanPath;
+    std::string strSourcePath = m_strSourceScanPath;
     strSourcePath.append(m_strPath, m_strLocalScanPath == "/" ? 0 : m_strLocalScanPath.size());
-  } else {
-    strSourcePath = m_strPath;
+    if (ZRLOG_ON(2))
+      ZRLOG(2, "itemPath %s, strSourcePath %s", Esc(m_strPath).c_str(), Esc(strSourcePath).c_str());
+    pItem = std::make_shared<CFindFirstItem>(m_pBag, m_strPath, strSourcePath, data);
+    return CQiError();
   }
-  if (ZRLOG_ON(2))
-    ZRLOG(2, "itemPath %s, strSourcePath %s", Esc(m_strPath).c_str(), Esc(strSourcePath).c_str());
-  pItem = std::make_shared<CFindFirstItem>(
-      m_pBag, m_strPath, strSourcePath,
-      FXFile::CFileData(m_strPath, FXFile::CFileData::kModeFullPath, &st));
+  if (ZRLOG_ON(2)) ZRLOG(2, "itemPath %s, strSourcePath %s", Esc(m_strPath).c_str(), Esc(m_strPath).c_str());
+  pItem = std::make_shared<CFindFirstItem>(m_pBag, m_strPath, data);
   return CQiError();
 }
 
@@ -219,11 +226,14 @@ CQiError CGpfsPathEnumerator::ReadNextCollectEntry(struct stat& st, std::string&
 bool CGpfsPathEnumerator::ParseCollectEntry(const std::string& strLine, struct stat& st,
                                             std::string& strPath, bool& bModified) const {
   std::string_view line(strLine);
+  // "WEIGHT(INF) LIST '" is common to both prefixes; the next letter tells them apart.
+  constexpr size_t uCommon = 18;
   size_t uPrefix;
-  if (StartsWithNoCase(line, kUnmodifiedPrefix)) {
+  if (!StartsWithNoCase(line, std::string_view(kModifiedPrefix, uCommon))) return false;
+  if (StartsWithNoCase(line.substr(uCommon), kUnmodifiedPrefix + uCommon)) {
     bModified = false;
     uPrefix = strlen(kUnmodifiedPrefix);
-  } else if (StartsWithNoCase(line, kModifiedPrefix)) {
+  } else if (StartsWithNoCase(line.substr(uCommon), kModifiedPrefix + uCommon)) {
     bModified = true;
     uPrefix = strlen(kModifiedPrefix);
   } else {
