@@ -76,38 +76,6 @@ class CEventRecorder : public ISendEventInterface {
   std::vector<std::string> m_vEvents;
 };
 
-// Records "<type> <size> <mtime> <path>" of each item.
-class CLineHandler : public COutputHandler {
- public:
-  CQiError OnItem(CItemPtr pItem) override {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    const char cType = pItem->IsReparsePoint() ? 'l' : pItem->IsFolder() ? 'd' : 'f';
-    m_vLines.push_back(FXString::Format("%c %llu %lld ", cType, static_cast<unsigned long long>(pItem->GetFileSize()),
-                                        static_cast<long long>(pItem->GetLastWriteTime().GetSeconds())) +
-                       pItem->GetSourceFullyQualifiedItemName());
-    return CQiError();
-  }
-  std::vector<std::string> Sorted() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<std::string> v = m_vLines;
-    std::sort(v.begin(), v.end());
-    return v;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_vLines;
-};
-
-class CGpfsCallback : public CTestCallback {
- public:
-  CQiError GetOutputHandler(const std::string&, COutputHandlerPtr& pHandler) override {
-    pHandler = m_pLines;
-    return CQiError();
-  }
-  std::shared_ptr<CLineHandler> m_pLines = std::make_shared<CLineHandler>();
-};
-
 // A policy output in the collect layout: progress, a path split by its newline, statistics.
 std::string PolicyOutput(const std::string& r) {
   return "[I] GPFS Current Data Pool Utilization in KB and %\n"
@@ -124,9 +92,16 @@ std::string PolicyOutput(const std::string& r) {
          "[I] A total of 5 files have been inspected.\n";
 }
 
-std::vector<std::string> ExpectedItems(const std::string& r) {
-  return {"d 4096 1001 " + r, "d 4096 1001 " + r + "/dir", "f 100 0 " + r + "/old.txt",
-          "f 7 0 " + r + "/dir/new\nline.txt", "l 9 0 " + r + "/link"};
+// What the handler must get (sorted by path), as bytes.
+std::vector<SRecord> ExpectedItems(const std::string& r) {
+  return {{r, 4096, S_IFDIR}, {r + "/dir", 4096, S_IFDIR}, {r + "/dir/new\nline.txt", 7, S_IFREG},
+          {r + "/link", 9, S_IFLNK}, {r + "/old.txt", 100, S_IFREG}};
+}
+
+std::vector<SRecord> Delivered(const CTestCallback& callback) {
+  std::vector<SRecord> records = callback.m_pHandler->Records();
+  std::sort(records.begin(), records.end());
+  return records;
 }
 
 class GpfsFixture {
@@ -177,7 +152,7 @@ class GpfsFixture {
   std::string m_strRoot, m_strBin, m_strJob, m_strOldPath;
   std::shared_ptr<CFakePlatform> m_pPlatform;
   std::shared_ptr<CEventRecorder> m_pEvents;
-  std::shared_ptr<CGpfsCallback> m_pCallback = std::make_shared<CGpfsCallback>();
+  std::shared_ptr<CTestCallback> m_pCallback = std::make_shared<CTestCallback>();
 };
 
 // True when the process still runs 5 s later: a SIGKILL sent takes a moment to end a process
@@ -207,52 +182,32 @@ struct SRunCase {
   const char* szLog;   // a message that must be logged (%R the volume, %J the job folder)
 };
 
-SFakeGpfs Fake(int iExit, const char* szStderr = "", const char* szSuspendWrite = "exit 0", bool bUsage = true) {
-  SFakeGpfs fake;
-  fake.iPolicyExit = iExit;
-  fake.strPolicyStderr = szStderr;
-  fake.strSuspendWrite = szSuspendWrite;
-  fake.bUsageHasSuspendWrite = bUsage;
-  return fake;
-}
-
 const char kEnoent[] = "[E] Error on gpfs_iopen([/vol/gone],1234): No such file or directory\n"
                        "[E] Summary of errors:: _dirscan failed: 1 errors.\n";
 const char kFatal[] = "[E] Error on gpfs_iopen([/vol/x],99): Permission denied\n";
-SFakeGpfs Down() {
-  SFakeGpfs fake;
-  fake.strState = "down";
-  return fake;
-}
-SFakeGpfs NoTool() {
-  SFakeGpfs fake;
-  fake.bWithPolicyTool = false;
-  return fake;
-}
-
 const SRunCase kRunCases[] = {
-    {"Success", Fake(0), "", false, 0, 1, {}, false, "'%J/GpfsCollect_id1.zrf' sorted."},
-    {"Exit2OnlyEnoent", Fake(2, kEnoent), "", false, 0, 1, {}, false, "Parsing %J/GpfsCollect_id1.zrf.stderr to validate gpfs error"},
-    {"Exit2ParsingDisabled", Fake(2, kFatal), "nDisableParseGpfsScanErrors=1\n", false, 0, 1, {}, false,
+    {"Success", SFakeGpfs{}, "", false, 0, 1, {}, false, "'%J/GpfsCollect_id1.zrf' sorted."},
+    {"Exit2OnlyEnoent", SFakeGpfs{.strPolicyStderr = kEnoent, .iPolicyExit = 2}, "", false, 0, 1, {}, false, "Parsing %J/GpfsCollect_id1.zrf.stderr to validate gpfs error"},
+    {"Exit2ParsingDisabled", SFakeGpfs{.strPolicyStderr = kFatal, .iPolicyExit = 2}, "nDisableParseGpfsScanErrors=1\n", false, 0, 1, {}, false,
      "mmapplypolicy command failed with return code 2"},
-    {"Exit2OtherError", Fake(2, kFatal), "", false, 1627, 1, {"0x11000077"}, false,
+    {"Exit2OtherError", SFakeGpfs{.strPolicyStderr = kFatal, .iPolicyExit = 2}, "", false, 1627, 1, {"0x11000077"}, false,
      "Found a fatal error. Do not use mmapplypolicy output. Line: '[E] Error on gpfs_iopen([/vol/x],99): Permission denied'"},
-    {"Exit1RunsThreeTimes", Fake(1), "", false, 1627, 3, {"0x11000077"}, false,
+    {"Exit1RunsThreeTimes", SFakeGpfs{.iPolicyExit = 1}, "", false, 1627, 3, {"0x11000077"}, false,
      "Gpfs scan will be retried again. Num Retries left: 1."},
-    {"Exit1OneAttempt", Fake(1), "nGpfsScanNumRetry=1\n", false, 1627, 1, {"0x11000077"}, false,
+    {"Exit1OneAttempt", SFakeGpfs{.iPolicyExit = 1}, "nGpfsScanNumRetry=1\n", false, 1627, 1, {"0x11000077"}, false,
      "mmapplypolicy command failed. GPFS scan will not be performed. error 1"},
-    {"Exit1FailsTheJob", Fake(1), "nGpfsScanNumRetry=1\nnGpfsFailOnScanError=1\n", false, 995, 1, {"0x11000079"}, true,
+    {"Exit1FailsTheJob", SFakeGpfs{.iPolicyExit = 1}, "nGpfsScanNumRetry=1\nnGpfsFailOnScanError=1\n", false, 995, 1, {"0x11000079"}, true,
      "GpfsScan error will be considered fatal and job will be failed."},
-    {"ClusterDown", Down(), "", false, -1, 0, {}, false, "Current status 'down:active:'."},
-    {"SuspendHangs", Fake(0, "", "exec sleep 30"), "nGpfsTimeout=1\n", false, 1627, 0, {}, false,
+    {"ClusterDown", SFakeGpfs{.strState = "down"}, "", false, -1, 0, {}, false, "Current status 'down:active:'."},
+    {"SuspendHangs", SFakeGpfs{.strSuspendWrite = "exec sleep 30"}, "nGpfsTimeout=1\n", false, 1627, 0, {}, false,
      "taking more time than 1 seconds. Reverting back to default scan"},
-    {"SuspendWriteUnsupported", Fake(0, "", "exit 1", false), "", false, 0, 1, {}, false,
+    {"SuspendWriteUnsupported", SFakeGpfs{.strSuspendWrite = "exit 1", .bUsageHasSuspendWrite = false}, "", false, 0, 1, {}, false,
      "mmfsctl suspend-write is not supported."},
-    {"RemoteDevice", Fake(0, "", "exit 1"), "", true, 1627, 0, {"0x1100009A\"gpfs0\""}, false,
+    {"RemoteDevice", SFakeGpfs{.strSuspendWrite = "exit 1"}, "", true, 1627, 0, {"0x1100009A\"gpfs0\""}, false,
      "gpfs0 is a gpfs device mounted from a remote cluster. GPFS optimized scan cannot be used"},
-    {"RemoteDeviceFailsTheJob", Fake(0, "", "exit 1"), "nGpfsFailOnScanError=1\n", true, 995, 0,
+    {"RemoteDeviceFailsTheJob", SFakeGpfs{.strSuspendWrite = "exit 1"}, "nGpfsFailOnScanError=1\n", true, 995, 0,
      {"0x1100009A\"gpfs0\""}, true, "gpfs0 is a gpfs device mounted from a remote cluster. GPFS optimized scan cannot be used"},
-    {"NoPolicyTool", NoTool(), "", false, 995, 0, {}, false,
+    {"NoPolicyTool", SFakeGpfs{.bWithPolicyTool = false}, "", false, 995, 0, {}, false,
      "Unable to locate GPFS binary path at %B/. Please set correct location of GPFS binary path in registry key "
      "'sGpfsBin' in in Additional Settings of GUI and resume the job."},
 };
@@ -277,10 +232,10 @@ TEST_P(GpfsRunTest, OutcomeItemsAndEvents) {
   CQiError error = f.Run(c.szSettings);
   if (c.iResult == 0) {
     EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-    EXPECT_EQ(f.m_pCallback->m_pLines->Sorted(), [&] { auto v = ExpectedItems(f.m_strRoot); std::sort(v.begin(), v.end()); return v; }());
+    EXPECT_EQ(Delivered(*f.m_pCallback), ExpectedItems(f.m_strRoot));
   } else {
     EXPECT_TRUE(c.iResult < 0 ? error.IsErrNo(EINVAL) : error.IsWin32(c.iResult)) << error.AsString();
-    EXPECT_TRUE(f.m_pCallback->m_pLines->Sorted().empty());
+    EXPECT_TRUE(Delivered(*f.m_pCallback).empty());
   }
   EXPECT_EQ(f.Runs(), c.nRuns);
   EXPECT_EQ(f.m_pEvents->Events(), c.lstEvents);
@@ -318,6 +273,11 @@ const SBadCase kBadCases[] = {
        fake.strPolicyStdout = "WEIGHT(INF) LIST 'MODIFIED' " + f.m_strRoot + "/cut";
      },
      -1, "Invalid entry WEIGHT(INF) LIST 'MODIFIED' %R/cut%ZRnewLine% in %J/GpfsCollect_id1.zrf", {}},
+    {"NotAGpfsVolume",
+     [](GpfsFixture& f, SFakeGpfs&) {
+       CGpfsPlatform::SetCurrent(std::make_shared<CFakePlatform>(f.m_tree.Path("other"), f.m_tree.Path("work")));
+     },
+     -1, "", {}},
     {"NoCollectRecordAtAll", [](GpfsFixture&, SFakeGpfs& fake) { fake.strPolicyStdout = "[I] nothing\n"; }, 0,
      "'%J/GpfsCollect_id1.zrf' sorted.", {}},
 };
@@ -338,24 +298,13 @@ TEST_P(GpfsBadInputTest, FailsWithItsMessage) {
   } else {
     EXPECT_TRUE(c.iResult < 0 ? error.IsErrNo(EINVAL) : error.IsWin32(c.iResult)) << error.AsString();
   }
-  EXPECT_TRUE(f.m_pCallback->m_pLines->Sorted().empty());
+  EXPECT_TRUE(Delivered(*f.m_pCallback).empty());
   EXPECT_GE(log->CountContaining(Expand(c.szLog, f)), 1u) << Expand(c.szLog, f);
   EXPECT_EQ(f.m_pEvents->Events(), c.lstEvents);
 }
 
 INSTANTIATE_TEST_SUITE_P(Gpfs, GpfsBadInputTest, ::testing::ValuesIn(kBadCases),
                          [](const auto& info) { return std::string(info.param.szName); });
-
-TEST(GpfsVolumeTest, AVolumeThatIsNotGpfsIsRefused) {
-  GpfsFixture f;
-  WriteFakeGpfsTools(f.m_strBin, SFakeGpfs());
-  f.m_pPlatform = std::make_shared<CFakePlatform>(f.m_tree.Path("elsewhere"), f.m_tree.Path("work"));
-  CGpfsPlatform::SetCurrent(f.m_pPlatform);
-  CQiError error = f.Run();
-  EXPECT_TRUE(error.IsErrNo(EINVAL)) << error.AsString();
-  EXPECT_NE(error.AsString().find("Not a Gpfs volume"), std::string::npos);
-  EXPECT_EQ(ReadFileText(f.m_strBin + "/mmfsctl.calls"), "");
-}
 
 // ---- abort: the whole child tree goes, also when it ignores SIGTERM ----
 
@@ -389,7 +338,7 @@ TEST_P(GpfsAbortTest, KillsEveryChild) {
   EXPECT_TRUE(error.IsWin32(995)) << error.AsString();
   EXPECT_FALSE(IsRunning(f.m_strBin + "/" + strTool + ".pid"));
   EXPECT_FALSE(IsRunning(strChild));
-  EXPECT_TRUE(f.m_pCallback->m_pLines->Sorted().empty());
+  EXPECT_TRUE(Delivered(*f.m_pCallback).empty());
 }
 
 const SAbortCase kAbortCases[] = {
@@ -419,9 +368,7 @@ TEST(GpfsQuotingTest, MetacharactersInPathsRunNothing) {
                                   "/GpfsMmPolicy_id1" + '\0' + "-I" + '\0' + "test" + '\0' + "-M" + '\0' +
                                   "RefTime=1000" + '\0' + "-s" + '\0' + f.m_tree.Path("work") + '\0';
   EXPECT_EQ(strArgs, strExpected);
-  std::vector<std::string> expected = ExpectedItems(f.m_strRoot);
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(f.m_pCallback->m_pLines->Sorted(), expected);
+  EXPECT_EQ(Delivered(*f.m_pCallback), ExpectedItems(f.m_strRoot));
   struct stat st {};
   EXPECT_NE(stat((std::string(szCwd) + "/PWNED").c_str(), &st), 0);
   EXPECT_NE(stat(f.m_tree.Path("PWNED").c_str(), &st), 0);
@@ -481,10 +428,6 @@ const STextCase kTextCases[] = {
      },
      "/usr/lpp/mmfs/bin/mmapplypolicy \"/gpfs/fs1/dir/\" -L 2 -P /jr/GpfsMmPolicy_7 -I test -M RefTime=1700000000 "
      "2>/jr/GpfsCollect_7.zrf.stderr -s /tmp > /jr/GpfsCollect_7.zrf.stdout"},
-    {"ClusterState", [] { return CGpfsPolicy::ClusterStateCommand("/usr/lpp/mmfs/bin/"); },
-     "/usr/lpp/mmfs/bin/mmgetstate -s | awk '{ if( NF == 3 && ( $NF ~ /active/ || $NF ~ /arbitrating/ || $NF ~ "
-     "/down/ || $NF ~ /unknown/ ) ) print $3; if( $0 ~ /^Quorum/ ) { if( $0 ~ /Quorum achieved/) print \"active\"; "
-     "else print \"inactive\";} }' | tr '\\n' ':'"},
 };
 
 class GpfsTextTest : public ::testing::TestWithParam<STextCase> {};

@@ -16,10 +16,10 @@
 #include "Support/FileText.h"
 
 struct SFakeGpfs {
-  std::string strPolicyStdout;          // what mmapplypolicy prints on stdout
-  std::string strPolicyStderr;          // and on stderr
+  std::string strPolicyStdout{};        // what mmapplypolicy prints on stdout
+  std::string strPolicyStderr{};        // and on stderr
   int iPolicyExit = 0;
-  std::string strPolicyBody;            // shell run after printing, before exiting
+  std::string strPolicyBody{};          // shell run after printing, before exiting
   std::string strState = "active";      // node state shown by mmgetstate
   bool bQuorum = true;
   std::string strSuspendWrite = "exit 0";  // shell run for "mmfsctl DEV suspend-write"
