@@ -636,6 +636,9 @@ CQiError CWorkUnitManager::OnFailedContent(const std::string& strLocalPath, cons
 CQiError CWorkUnitManager::ExamineWorkUnits() {
   for (const auto& [strKey, pWorkUnit] : m_mapWorkUnits) {
     if (!pWorkUnit) continue;
+    // Hadoop and raw-device units are named, not mounted: their scan paths do not lie below
+    // their volume name, and the engine of the unit decides what there is to scan.
+    if (!FXPath::IsAbsolute(pWorkUnit->GetSourceVolumeName())) continue;
     if (!pWorkUnit->IsMatchPossibleInFolder(pWorkUnit->GetSourceVolumeName())) {
       ZRLOG(1, "Volume has no content to scan, marking work unit as completed, SourceVolumeName=%s",
             pWorkUnit->GetSourceVolumeName().c_str());

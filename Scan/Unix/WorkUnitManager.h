@@ -123,7 +123,8 @@ class CWorkUnitManager {
                                   bool bReportFailedContent);
   virtual CQiError AssignWorkUnit(const std::string& strSourcePath, const std::string& strLocalPath,
                                   const FVBasePtr& pContext, bool bReportFailedContent);
-  // Marks units whose scan content cannot match anything in their source volume with "NC".
+  // Marks units whose scan content cannot match anything in their source volume with "NC"
+  // (not Hadoop and raw-device units, whose volume names are no paths).
   virtual CQiError ExamineWorkUnits();
   // Content given by its local path; the mapper gives the source path (87 when it cannot).
   CQiError AssignLocalWorkUnit(const std::string& strLocalPath);
