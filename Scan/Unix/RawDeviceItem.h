@@ -1,0 +1,25 @@
+// CRawDeviceItem: the item of a raw device (a disk or partition backed up whole), built from
+// the device path and its file data. Its size on disk is the device's size
+// (FXFile::CFileData::GetDeviceSize, the block device size query); when that query fails the
+// failure is logged at level -1 ("Failed to get device size of %s. Error %s") and the size of
+// the plain item (CFindFirstItem::GetFileSizeOnDisk) is reported instead. Everything else is
+// the CFindFirstItem's (so its file size is 0, as for every device node).
+//
+// The size is asked of the device on every call. Ownership and threads: as CFindFirstItem.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Scan/FindFirstItem.h"
+
+class CRawDeviceItem : public CFindFirstItem {
+ public:
+  CRawDeviceItem(CBagPtr pWorkUnitBag, const std::string& strLocalPath, const std::string& strSourcePath,
+                 const FXFile::CFileData& fileData);
+  ~CRawDeviceItem() override;
+
+  uint64_t GetFileSizeOnDisk() const override;
+};
+
+using CRawDeviceItemPtr = std::shared_ptr<CRawDeviceItem>;
