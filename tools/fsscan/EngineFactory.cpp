@@ -10,21 +10,26 @@
 #include "Scan/OnDemandScanEngine.h"
 #include "Scan/TraverseScanEngine.h"
 #include "Scan/Unix/GpfsScanEngine.h"
+#include "Scan/Unix/HadoopScanEngine.h"
+#include "Scan/Unix/RawDeviceScanEngine.h"
 
 namespace {
 
 struct SEngineEntry {
   const char* szName;
-  std::function<CScanEnginePtr()> fnMake;
+  bool bListed;  // a name the user may give; fsscan chooses the others itself
+  std::function<CScanEnginePtr(const CHadoopFSPtr&)> fnMake;
 };
 
 const std::vector<SEngineEntry>& Entries() {
   static const std::vector<SEngineEntry> s_lstEntries{
-      {"findfirst", [] { return std::make_shared<CFindFirstScanEngine>(); }},
-      {"fast", [] { return std::make_shared<CFastFindFirstScanEngine>(); }},
-      {"traverse", [] { return std::make_shared<CTraverseScanEngine>(); }},
-      {"ondemand", [] { return std::make_shared<COnDemandScanEngine>(); }},
-      {"gpfs", [] { return std::make_shared<CGpfsScanEngine>(); }},
+      {"findfirst", true, [](const CHadoopFSPtr&) { return std::make_shared<CFindFirstScanEngine>(); }},
+      {"fast", true, [](const CHadoopFSPtr&) { return std::make_shared<CFastFindFirstScanEngine>(); }},
+      {"traverse", true, [](const CHadoopFSPtr&) { return std::make_shared<CTraverseScanEngine>(); }},
+      {"ondemand", true, [](const CHadoopFSPtr&) { return std::make_shared<COnDemandScanEngine>(); }},
+      {"gpfs", true, [](const CHadoopFSPtr&) { return std::make_shared<CGpfsScanEngine>(); }},
+      {"rawdevice", false, [](const CHadoopFSPtr&) { return std::make_shared<CRawDeviceScanEngine>(); }},
+      {"hadoop", false, [](const CHadoopFSPtr& pFS) { return std::make_shared<CHadoopScanEngine>(pFS); }},
   };
   return s_lstEntries;
 }
@@ -40,7 +45,8 @@ const SEngineEntry* Find(const std::string& strName) {
 const std::vector<std::string>& CEngineFactory::GetNames() {
   static const std::vector<std::string> s_lstNames = [] {
     std::vector<std::string> lstNames;
-    for (const SEngineEntry& entry : Entries()) lstNames.emplace_back(entry.szName);
+    for (const SEngineEntry& entry : Entries())
+      if (entry.bListed) lstNames.emplace_back(entry.szName);
     return lstNames;
   }();
   return s_lstNames;
@@ -63,7 +69,7 @@ CQiError CEngineFactory::ParseList(const std::string& strList, std::vector<std::
     if (strName.empty())
       return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "the engine list '%s' has an empty name (engines: %s)",
                             FXString::EscapeControl(strList).c_str(), GetNamesText().c_str());
-    if (Find(strName) == nullptr)
+    if (Find(strName) == nullptr || !Find(strName)->bListed)
       return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "unknown engine '%s' (engines: %s)",
                             FXString::EscapeControl(strName).c_str(), GetNamesText().c_str());
     lstNames.push_back(strName);
@@ -74,14 +80,16 @@ CQiError CEngineFactory::ParseList(const std::string& strList, std::vector<std::
 }
 
 CQiError CEngineFactory::MakeEngines(const std::vector<std::string>& lstNames, const std::string& strInstance,
-                                     CScanEngineList& lstEngines) {
+                                     CScanEngineList& lstEngines, const CHadoopFSPtr& pHadoopFS) {
   lstEngines.clear();
   for (const std::string& strName : lstNames) {
     const SEngineEntry* pEntry = Find(strName);
     if (pEntry == nullptr)
       return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "unknown engine '%s'",
                             FXString::EscapeControl(strName).c_str());
-    CScanEnginePtr pEngine = pEntry->fnMake();
+    if (strName == "hadoop" && !pHadoopFS)
+      return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "the hadoop engine scans webhdfs:// content only");
+    CScanEnginePtr pEngine = pEntry->fnMake(pHadoopFS);
     if (!strInstance.empty()) QI_RETURN_IF_ERROR(pEngine->SetInstance(strInstance));
     lstEngines.push_back(std::move(pEngine));
   }

@@ -5,6 +5,9 @@
 //   traverse   CTraverseScanEngine       ("MaxWorkers" traversal workers per work unit)
 //   ondemand   COnDemandScanEngine       (each scan path names a file listing the paths to scan)
 //   gpfs       CGpfsScanEngine           (GPFS policy scan; refuses volumes that are not GPFS)
+// and, chosen by fsscan itself (not valid in --engines, not listed):
+//   rawdevice  CRawDeviceScanEngine      (device content; refuses every other work unit)
+//   hadoop     CHadoopScanEngine         (Hadoop content, on the CHadoopFS handle given)
 //
 // ParseList turns the text of --engines into the checked list of names; MakeEngines builds a new
 // engine object for every name on every call, since each scanner thread of the arbiter needs
@@ -16,12 +19,13 @@
 #include <string>
 #include <vector>
 
+#include "Platform/HadoopFS.h"
 #include "Platform/QiError.h"
 #include "Scan/ScannerCallback.h"
 
 class CEngineFactory {
  public:
-  // The valid names, in the order of the help text.
+  // The names a user may give, in the order of the help text.
   static const std::vector<std::string>& GetNames();
   // The valid names as "findfirst, fast, traverse, ondemand".
   static std::string GetNamesText();
@@ -30,7 +34,8 @@ class CEngineFactory {
   // unknown name fails with Win32 87 and a message naming the offending entry.
   static CQiError ParseList(const std::string& strList, std::vector<std::string>& lstNames);
 
-  // New engines for the names, in order, each given the instance name (when not empty).
+  // New engines for the names, in order, each given the instance name (when not empty). The
+  // hadoop engine needs the handle (Win32 87 without one).
   static CQiError MakeEngines(const std::vector<std::string>& lstNames, const std::string& strInstance,
-                              CScanEngineList& lstEngines);
+                              CScanEngineList& lstEngines, const CHadoopFSPtr& pHadoopFS = CHadoopFSPtr());
 };

@@ -31,7 +31,7 @@ CQiError CFsscanCallback::GetScanFailureConsumer(CItemConsumerPtr& pConsumer) {
 }
 
 CQiError CFsscanCallback::GetScanEngineList(CScanEngineList& lstEngines) {
-  QI_RETURN_IF_ERROR(CEngineFactory::MakeEngines(m_lstEngineNames, m_strInstance, lstEngines));
+  QI_RETURN_IF_ERROR(CEngineFactory::MakeEngines(m_lstEngineNames, m_strInstance, lstEngines, m_pHadoopFS));
   if (m_lstOnDemandBlackList.empty()) return CQiError();
   for (const CScanEnginePtr& pEngine : lstEngines)
     if (auto* pOnDemand = dynamic_cast<COnDemandScanEngine*>(pEngine.get()))

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/HadoopFS.h"
 #include "Scan/ItemConsumer.h"
 #include "Scan/OutputHandler.h"
 #include "Scan/ScannerCallback.h"
@@ -34,6 +35,8 @@ class CFsscanCallback : public CScannerCallback {
   // Content that every on-demand engine made by GetScanEngineList leaves out (with everything
   // below it). Set before the scan.
   void SetOnDemandBlackList(std::vector<std::string> lstBlackList);
+  // The handle of the hadoop engines made by GetScanEngineList. Set before the scan.
+  void SetHadoopFS(CHadoopFSPtr pFS) { m_pHadoopFS = std::move(pFS); }
 
   // Async-signal-safe: marks every callback of the process as aborted.
   static void RequestInterrupt();
@@ -45,6 +48,7 @@ class CFsscanCallback : public CScannerCallback {
   const std::vector<std::string> m_lstEngineNames;
   const std::string m_strInstance;
   std::vector<std::string> m_lstOnDemandBlackList;
+  CHadoopFSPtr m_pHadoopFS;
   static std::atomic<bool> s_bInterrupted;
 };
 

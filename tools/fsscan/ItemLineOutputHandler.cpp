@@ -13,8 +13,19 @@
 
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
+#include "Scan/Unix/RawDeviceItem.h"
 
 namespace {
+
+// The size of a record: the item's size, and for a raw device (given as content) the device's
+// size, which its size on disk tells; a device node met in a folder has none (0).
+uint64_t ReportedSize(const CItem& item) {
+  const uint32_t uType = item.GetAttributes() & 0xF000;
+  if (item.GetAttributes() != CItem::kAttributesUnknown && (uType == 0x6000 || uType == 0x2000) &&
+      dynamic_cast<const CRawDeviceItem*>(&item) != nullptr)
+    return item.GetFileSizeOnDisk();
+  return item.GetFileSize();
+}
 // A thread's buffer goes to the stream once it holds this much.
 constexpr size_t kBlockSize = 64 * 1024;
 
@@ -108,7 +119,7 @@ void CItemLineOutputHandler::AppendLine(const CItem& item, std::string& strOut) 
   }
   p += 4;
   *p++ = ' ';
-  p = std::to_chars(p, p + kMaxDigits, static_cast<unsigned long long>(item.GetFileSize())).ptr;
+  p = std::to_chars(p, p + kMaxDigits, static_cast<unsigned long long>(ReportedSize(item))).ptr;
   *p++ = ' ';
   const long long llNanoseconds = tWrite.GetNanoseconds();
   if (llNanoseconds >= 0 && llNanoseconds < 1000000000) {
@@ -215,7 +226,7 @@ CQiError CItemLineOutputHandler::OnItem(CItemPtr pItem) {
   if (pItem->IsFolder())
     ++buffer.ullFolders;
   else
-    buffer.ullBytes += pItem->GetFileSize();
+    buffer.ullBytes += ReportedSize(*pItem);
   if (buffer.strData.size() < kBlockSize) return CQiError();
   std::lock_guard<std::mutex> lock(m_mutex);
   return WriteLocked(buffer);

@@ -5,7 +5,8 @@
 //   Lines   "<type> <mode> <size> <mtime> <path>\n"
 //           type   one letter as find's %y: f d l p s c b, U when the type is unknown;
 //           mode   the permission bits (mode & 07777) as four octal digits, "----" when unknown;
-//           size   the item's size in bytes (lstat's st_size; 0 for device nodes);
+//           size   the item's size in bytes (lstat's st_size; 0 for device nodes, the device's
+//                  size for a raw device given as content);
 //           mtime  seconds.nanoseconds since the epoch;
 //           path   the source path, control bytes and backslashes escaped (FXString::EscapeControl)
 //                  so that every record is one line.

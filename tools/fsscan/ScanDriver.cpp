@@ -1,5 +1,6 @@
 #include "ScanDriver.h"
 
+#include "Scan/ContentContext.h"
 #include "Scan/ScannerConfigurationBagId.h"
 
 CScanDriver::CScanDriver(int64_t llScanId, CScannerCallbackPtr pCallback, CBagPtr pBag, int iMaxWorkers)
@@ -15,6 +16,13 @@ CScanDriver::~CScanDriver() = default;
 
 CQiError CScanDriver::AddLocalContentItem(const std::string& strPath) {
   QI_RETURN_IF_ERROR(m_pWorkUnitManager->AssignLocalWorkUnit(strPath));
+  return CQiError();
+}
+
+CQiError CScanDriver::AddHadoopContentItem(const std::string& strPath) {
+  auto pContext = std::make_shared<CContentContext>();
+  QI_RETURN_IF_ERROR(pContext->GetBag()->Write(SXScannerConfigurationBagId::idIsHadoopScan, true));
+  QI_RETURN_IF_ERROR(m_pWorkUnitManager->AssignLocalWorkUnit(strPath, pContext, false));
   return CQiError();
 }
 

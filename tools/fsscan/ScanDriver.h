@@ -27,6 +27,8 @@ class CScanDriver {
   CScanDriver& operator=(const CScanDriver&) = delete;
 
   CQiError AddLocalContentItem(const std::string& strPath);
+  // Hadoop content: the path of the Hadoop file system, assigned with "isHadoopScan" set.
+  CQiError AddHadoopContentItem(const std::string& strPath);
   const CWorkUnitManagerPtr& GetWorkUnitManager() const { return m_pWorkUnitManager; }
 
  protected:

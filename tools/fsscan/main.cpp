@@ -4,8 +4,8 @@
 //   fsscan [options] --from-file FILE
 //
 // Each PATH is content of the scan (a folder, or a single file, which is then reported alone; a
-// character or block device, which the library would give to a raw-device engine that fsscan
-// does not have, is reported alone by fsscan from its lstat data, never opened);
+// character or block device, or a link to one, is a raw device: the library's raw-device engine
+// reports it as one item whose size is the device's size, never reading it);
 // relative paths are taken from the working directory and reported as absolute paths. With no
 // PATH it scans /usr and, unless -o names an output, prints only the summary. Content
 // exceptions and filter items that name a relative path ("build/tmp", not a pattern such as
@@ -33,6 +33,13 @@
 // 130 when interrupted (SIGINT/SIGTERM abort the scan). The content file counts as set-up: like the output and
 // failures files it is an input of fsscan itself, not content of the scan.
 //
+// Hadoop content: PATHs given as webhdfs://HOST[:PORT]/PATH (swebhdfs:// for HTTPS, hdfs:// for
+// the same REST interface; see HadoopContent.h) are scanned over WebHDFS by the Hadoop engine
+// through the scan arbiter, with the same output lines and summary (paths as the Hadoop file
+// system names them). All PATHs are then such URLs of one server; --engines, --traverse,
+// --top-level and --from-file do not go with them. --hdfs-user (default: the user fsscan runs
+// as), --hdfs-token (a delegation token), --hdfs-ca and --hdfs-timeout set up the client.
+//
 // How the scan runs:
 //   - by default, --workers 1: the scanner facade (CBasicScanner: the FindFirst engine, one
 //     traversal worker per physical medium);
@@ -44,6 +51,8 @@
 //     traversal workers per work unit of the engines that have several (fast, traverse); the
 //     traverse engine does not take --top-level (its traversal never reports a content root);
 //     the ondemand engine reads each PATH as a content file (see --from-file);
+//   - device content: each device PATH by the raw-device engine on a work unit of its own,
+//     before the rest of the content (see ReportDeviceContent);
 //   - --from-file FILE: the arbiter with the on-demand engine alone. FILE (a file, a pipe such as
 //     /dev/stdin or /dev/fd/N, a FIFO) is read once into a private copy (CContentFileCopy), the
 //     engine's content file, which the engine black-lists. FILE holds one absolute path per line;
@@ -66,6 +75,7 @@
 //     so that tests run the engine against fake GPFS tools ("sGpfsBin" in the settings file).
 #include <fcntl.h>
 #include <getopt.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,14 +98,15 @@
 #include "FailureReportConsumer.h"
 #include "FastScanDriver.h"
 #include "FsscanCallback.h"
+#include "HadoopContent.h"
 #include "ItemLineOutputHandler.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXFile.h"
 #include "Platform/FXString.h"
 #include "Platform/FileLogWriter.h"
 #include "Scan/BasicScanner.h"
-#include "Scan/FindFirstItem.h"
 #include "Scan/ScannerConfigurationBagId.h"
+#include "Scan/Unix/RawDeviceScanEngine.h"
 #include "ProgressLine.h"
 #include "TestGpfsPlatform.h"
 
@@ -134,6 +145,10 @@ struct SOptions {
   ItemSet setExceptions;
   ItemSet setContentExceptions;
   std::vector<std::string> lstPaths;
+  CHadoopContent hadoop;           // webhdfs:// content
+  std::vector<std::string> lstHadoopPaths;
+  bool bHdfsUserGiven = false;
+  int iHdfsTimeout = 120;
 };
 
 // printf format: %s is the list of engine names.
@@ -141,7 +156,9 @@ const char kUsage[] =
     "Usage: fsscan [options] [PATH...]\n"
     "       fsscan [options] --from-file FILE\n"
     "Scans the folder trees below each PATH and lists every object found. With no PATH it\n"
-    "scans /usr and prints only the summary (unless -o names an output).\n"
+    "scans /usr and prints only the summary (unless -o names an output). A PATH may be a\n"
+    "device (reported as one item sized as the device) or, for all PATHs alike, a Hadoop URL\n"
+    "webhdfs://HOST[:PORT]/PATH (also swebhdfs:// for HTTPS, hdfs:// for the HTTP port).\n"
     "\n"
     "  -o, --output FILE            write the item list to FILE (default: stdout)\n"
     "  -0, --print0                 list only the paths, each ended by a NUL byte (as find -print0)\n"
@@ -178,6 +195,10 @@ const char kUsage[] =
     "                               are listed as modified (default 0)\n"
     "      --test-gpfs-volume DIR   test option: treat the file system holding DIR as a GPFS\n"
     "                               volume (device gpfs0) so that fake GPFS tools can serve it\n"
+    "      --hdfs-user NAME         the user of webhdfs:// content (default: the user running fsscan)\n"
+    "      --hdfs-token TOKEN       a delegation token for webhdfs:// content\n"
+    "      --hdfs-ca FILE           the CA certificates for swebhdfs:// (default: the system's)\n"
+    "      --hdfs-timeout SECONDS   the time-out of each WebHDFS request, 1 to 3600 (default 120)\n"
     "  -l, --log FILE               write the library's log to FILE ('-' for stderr)\n"
     "  -L, --log-level N            log level, -1 to 7 (default 1; alone: log to stderr)\n"
     "  -h, --help                   show this help\n"
@@ -229,10 +250,46 @@ ItemSet AnchorRelativePaths(const ItemSet& setItems, bool bPatterns) {
   return setAnchored;
 }
 
+// Hadoop URLs among the PATHs: all PATHs must be URLs of one server; they are scanned by the
+// hadoop engine through the arbiter. 0 to go on, kExitUsage on a usage error.
+int ParseHadoopContent(SOptions& options, const char* szTryHelp) {
+  size_t nUrls = 0;
+  for (const std::string& strPath : options.lstPaths) nUrls += CHadoopContent::IsHadoopUrl(strPath) ? 1 : 0;
+  if (nUrls == 0) return 0;
+  const char* szConflict = nUrls != options.lstPaths.size() ? "local PATHs"
+                           : options.bEnginesGiven          ? "--engines and --traverse"
+                           : options.bTopLevel              ? "--top-level"
+                                                            : nullptr;
+  if (szConflict != nullptr) {
+    fprintf(stderr, "fsscan: Hadoop content (webhdfs://) does not go with %s\n%s", szConflict, szTryHelp);
+    return kExitUsage;
+  }
+  for (const std::string& strUrl : options.lstPaths) {
+    std::string strPath;
+    CQiError error = options.hadoop.Add(strUrl, strPath);
+    if (error.IsError()) {
+      fprintf(stderr, "fsscan: %s\n%s", error.GetMessage().c_str(), szTryHelp);
+      return kExitUsage;
+    }
+    options.lstHadoopPaths.push_back(strPath);
+  }
+  SWebHdfsConfig& config = options.hadoop.Config();
+  if (!options.bHdfsUserGiven) {
+    const struct passwd* pEntry = getpwuid(geteuid());
+    config.strUser = pEntry != nullptr ? pEntry->pw_name : std::to_string(geteuid());
+  }
+  config.lRequestTimeoutMs = options.iHdfsTimeout * 1000L;
+  config.lConnectTimeoutMs = std::min(config.lRequestTimeoutMs, 10000L);
+  options.lstEngines = {"hadoop"};
+  options.bEnginesGiven = true;
+  return 0;
+}
+
 // 0 to go on, kExitUsage on a usage error, -1 when the help was printed.
 int ParseOptions(int argc, char** argv, SOptions& options) {
   enum { kOptTopLevel = 256, kOptEngines, kOptTraverse, kOptScanners, kOptFromFile, kOptJobResults, kOptSince,
-         kOptTestGpfsVolume };
+         kOptTestGpfsVolume, kOptHdfsUser, kOptHdfsToken,
+         kOptHdfsCa, kOptHdfsTimeout };
   static const struct option kLongOptions[] = {
       {"output", required_argument, nullptr, 'o'},   {"print0", no_argument, nullptr, '0'},
       {"top-level", no_argument, nullptr, kOptTopLevel}, {"failures", required_argument, nullptr, 'f'},
@@ -243,6 +300,8 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
       {"scanners", required_argument, nullptr, kOptScanners}, {"from-file", required_argument, nullptr, kOptFromFile},
       {"job-results", required_argument, nullptr, kOptJobResults}, {"since", required_argument, nullptr, kOptSince},
       {"test-gpfs-volume", required_argument, nullptr, kOptTestGpfsVolume},
+      {"hdfs-user", required_argument, nullptr, kOptHdfsUser}, {"hdfs-token", required_argument, nullptr, kOptHdfsToken},
+      {"hdfs-ca", required_argument, nullptr, kOptHdfsCa}, {"hdfs-timeout", required_argument, nullptr, kOptHdfsTimeout},
       {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
   int iOption;
   while ((iOption = getopt_long(argc, argv, "o:0f:x:e:c:w:l:L:h", kLongOptions, nullptr)) != -1) {
@@ -300,6 +359,18 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
         }
         break;
       case kOptTestGpfsVolume: options.strTestGpfsVolume = optarg; break;
+      case kOptHdfsUser:
+        options.hadoop.Config().strUser = optarg;
+        options.bHdfsUserGiven = true;
+        break;
+      case kOptHdfsToken: options.hadoop.Config().strDelegationToken = optarg; break;
+      case kOptHdfsCa: options.hadoop.Config().strCaFile = optarg; break;
+      case kOptHdfsTimeout:
+        if (!ParseInt(optarg, 1, 3600, options.iHdfsTimeout)) {
+          fprintf(stderr, "fsscan: --hdfs-timeout wants a number of seconds from 1 to 3600, not '%s'\n", optarg);
+          return kExitUsage;
+        }
+        break;
       case 'h': printf(kUsage, CEngineFactory::GetNamesText().c_str()); return -1;
       default: fputs("Try 'fsscan --help' for more information.\n", stderr); return kExitUsage;
     }
@@ -334,6 +405,8 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
     options.bEnginesGiven = true;
     return 0;
   }
+  const int iHadoop = ParseHadoopContent(options, szTryHelp);
+  if (iHadoop != 0) return iHadoop;
   if (options.bScannersGiven && !options.bEnginesGiven) {
     fprintf(stderr, "fsscan: --scanners needs --engines, --traverse or --from-file\n%s", szTryHelp);
     return kExitUsage;
@@ -350,11 +423,7 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
   return 0;
 }
 
-// Device content: a character or block device named as PATH, or a symbolic link to one. The
-// library gives such content a raw-device work unit, which none of fsscan's engines handles, so
-// the scan would pass over it without a word; fsscan reports the object itself as one item
-// instead, from its lstat data, as it reports any other PATH that is not a folder (a link as the
-// link). The device is never opened, let alone read.
+// Device content: a character or block device named as PATH, or a symbolic link to one.
 bool IsDeviceContent(const std::string& strPath) {
   struct stat st {};
   if (lstat(strPath.c_str(), &st) != 0) return false;
@@ -362,12 +431,16 @@ bool IsDeviceContent(const std::string& strPath) {
   return S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode);
 }
 
-CQiError ReportDeviceContent(const std::string& strPath, COutputHandler& handler) {
-  FXFile::CFileData data(strPath, FXFile::CFileData::kModeFullPath);
-  if (!data.good())
-    return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Cannot read the status of [%s]",
-                          FXString::EscapeControl(strPath).c_str());
-  QI_RETURN_IF_ERROR(handler.OnItem(std::make_shared<CFindFirstItem>(nullptr, strPath, data)));
+// Reports device content as the library does for a raw device: the work unit manager gives the
+// path a raw-device work unit of its own, which the raw-device engine reports as one item sized
+// as the device (never reading it). Each device PATH is reported at once, in the order given,
+// before the scan of the other content.
+CQiError ReportDeviceContent(const std::string& strPath, const CScannerCallbackPtr& pCallback) {
+  CWorkUnitManager manager(static_cast<int64_t>(getpid()));
+  QI_RETURN_IF_ERROR(manager.AssignLocalWorkUnit(strPath));
+  CRawDeviceScanEngine engine;
+  QI_RETURN_IF_ERROR(engine.SetScannerCallback(pCallback));
+  for (const auto& [strKey, pWorkUnit] : manager.GetWorkUnitMap()) QI_RETURN_IF_ERROR(engine.ProcessWorkUnit(pWorkUnit));
   return CQiError();
 }
 
@@ -516,10 +589,10 @@ int main(int argc, char** argv) {
   // PATH arguments are content, except for the on-demand engine alone, which reads them as lists.
   const bool bPathsAreLists =
       options.bFromFile || options.lstEngines == std::vector<std::string>{"ondemand"};
-  // Device content is reported here (see IsDeviceContent); true when strPath was such content.
+  // Device content is reported here (see ReportDeviceContent); true when strPath was such content.
   auto fnDeviceContent = [&](const std::string& strPath) {
     if (bPathsAreLists || !IsDeviceContent(strPath)) return false;
-    CQiError error = ReportDeviceContent(strPath, *pItems);
+    CQiError error = ReportDeviceContent(strPath, pCallback);
     if (error.IsError() && !pItems->HasWriteFailed()) fnAssignFailed(strPath, error);
     return true;
   };
@@ -529,9 +602,15 @@ int main(int argc, char** argv) {
 
   if (options.bEnginesGiven) {
     CArbiterScanDriver driver(llScanId, pCallback, pBag, options.iWorkers, options.iScanners);
+    if (!options.hadoop.IsEmpty()) pCallback->SetHadoopFS(options.hadoop.MakeClient());
+    for (size_t i = 0; i < options.lstHadoopPaths.size(); ++i) {
+      CQiError error = driver.AddHadoopContentItem(options.lstHadoopPaths[i]);
+      if (error.IsError()) fnAssignFailed(options.lstPaths[i], error); else ++nAssigned;
+    }
     // With --from-file the content is the content file: its work unit's scan path names it.
-    const std::vector<std::string> lstContent =
-        options.bFromFile ? std::vector<std::string>{contentCopy.GetPath()} : options.lstPaths;
+    const std::vector<std::string> lstContent = options.bFromFile          ? std::vector<std::string>{contentCopy.GetPath()}
+                                                : options.hadoop.IsEmpty() ? options.lstPaths
+                                                                           : std::vector<std::string>{};
     for (const std::string& strPath : lstContent) {
       const std::string strAbsolute = MakeAbsolute(strPath);
       if (fnDeviceContent(strAbsolute)) continue;
