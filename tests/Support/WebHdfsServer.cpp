@@ -176,7 +176,7 @@ CWebHdfsServer::SReply CWebHdfsServer::Answer(const std::string& strTarget) {
   std::string strEntries;
   long lRemaining = 0;
   auto itNode = m_mapNodes.find(strPath);
-  if (itNode == m_mapNodes.end() && m_fnLister && strOp != "GETFILESTATUS") {
+  if (m_fnLister && strOp != "GETFILESTATUS") {
     lRemaining = m_fnLister(strPath, mapQuery["startAfter"], strEntries);
   } else if (itNode == m_mapNodes.end()) {
     return Reply(404, RemoteException("FileNotFoundException", "File " + strPath + " does not exist."));

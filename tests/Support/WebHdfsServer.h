@@ -6,8 +6,8 @@
 // set for a path (SetReply) answers every request on it and may misbehave on purpose: close the
 // connection, send bytes that are no HTTP, stall until the client gives up, announce more body
 // than it sends. An older server (bOldServer) leaves out "childrenNum", "fileId" and
-// "storagePolicy" and refuses LISTSTATUS_BATCH. A lister (SetLister) may produce the listing
-// pages of folders that are not recorded (the benchmark's million entries).
+// "storagePolicy" and refuses LISTSTATUS_BATCH. A lister (SetLister) produces every listing page
+// instead of the recorded tree (the benchmark's million entries).
 //
 // Connections are served one after another on one thread, each kept alive across requests.
 #pragma once
