@@ -262,19 +262,28 @@ CQiError CWebHdfsFS::Open() {
   pImpl->m_pCurl = curl_easy_init();
   if (pImpl->m_pCurl == nullptr) return QI_ERROR_WIN32(QiErrorCode::NotEnoughMemory, "curl_easy_init failed");
   CURL* pCurl = pImpl->m_pCurl;
-  // No signals (worker threads), bounded in time, redirects only to http and https.
-  curl_easy_setopt(pCurl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(pCurl, CURLOPT_CONNECTTIMEOUT_MS, m_config.lConnectTimeoutMs);
-  curl_easy_setopt(pCurl, CURLOPT_TIMEOUT_MS, m_config.lRequestTimeoutMs);
-  curl_easy_setopt(pCurl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(pCurl, CURLOPT_MAXREDIRS, m_config.lMaxRedirects);
-  curl_easy_setopt(pCurl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(pCurl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(pCurl, CURLOPT_TCP_KEEPALIVE, 1L);
-  curl_easy_setopt(pCurl, CURLOPT_ERRORBUFFER, pImpl->m_szError);
-  curl_easy_setopt(pCurl, CURLOPT_WRITEFUNCTION, &OnBody);
-  curl_easy_setopt(pCurl, CURLOPT_WRITEDATA, &pImpl->m_strBody);
-  if (!m_config.strCaFile.empty()) curl_easy_setopt(pCurl, CURLOPT_CAINFO, m_config.strCaFile.c_str());
+  // No signals (worker threads), bounded in time, redirects only to http and https, a proxy only
+  // when configured (never one from the environment).
+  CURLcode code = CURLE_OK;
+  const char* szOption = "";
+  auto set = [&](CURLoption option, const char* szName, auto value) {
+    if (code == CURLE_OK && (code = curl_easy_setopt(pCurl, option, value)) != CURLE_OK) szOption = szName;
+  };
+  set(CURLOPT_NOSIGNAL, "NOSIGNAL", 1L);
+  set(CURLOPT_CONNECTTIMEOUT_MS, "CONNECTTIMEOUT_MS", m_config.lConnectTimeoutMs);
+  set(CURLOPT_TIMEOUT_MS, "TIMEOUT_MS", m_config.lRequestTimeoutMs);
+  set(CURLOPT_FOLLOWLOCATION, "FOLLOWLOCATION", 1L);
+  set(CURLOPT_MAXREDIRS, "MAXREDIRS", m_config.lMaxRedirects);
+  set(CURLOPT_PROTOCOLS_STR, "PROTOCOLS_STR", "http,https");
+  set(CURLOPT_REDIR_PROTOCOLS_STR, "REDIR_PROTOCOLS_STR", "http,https");
+  set(CURLOPT_PROXY, "PROXY", m_config.strProxy.c_str());
+  set(CURLOPT_TCP_KEEPALIVE, "TCP_KEEPALIVE", 1L);
+  set(CURLOPT_ERRORBUFFER, "ERRORBUFFER", pImpl->m_szError);
+  set(CURLOPT_WRITEFUNCTION, "WRITEFUNCTION", &OnBody);
+  set(CURLOPT_WRITEDATA, "WRITEDATA", &pImpl->m_strBody);
+  if (!m_config.strCaFile.empty()) set(CURLOPT_CAINFO, "CAINFO", m_config.strCaFile.c_str());
+  if (code != CURLE_OK)
+    return QI_ERROR_ERRNO(EINVAL, "libcurl refuses the option %s: %s", szOption, curl_easy_strerror(code));
   m_pImpl = std::move(pImpl);
   return CQiError();
 }
@@ -321,8 +330,9 @@ CQiError CWebHdfsFS::Request(const char* szOp, const std::string& strPath, const
     m_ullConnections += static_cast<uint64_t>(lConnects);
   if (code != CURLE_OK) {
     const char* szDetail = impl.m_szError[0] != '\0' ? impl.m_szError : curl_easy_strerror(code);
-    return QI_ERROR_ERRNO(ErrnoOfCurl(code), "WebHDFS %s %s failed: %s (curl %d), URL=%s", szOp,
-                          Esc(strPath).c_str(), szDetail, static_cast<int>(code), Esc(strUrl).c_str());
+    // No URL in the text: it holds the delegation token.
+    return QI_ERROR_ERRNO(ErrnoOfCurl(code), "WebHDFS %s %s failed: %s (curl %d)", szOp, Esc(strPath).c_str(),
+                          szDetail, static_cast<int>(code));
   }
   curl_easy_getinfo(impl.m_pCurl, CURLINFO_RESPONSE_CODE, &answer.lStatus);
   if (ZRLOG_ON(6))

@@ -18,6 +18,8 @@
 // listing whose pages do not advance) fails the whole request with Win32 13: a directory is
 // listed completely or not at all.
 //
+// Messages never hold the request's URL, which carries the delegation token.
+//
 // Bounds: every request is bounded by the connect time-out and the total time-out, follows at
 // most the configured number of redirects (http and https only; more is ELOOP) and reads at
 // most kMaxAnswerBytes. See CHadoopFS for the errno of each transport failure.
@@ -44,6 +46,8 @@ struct SWebHdfsConfig {
   std::string strUser;             // "user.name"; none sent when empty
   std::string strDelegationToken;  // "delegation"; none sent when empty
   std::string strCaFile;           // https: the CA certificates to trust (empty: the system's)
+  std::string strProxy;            // a proxy ("http://host:port"); empty: direct, whatever the
+                                   // environment's http_proxy says
   long lConnectTimeoutMs = 10000;
   long lRequestTimeoutMs = 120000; // the whole request, answer included
   long lMaxRedirects = 5;

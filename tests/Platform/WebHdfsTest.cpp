@@ -118,6 +118,7 @@ TEST_P(WebHdfsFailure, FailsTheListingWithAClearErrorAndStaysUsable) {
 
   EXPECT_TRUE(c.bErrno ? error.IsErrNo(static_cast<int>(c.uCode)) : error.IsWin32(c.uCode)) << error.AsString();
   EXPECT_NE(error.GetMessage().find(c.szMessagePart), std::string::npos) << error.GetMessage();
+  EXPECT_EQ(error.AsString().find("tok"), std::string::npos);  // the delegation token stays secret
   EXPECT_TRUE(arrEntries.empty());
   EXPECT_EQ(iCount, 0);
   struct stat st {};
