@@ -13,6 +13,7 @@
 
 #include "Platform/ZrProcess.h"
 #include "Scan/ScanArbiter.h"
+#include "Scan/Unix/RawDeviceItem.h"
 #include "Scan/Unix/RawDeviceScanEngine.h"
 #include "Scan/Unix/WorkUnitManager.h"
 #include "Support/TempTree.h"
@@ -55,7 +56,7 @@ class CRawDeviceCallback : public CTestCallback {
   }
 };
 
-enum class EContent { Loop, LinkAndLoop, CharDevice, VanishedNodeAndLink };
+enum class EContent { Loop, LinkAndLoop, CharDevice, CharDeviceSizedBySeam, VanishedNodeAndLink };
 
 struct SRawCase {
   const char* szName;
@@ -88,8 +89,14 @@ TEST_P(RawDeviceScan, ReportsOneItemPerReadableSurfaceSizedAsItsDevice) {
       lstExpected = {{strLoop, kLoopBytes, S_IFBLK}, {lstContent[0], kLoopBytes, S_IFBLK}};
       break;
     case EContent::CharDevice: lstContent = {strNode}, lstExpected = {{strNode, 0, S_IFCHR}}; break;
+    case EContent::CharDeviceSizedBySeam: lstContent = {strNode}, lstExpected = {{strNode, 1u << 30, S_IFCHR}}; break;
     case EContent::VanishedNodeAndLink: lstContent = {temp.MakeSymlink("a-link", strNode), strNode}; break;
   }
+  if (c.eContent == EContent::CharDeviceSizedBySeam)
+    CRawDeviceItem::SetDeviceSizeQuery([](const FXFile::CFileData&, uint64_t& ullSize) { return ullSize = 1u << 30, CQiError(); });
+  struct SRestore {
+    ~SRestore() { CRawDeviceItem::SetDeviceSizeQuery(nullptr); }
+  } restore;
   CLogCapture log;
   auto pCallback = std::make_shared<CRawDeviceCallback>();
   auto pHandler = std::make_shared<CSizingHandler>();
@@ -121,6 +128,7 @@ INSTANTIATE_TEST_SUITE_P(
                       SRawCase{"LinkToLoopDevice", EContent::LinkAndLoop, "Processed(RawDevice)", ""},
                       SRawCase{"CharacterDevice", EContent::CharDevice, "Processed(RawDevice)",
                                "Failed to get device size of node. Error errno 15"},
+                      SRawCase{"DeviceSizedThroughTheSeam", EContent::CharDeviceSizedBySeam, "Processed(RawDevice)", ""},
                       SRawCase{"AllSurfacesUnreadable", EContent::VanishedNodeAndLink, "Failed(RawDevice=232)", ""}),
     [](const auto& info) { return std::string(info.param.szName); });
 
