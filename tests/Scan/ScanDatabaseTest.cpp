@@ -10,16 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <list>
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "Platform/ErrorCodes.h"
 #include "Platform/FXFile.h"
@@ -39,7 +32,8 @@ namespace {
 
 using FSDB::CDatabaseItem;
 using FSDB::CDatabaseItemPtr;
-using EQiErrorSpace = CQiError::EQiErrorSpace;
+using Space = CQiError::EQiErrorSpace;
+constexpr Space W = Space::Win32, E = Space::ErrNo;
 
 CDatabaseItemPtr MakeRecord(int64_t llSize) {
   auto pRecord = std::make_shared<CDatabaseItem>();
@@ -48,15 +42,6 @@ CDatabaseItemPtr MakeRecord(int64_t llSize) {
   pRecord->SetLinks(1);
   EXPECT_TRUE(pRecord->FormMetadata().IsSuccess());
   return pRecord;
-}
-
-struct stat MakeStat(mode_t mode, off_t size) {
-  struct stat st {};
-  st.st_mode = mode;
-  st.st_size = size;
-  st.st_nlink = 1;
-  st.st_mtim = {1700000002, 222222222};
-  return st;
 }
 
 struct SEntry {
@@ -76,7 +61,7 @@ class CPluginStore {
   CQiError Close() { return m_db.Close(); }
   CQiError Bulk(bool bOn) { return m_db.SetBulkInsertMode(bOn); }
   CQiError AddFolder(const std::string& p) { return m_db.AddFolder(p, MakeRecord(0)); }
-  CQiError AddFile(const std::string& p, int64_t llSize) { return m_db.AddFile(p, MakeRecord(llSize)); }
+  CQiError AddFile(const std::string& p, int64_t n) { return m_db.AddFile(p, MakeRecord(n)); }
   CQiError Rename(const std::string& a, const std::string& b, bool bFolder) {
     return bFolder ? m_db.RenameFolder(a, b, nullptr, nullptr) : m_db.RenameFile(a, b, nullptr, nullptr);
   }
@@ -94,8 +79,7 @@ class CPluginStore {
   CQiError List(const std::string& strFolder, std::vector<SEntry>& entries) {
     std::list<CDatabaseItemPtr> lstItems;
     CQiError error = m_db.QueryFolderItems(strFolder, 0, lstItems);
-    for (const CDatabaseItemPtr& p : lstItems)
-      entries.push_back({p->GetFileName(), p->IsDirectory(), p->GetFileSize()});
+    for (const CDatabaseItemPtr& p : lstItems) entries.push_back({p->GetFileName(), p->IsDirectory(), p->GetFileSize()});
     return error;
   }
 
@@ -110,10 +94,8 @@ class CStore {
   CQiError Open(bool) { return m_store.Open(m_strFolder); }
   CQiError Close() { return m_store.Close(); }
   CQiError Bulk(bool bOn) { return bOn ? m_store.BeginBulk() : m_store.EndBulk(); }
-  CQiError AddFolder(const std::string& p) { return m_store.Add(CScanDbRecord(p, MakeStat(S_IFDIR | 0755, 0))); }
-  CQiError AddFile(const std::string& p, int64_t llSize) {
-    return m_store.Add(CScanDbRecord(p, MakeStat(S_IFREG | 0644, llSize)));
-  }
+  CQiError AddFolder(const std::string& p) { return m_store.Add(Record(p, S_IFDIR | 0755, 0)); }
+  CQiError AddFile(const std::string& p, int64_t n) { return m_store.Add(Record(p, S_IFREG | 0644, n)); }
   CQiError Rename(const std::string& a, const std::string& b, bool) { return m_store.Rename(a, b); }
   CQiError Remove(const std::string& p, bool bFolder) { return m_store.Remove(p, bFolder); }
   CQiError Lookup(const std::string& p) {
@@ -129,6 +111,14 @@ class CStore {
   }
 
  private:
+  static CScanDbRecord Record(const std::string& p, mode_t mode, off_t size) {
+    struct stat st {};
+    st.st_mode = mode;
+    st.st_size = size;
+    st.st_nlink = 1;
+    st.st_mtim = {1700000002, 222222222};
+    return CScanDbRecord(p, st);
+  }
   std::string m_strFolder;
   CScanDbStore m_store;
 };
@@ -141,16 +131,15 @@ CQiError Apply(TStore& store, const std::string& strStep) {
   const std::string strVerb = strStep.substr(0, uBlank);
   std::vector<std::string> args;
   if (uBlank != std::string::npos) args = FXString::Split(strStep.substr(uBlank + 1), ' ');
-  auto arg = [&args](size_t i) { return i < args.size() ? args[i] : std::string(); };
-  if (strVerb == "D") return store.AddFolder(arg(0));
-  if (strVerb == "F") return store.AddFile(arg(0), args.size() > 1 ? std::stoll(args[1]) : 0);
-  if (strVerb == "mv" || strVerb == "mvd") return store.Rename(arg(0), arg(1), strVerb == "mvd");
-  if (strVerb == "rm" || strVerb == "rmd") return store.Remove(arg(0), strVerb == "rmd");
-  if (strVerb == "get") return store.Lookup(arg(0));
+  args.resize(std::max<size_t>(args.size(), 2));
   std::vector<SEntry> entries;
-  if (strVerb == "ls") return store.List(arg(0), entries);
-  ADD_FAILURE() << "unknown step " << strStep;
-  return CQiError();
+  if (strVerb == "D") return store.AddFolder(args[0]);
+  if (strVerb == "F") return store.AddFile(args[0], args[1].empty() ? 0 : std::stoll(args[1]));
+  if (strVerb == "mv" || strVerb == "mvd") return store.Rename(args[0], args[1], strVerb == "mvd");
+  if (strVerb == "rm" || strVerb == "rmd") return store.Remove(args[0], strVerb == "rmd");
+  if (strVerb == "get") return store.Lookup(args[0]);
+  EXPECT_EQ("ls", strVerb);
+  return store.List(args[0], entries);
 }
 
 // Every record below the folder, depth first in listing order: "D path" or "F path size". Each
@@ -163,12 +152,8 @@ void Dump(TStore& store, const std::string& strFolder, std::vector<std::string>&
   for (const SEntry& e : entries) {
     const std::string strPath = (strFolder == "/" ? "" : strFolder) + "/" + e.strName;
     EXPECT_TRUE(store.Lookup(strPath).IsSuccess()) << strPath;
-    if (e.bFolder) {
-      lines.push_back("D " + strPath);
-      Dump(store, strPath, lines);
-    } else {
-      lines.push_back("F " + strPath + " " + std::to_string(e.llSize));
-    }
+    lines.push_back(e.bFolder ? "D " + strPath : "F " + strPath + " " + std::to_string(e.llSize));
+    if (e.bFolder) Dump(store, strPath, lines);
   }
 }
 
@@ -179,28 +164,39 @@ std::vector<std::string> DumpTree(TStore& store, const std::string& strRoot) {
   return lines;
 }
 
-#define EXPECT_QI_ERROR(error, space, code, fragment)                                  \
-  do {                                                                                 \
-    const CQiError& e_ = (error);                                                      \
-    EXPECT_TRUE(e_.IsError());                                                         \
-    EXPECT_EQ(space, e_.GetSpace()) << e_.AsString();                                  \
-    EXPECT_EQ(static_cast<uint32_t>(code), e_.GetCode()) << e_.AsString();             \
-    EXPECT_NE(std::string::npos, e_.AsString().find(fragment)) << e_.AsString();       \
-  } while (0)
+void ExpectError(const CQiError& e, Space space, uint32_t code, const std::string& fragment) {
+  EXPECT_TRUE(e.IsError());
+  EXPECT_EQ(space, e.GetSpace()) << e.AsString();
+  EXPECT_EQ(code, e.GetCode()) << e.AsString();
+  EXPECT_NE(std::string::npos, e.AsString().find(fragment)) << e.AsString();
+}
 
-template <class TStore>
-class ScanStoreContract : public ::testing::Test {
+class StoreFixture : public ::testing::Test {
  protected:
   void SetUp() override { setenv(CQiLibrary::kPluginPathVariable, FSSCAN_SCANDB_PLUGIN_DIR, 1); }
   std::string NewFolder() { return m_tree.Path("jobs/db" + std::to_string(++m_iFolders)); }
+  template <class TStore>
   std::unique_ptr<TStore> Open(const std::string& strFolder, bool bCreate) {
     auto pStore = std::make_unique<TStore>(strFolder);
     CQiError error = pStore->Open(bCreate);
     EXPECT_TRUE(error.IsSuccess()) << error.AsString();
     return pStore;
   }
+  // Lets the unprivileged user nobody reach the store folders below jobs/.
+  void OpenJobsToNobody(const std::string& strFolder) {
+    ASSERT_EQ(0, chmod(m_tree.Path("jobs").c_str(), 0755));
+    ASSERT_EQ(0, chmod(strFolder.c_str(), 0755));
+  }
   CTempTree m_tree;
   int m_iFolders = 0;
+};
+
+template <class TStore>
+class ScanStoreContract : public StoreFixture {
+ protected:
+  std::unique_ptr<TStore> OpenStore(const std::string& strFolder, bool bCreate) {
+    return Open<TStore>(strFolder, bCreate);
+  }
 };
 
 using StoreTypes = ::testing::Types<CPluginStore, CStore>;
@@ -233,26 +229,21 @@ const SScenario kScenarios[] = {
     {"RenamedFolderCarriesItsSubtreeOnly", "/r",
      {"D /r", "D /r/d%_", "D /r/d%_/e", "F /r/d%_/e/f 1", "F /r/d%_/g 2", "D /r/dxy", "F /r/dxy/h",
       "D /r/d%_0", "F /r/d%_0/i", "F /r/d%_.x", "D /r/d%_!", "F /r/d%_!/j", "mvd /r/d%_ /r/n"},
-     {"D /r/d%_!", "F /r/d%_!/j 0", "F /r/d%_.x 0", "D /r/d%_0",
-      "F /r/d%_0/i 0", "D /r/dxy", "F /r/dxy/h 0", "D /r/n", "D /r/n/e", "F /r/n/e/f 1",
-      "F /r/n/g 2"}},
-    {"FolderMovesToAnotherParent", "/r",
-     {"D /r", "D /r/a", "D /r/a/s", "F /r/a/s/f 1", "D /r/b", "mvd /r/a/s /r/b/s"},
+     {"D /r/d%_!", "F /r/d%_!/j 0", "F /r/d%_.x 0", "D /r/d%_0", "F /r/d%_0/i 0", "D /r/dxy", "F /r/dxy/h 0",
+      "D /r/n", "D /r/n/e", "F /r/n/e/f 1", "F /r/n/g 2"}},
+    {"FolderMovesToAnotherParent", "/r", {"D /r", "D /r/a", "D /r/a/s", "F /r/a/s/f 1", "D /r/b", "mvd /r/a/s /r/b/s"},
      {"D /r/a", "D /r/b", "D /r/b/s", "F /r/b/s/f 1"}},
-    {"RenamedFileKeepsItsFields", "/r", {"D /r", "D /r/s", "F /r/a 4", "mv /r/a /r/s/a"},
-     {"D /r/s", "F /r/s/a 4"}},
+    {"RenamedFileKeepsItsFields", "/r", {"D /r", "D /r/s", "F /r/a 4", "mv /r/a /r/s/a"}, {"D /r/s", "F /r/s/a 4"}},
     {"DeletedFolderTakesItsSubtreeOnly", "/r",
      {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d.x", "rmd /r/d"},
      {"F /r/d.x 0", "D /r/d0"}},
     {"DeletedFile", "/r", {"D /r", "F /r/a", "F /r/b", "rm /r/a"}, {"F /r/b 0"}},
-    {"NamesAreBytes", "/r",
-     {"D /r", "D /r/\xff\xfe", "F /r/\xff\xfe/\x01n 1", "mvd /r/\xff\xfe /r/\xc3\x28"},
+    {"NamesAreBytes", "/r", {"D /r", "D /r/\xff\xfe", "F /r/\xff\xfe/\x01n 1", "mvd /r/\xff\xfe /r/\xc3\x28"},
      {"D /r/\xc3\x28", "F /r/\xc3\x28/\x01n 1"}},
     {"PathsLongerThanPathMax", "/r",
      {"D /r", "D /r/" + kLongName, "F /r/" + kLongName + "/f 1", "mvd /r/" + kLongName + " /r/s"},
      {"D /r/s", "F /r/s/f 1"}},
-    {"RootFolder", "/", {"D /", "F /a 1", "D /b", "F /b/c 2", "mvd /b /d"},
-     {"F /a 1", "D /d", "F /d/c 2"}},
+    {"RootFolder", "/", {"D /", "F /a 1", "D /b", "F /b/c 2", "mvd /b /d"}, {"F /a 1", "D /d", "F /d/c 2"}},
 };
 
 TYPED_TEST(ScanStoreContract, HoldsTheExpectedTree) {
@@ -261,21 +252,17 @@ TYPED_TEST(ScanStoreContract, HoldsTheExpectedTree) {
       SCOPED_TRACE(std::string(c.name) + (bBulk ? " in bulk mode" : ""));
       const std::string strFolder = this->NewFolder();
       {
-        auto pStore = this->Open(strFolder, true);
-        if (bBulk) {
-          ASSERT_TRUE(pStore->Bulk(true).IsSuccess());
-        }
+        auto pStore = this->OpenStore(strFolder, true);
+        ASSERT_TRUE(!bBulk || pStore->Bulk(true).IsSuccess());
         for (const std::string& strStep : c.steps) {
           CQiError error = Apply(*pStore, strStep);
           ASSERT_TRUE(error.IsSuccess()) << strStep << ": " << error.AsString();
         }
         EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
-        if (bBulk) {
-          ASSERT_TRUE(pStore->Bulk(false).IsSuccess());
-        }
+        ASSERT_TRUE(!bBulk || pStore->Bulk(false).IsSuccess());
         ASSERT_TRUE(pStore->Close().IsSuccess());
       }
-      auto pStore = this->Open(strFolder, false);
+      auto pStore = this->OpenStore(strFolder, false);
       EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
     }
   }
@@ -285,27 +272,25 @@ struct SRefusal {
   const char* name;
   std::vector<std::string> setup;  // additions below /r; each must still be found afterwards
   std::string step;
-  EQiErrorSpace space;
+  Space space;
   uint32_t code;
   const char* pluginMessage;  // what the plug-in store says
 };
 
 // A clear error, and nothing stored before is lost, in bulk mode and outside it.
 const SRefusal kRefusals[] = {
-    {"RenameFileOntoStoredFile", {"F /r/a 1", "F /r/b 2"}, "mv /r/a /r/b", EQiErrorSpace::ErrNo, EEXIST,
+    {"RenameFileOntoStoredFile", {"F /r/a 1", "F /r/b 2"}, "mv /r/a /r/b", E, EEXIST,
      "Cannot rename [/r/a] to [/r/b]: [/r/b] is already in the scan database"},
-    {"RenameFolderOntoStoredFolder", {"D /r/a", "F /r/a/x 1", "D /r/b"}, "mvd /r/a /r/b",
-     EQiErrorSpace::ErrNo, EEXIST, "[/r/b] is already in the scan database"},
-    {"RenameFolderOntoRecordsBelowTarget", {"D /r/a", "F /r/a/x 1", "F /r/n/x 2"}, "mvd /r/a /r/n",
-     EQiErrorSpace::ErrNo, EEXIST, "UNIQUE constraint failed"},
-    {"RenameFolderIntoItself", {"D /r/a"}, "mvd /r/a /r/a/b", EQiErrorSpace::Win32,
-     QiErrorCode::InvalidParameter, "Cannot rename [/r/a] to [/r/a/b]: one path lies below the other"},
-    {"RenameMissing", {"F /r/a"}, "mv /r/none /r/x", EQiErrorSpace::Win32, QiErrorCode::NotFound,
+    {"RenameFolderOntoStoredFolder", {"D /r/a", "F /r/a/x 1", "D /r/b"}, "mvd /r/a /r/b", E, EEXIST,
+     "[/r/b] is already in the scan database"},
+    {"RenameFolderOntoRecordsBelowTarget", {"D /r/a", "F /r/a/x 1", "F /r/n/x 2"}, "mvd /r/a /r/n", E, EEXIST,
+     "UNIQUE constraint failed"},
+    {"RenameFolderIntoItself", {"D /r/a"}, "mvd /r/a /r/a/b", W, QiErrorCode::InvalidParameter,
+     "Cannot rename [/r/a] to [/r/a/b]: one path lies below the other"},
+    {"RenameMissing", {"F /r/a"}, "mv /r/none /r/x", W, QiErrorCode::NotFound,
      "Cannot rename [/r/none]: it is not in scan database"},
-    {"DeleteMissing", {"F /r/a"}, "rm /r/none", EQiErrorSpace::Win32, QiErrorCode::NotFound,
-     "[/r/none] is not in scan database"},
-    {"QueryUnknownPath", {"F /r/a"}, "get /r/none", EQiErrorSpace::Win32, QiErrorCode::NotFound,
-     "[/r/none] is not in scan database"},
+    {"DeleteMissing", {"F /r/a"}, "rm /r/none", W, QiErrorCode::NotFound, "[/r/none] is not in scan database"},
+    {"QueryUnknownPath", {"F /r/a"}, "get /r/none", W, QiErrorCode::NotFound, "[/r/none] is not in scan database"},
 };
 
 TYPED_TEST(ScanStoreContract, RefusesClearlyAndKeepsWhatWasStored) {
@@ -315,23 +300,18 @@ TYPED_TEST(ScanStoreContract, RefusesClearlyAndKeepsWhatWasStored) {
       const std::string strFolder = this->NewFolder();
       std::vector<std::string> before;
       {
-        auto pStore = this->Open(strFolder, true);
+        auto pStore = this->OpenStore(strFolder, true);
         ASSERT_TRUE(pStore->AddFolder("/r").IsSuccess());
-        if (bBulk) {
-          ASSERT_TRUE(pStore->Bulk(true).IsSuccess());
-        }
+        ASSERT_TRUE(!bBulk || pStore->Bulk(true).IsSuccess());
         for (const std::string& strStep : c.setup) ASSERT_TRUE(Apply(*pStore, strStep).IsSuccess());
         before = DumpTree(*pStore, "/r");
-        CQiError error = Apply(*pStore, c.step);
-        EXPECT_QI_ERROR(error, c.space, c.code,
-                        (std::is_same_v<TypeParam, CPluginStore> ? c.pluginMessage : ""));
+        ExpectError(Apply(*pStore, c.step), c.space, c.code,
+                    std::is_same_v<TypeParam, CPluginStore> ? c.pluginMessage : "");
         EXPECT_EQ(before, DumpTree(*pStore, "/r"));
-        if (bBulk) {
-          ASSERT_TRUE(pStore->Bulk(false).IsSuccess());
-        }
+        ASSERT_TRUE(!bBulk || pStore->Bulk(false).IsSuccess());
         ASSERT_TRUE(pStore->Close().IsSuccess());
       }
-      auto pStore = this->Open(strFolder, false);
+      auto pStore = this->OpenStore(strFolder, false);
       EXPECT_EQ(before, DumpTree(*pStore, "/r"));
     }
   }
@@ -341,9 +321,9 @@ TYPED_TEST(ScanStoreContract, RefusesClearlyAndKeepsWhatWasStored) {
 TYPED_TEST(ScanStoreContract, IsNotConfiguredBeforeOpen) {
   TypeParam store(this->NewFolder());
   std::vector<SEntry> entries;
-  for (const CQiError& error :
-       {store.Bulk(true), store.AddFolder("/a"), store.AddFile("/a", 1), store.Rename("/a", "/b", true),
-        store.Remove("/a", false), store.Lookup("/a"), store.List("/a", entries)}) {
+  for (const CQiError& error : {store.Bulk(true), store.AddFolder("/a"), store.AddFile("/a", 1),
+                                store.Rename("/a", "/b", true), store.Remove("/a", false), store.Lookup("/a"),
+                                store.List("/a", entries)}) {
     EXPECT_TRUE(error.IsWin32(QiErrorCode::NotConfigured)) << error.AsString();
     EXPECT_EQ("Database is not configured", error.GetMessage());
   }
@@ -359,18 +339,16 @@ TYPED_TEST(ScanStoreContract, UncleanStopKeepsCommittedRecords) {
     bool bOk = pStore->Open(true).IsSuccess() && pStore->AddFolder("/r").IsSuccess() &&
                pStore->AddFile("/r/single", 1).IsSuccess() && pStore->Bulk(true).IsSuccess();
     for (int i = 0; bOk && i < 1000; ++i) bOk = pStore->AddFile("/r/bulk" + std::to_string(i), i).IsSuccess();
-    bOk = bOk && pStore->Bulk(false).IsSuccess() &&
-          pStore->Rename("/r/single", "/r/renamed", false).IsSuccess() &&
+    bOk = bOk && pStore->Bulk(false).IsSuccess() && pStore->Rename("/r/single", "/r/renamed", false).IsSuccess() &&
           pStore->Bulk(true).IsSuccess() && pStore->AddFile("/r/uncommitted", 0).IsSuccess();
     _exit(bOk ? 0 : 1);
   }
   int iStatus = 0;
   ASSERT_EQ(pid, waitpid(pid, &iStatus, 0));
   ASSERT_TRUE(WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
-  ASSERT_EQ(0, access((strFolder + "/" + TypeParam::kDatabaseFile + "-wal").c_str(), F_OK))
-      << "not an unclean stop";
+  ASSERT_EQ(0, access((strFolder + "/" + TypeParam::kDatabaseFile + "-wal").c_str(), F_OK)) << "not an unclean stop";
 
-  auto pStore = this->Open(strFolder, false);
+  auto pStore = this->OpenStore(strFolder, false);
   EXPECT_EQ(1001u, DumpTree(*pStore, "/r").size());
   EXPECT_TRUE(pStore->Lookup("/r/renamed").IsSuccess());
   EXPECT_TRUE(pStore->Lookup("/r/bulk999").IsSuccess());
@@ -381,7 +359,7 @@ TYPED_TEST(ScanStoreContract, UncleanStopKeepsCommittedRecords) {
 TYPED_TEST(ScanStoreContract, DamagedPagesAreInvalidData) {
   const std::string strFolder = this->NewFolder();
   {
-    auto pStore = this->Open(strFolder, true);
+    auto pStore = this->OpenStore(strFolder, true);
     ASSERT_TRUE(pStore->Bulk(true).IsSuccess());
     ASSERT_TRUE(pStore->AddFolder("/r").IsSuccess());
     for (int i = 0; i < 2000; ++i) ASSERT_TRUE(pStore->AddFile("/r/f" + std::to_string(i), i).IsSuccess());
@@ -392,39 +370,36 @@ TYPED_TEST(ScanStoreContract, DamagedPagesAreInvalidData) {
   const std::string strFile = strFolder + "/" + TypeParam::kDatabaseFile;
   struct stat st {};
   ASSERT_EQ(0, stat(strFile.c_str(), &st));
-  {
-    std::fstream file(strFile, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(8192);
-    file << std::string(static_cast<size_t>(st.st_size) - 8192, '\xa5');
-  }
+  std::fstream(strFile, std::ios::in | std::ios::out | std::ios::binary).seekp(8192)
+      << std::string(static_cast<size_t>(st.st_size) - 8192, '\xa5');
   TypeParam store(strFolder);
   CQiError error = store.Open(false);
   if (error.IsSuccess()) {
-    EXPECT_QI_ERROR(store.Validate(), EQiErrorSpace::Win32, QiErrorCode::InvalidData, "");
+    ExpectError(store.Validate(), W, QiErrorCode::InvalidData, "");
     error = store.Lookup("/r/f1");
   }
-  EXPECT_QI_ERROR(error, EQiErrorSpace::Win32, QiErrorCode::InvalidData, "malformed");
+  ExpectError(error, W, QiErrorCode::InvalidData, "malformed");
 }
 
 struct SOpenFailure {
   const char* name;
   std::function<std::string(CTempTree&)> prepare;  // prepares the tree, gives the folder
   bool bCreate;
-  EQiErrorSpace space;
+  Space space;
   uint32_t code;
   const char* fragment;
 };
 
 const SOpenFailure kOpenFailures[] = {
-    {"FolderBelowAFile", [](CTempTree& t) { return t.MakeFile("file") + "/db"; }, true, EQiErrorSpace::ErrNo,
-     ENOTDIR, "create the scan database folder"},
+    {"FolderBelowAFile", [](CTempTree& t) { return t.MakeFile("file") + "/db"; }, true, E, ENOTDIR,
+     "create the scan database folder"},
     {"GarbageFile",
      [](CTempTree& t) {
-       t.MakeFile("garbage/ScanDatabase.db", std::string(8192, '\x5a') + "garbage");
-       t.MakeFile("garbage/ScanDb.sqlite", std::string(8192, '\x5a') + "garbage");
+       for (const char* pszName : {"ScanDatabase.db", "ScanDb.sqlite"})
+         t.MakeFile(std::string("garbage/") + pszName, std::string(8192, '\x5a') + "garbage");
        return t.Path("garbage");
      },
-     false, EQiErrorSpace::Win32, QiErrorCode::InvalidData, "file is not a database"},
+     false, W, QiErrorCode::InvalidData, "file is not a database"},
     {"AnotherSQLiteFile",
      [](CTempTree& t) {
        t.MakeDir("other");
@@ -436,9 +411,8 @@ const SOpenFailure kOpenFailures[] = {
        }
        return t.Path("other");
      },
-     false, EQiErrorSpace::Win32, QiErrorCode::InvalidData, "not a scan database"},
-    {"EmptyFolderPath", [](CTempTree&) { return std::string(); }, true, EQiErrorSpace::Win32,
-     QiErrorCode::InvalidParameter, "is empty"},
+     false, W, QiErrorCode::InvalidData, "not a scan database"},
+    {"EmptyFolderPath", [](CTempTree&) { return std::string(); }, true, W, QiErrorCode::InvalidParameter, "is empty"},
 };
 
 // A clear error, never a crash; the store stays closed.
@@ -446,7 +420,7 @@ TYPED_TEST(ScanStoreContract, OpenFailuresAreClearErrors) {
   for (const SOpenFailure& c : kOpenFailures) {
     SCOPED_TRACE(c.name);
     TypeParam store(c.prepare(this->m_tree));
-    EXPECT_QI_ERROR(store.Open(c.bCreate), c.space, c.code, c.fragment);
+    ExpectError(store.Open(c.bCreate), c.space, c.code, c.fragment);
     EXPECT_TRUE(store.Lookup("/r").IsError());
   }
 }
@@ -454,41 +428,27 @@ TYPED_TEST(ScanStoreContract, OpenFailuresAreClearErrors) {
 // As the unprivileged user nobody, in folders that belong to root.
 TYPED_TEST(ScanStoreContract, FoldersOfAnotherUser) {
   const std::string strFolder = this->NewFolder();
-  {
-    auto pStore = this->Open(strFolder, true);
-    ASSERT_TRUE(pStore->AddFile("/x", 1).IsSuccess());
-  }
-  const struct {
-    std::string strFolder;
-    bool bCreate;
-    const char* fragment;
-  } cases[] = {{this->m_tree.Path("jobs/new/db"), true, "create the scan database folder"},
-               {strFolder, false, "cannot be written"}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(0, RunAsNobody([&c] {
-                TypeParam store(c.strFolder);
-                CQiError error = store.Open(c.bCreate);
-                if (error.IsErrNo(EACCES) && error.AsString().find(c.fragment) != std::string::npos) return true;
+  ASSERT_TRUE(this->OpenStore(strFolder, true)->AddFile("/x", 1).IsSuccess());
+  const std::pair<std::string, const char*> cases[] = {
+      {this->m_tree.Path("jobs/new/db"), "create the scan database folder"}, {strFolder, "cannot be written"}};
+  for (const auto& [strPath, fragment] : cases) {
+    EXPECT_EQ(0, RunAsNobody([&] {
+                TypeParam store(strPath);
+                CQiError error = store.Open(strPath != strFolder);
+                if (error.IsErrNo(EACCES) && error.AsString().find(fragment) != std::string::npos) return true;
                 fprintf(stderr, "%s\n", error.AsString().c_str());
                 return false;
               }))
-        << c.strFolder;
+        << strPath;
   }
 }
 
 // ---------------------------------------------------------------------------------------------
 // What only the plug-in store does.
 
-
-class ScanDatabaseTest : public ::testing::Test {
+class ScanDatabaseTest : public StoreFixture {
  protected:
-  void SetUp() override { setenv(CQiLibrary::kPluginPathVariable, FSSCAN_SCANDB_PLUGIN_DIR, 1); }
-  std::unique_ptr<CPluginStore> OpenStore(bool bCreateNew, bool bReadOnly = false) {
-    auto pStore = std::make_unique<CPluginStore>(m_strFolder, bReadOnly);
-    CQiError error = pStore->Open(bCreateNew);
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-    return pStore;
-  }
+  std::unique_ptr<CPluginStore> OpenStore(bool bCreateNew) { return Open<CPluginStore>(m_strFolder, bCreateNew); }
   // The contract's steps, and "Fnull path" (no record), "mv+ old new size" (a new record comes
   // with the rename).
   static CQiError Step(CPluginStore& store, const std::string& strStep) {
@@ -497,16 +457,13 @@ class ScanDatabaseTest : public ::testing::Test {
     if (args[0] == "mv+") return store.Db().RenameFile(args[1], args[2], nullptr, MakeRecord(std::stoll(args[3])));
     return Apply(store, strStep);
   }
-
-  CTempTree m_tree;
   std::string m_strFolder = m_tree.Path("jobs/db");
 };
 
 // Adding again replaces a record; records may come before their folder.
 const SScenario kPluginScenarios[] = {
     {"AddingAgainReplacesTheRecord", "/r", {"D /r", "F /r/a 1", "F /r/a 5"}, {"F /r/a 5"}},
-    {"FolderAddedAgainKeepsItsChildren", "/r", {"D /r", "D /r/d", "F /r/d/x 1", "D /r/d"},
-     {"D /r/d", "F /r/d/x 1"}},
+    {"FolderAddedAgainKeepsItsChildren", "/r", {"D /r", "D /r/d", "F /r/d/x 1", "D /r/d"}, {"D /r/d", "F /r/d/x 1"}},
     {"FileOverFolderTakesItsSubtreeOnly", "/r",
      {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d0/z", "F /r/d.x", "F /r/d 7"},
      {"F /r/d 7", "F /r/d.x 0", "D /r/d0", "F /r/d0/z 0"}},
@@ -528,30 +485,24 @@ TEST_F(ScanDatabaseTest, HoldsTheExpectedTree) {
 }
 
 // The plug-in store's own refusals: exact messages, nothing stored is lost.
-struct SPluginRefusal {
-  std::string step;
-  uint32_t code;
-  const char* message;
-};
-
 TEST_F(ScanDatabaseTest, RefusesClearly) {
-  const SPluginRefusal kRefusals[] = {
-      {"mv /r/d /r/b", 87, "Cannot rename [/r/d]: it is a folder in the scan database, not a file"},
-      {"rm /r/d", 87, "[/r/d] is a folder in the scan database, not a file"},
-      {"rmd /r/a", 87, "[/r/a] is a file in the scan database, not a folder"},
-      {std::string("F /r/a\0b", 8), 87, "The file path [/r/a\\x00b] contains a NUL byte"},
-      {"F", 87, "The file path is empty"},
-      {"Fnull /r/b", 87, "No record given for [/r/b]"},
-      {"ls /r/a", 87, "[/r/a] is a file in the scan database, not a folder"},
-      {"ls /r/none", 1168, "Folder [/r/none] is not in scan database"},
+  const std::pair<std::string, const char*> kRefusals[] = {
+      {"mv /r/d /r/b", "Cannot rename [/r/d]: it is a folder in the scan database, not a file"},
+      {"rm /r/d", "[/r/d] is a folder in the scan database, not a file"},
+      {"rmd /r/a", "[/r/a] is a file in the scan database, not a folder"},
+      {std::string("F /r/a\0b", 8), "The file path [/r/a\\x00b] contains a NUL byte"},
+      {"F", "The file path is empty"},
+      {"Fnull /r/b", "No record given for [/r/b]"},
+      {"ls /r/a", "[/r/a] is a file in the scan database, not a folder"},
+      {"ls /r/none", "Folder [/r/none] is not in scan database"},
   };
   auto pStore = OpenStore(true);
   for (const char* pszStep : {"D /r", "F /r/a 1", "D /r/d", "F /r/d/x 2"}) ASSERT_TRUE(Apply(*pStore, pszStep).IsSuccess());
   const std::vector<std::string> before = DumpTree(*pStore, "/r");
-  for (const SPluginRefusal& c : kRefusals) {
-    CQiError error = Step(*pStore, c.step);
-    EXPECT_TRUE(error.IsWin32(c.code)) << c.step << ": " << error.AsString();
-    EXPECT_NE(std::string::npos, error.GetMessage().find(c.message)) << error.AsString();
+  for (const auto& [step, message] : kRefusals) {
+    CQiError error = Step(*pStore, step);
+    EXPECT_TRUE(error.IsWin32(step == "ls /r/none" ? 1168 : 87)) << step << ": " << error.AsString();
+    EXPECT_NE(std::string::npos, error.GetMessage().find(message)) << error.AsString();
   }
   EXPECT_EQ(before, DumpTree(*pStore, "/r"));
 }
@@ -560,21 +511,20 @@ TEST_F(ScanDatabaseTest, RefusesClearly) {
 TEST_F(ScanDatabaseTest, RecordsKeepTheirIdsAndMetadata) {
   auto pStore = OpenStore(true);
   CDatabaseWrapper& db = pStore->Db();
-  CDatabaseItemPtr pFolder = MakeRecord(0), pFile = MakeRecord(1), pAgain = MakeRecord(2),
-                   pMoved = MakeRecord(3), pStored;
+  CDatabaseItemPtr pFolder = MakeRecord(0), pFile = MakeRecord(1), pAgain = MakeRecord(2), pMoved = MakeRecord(3),
+                   pStored;
   ASSERT_TRUE(db.AddFolder("/r", pFolder).IsSuccess());
   ASSERT_TRUE(db.AddFile("/r/a", pFile).IsSuccess());
   ASSERT_TRUE(db.AddFile("/r/a", pAgain).IsSuccess());
   ASSERT_TRUE(db.RenameFile("/r/a", "/r/b", nullptr, pMoved).IsSuccess());
   ASSERT_TRUE(db.QueryItem("/r/b", pStored).IsSuccess());
   EXPECT_GT(pFile->GetId(), pFolder->GetId());
-  EXPECT_EQ(pFile->GetId(), pAgain->GetId());
-  EXPECT_EQ(pFile->GetId(), pMoved->GetId());
-  EXPECT_EQ(pFile->GetId(), pStored->GetId());
+  EXPECT_EQ(std::vector<int64_t>(3, pFile->GetId()),
+            (std::vector<int64_t>{pAgain->GetId(), pMoved->GetId(), pStored->GetId()}));
   EXPECT_EQ(3, pStored->GetFileSize());
   EXPECT_EQ("b", pStored->GetFileName());
   // Metadata comes back exactly as given, whether or not it is the text of the record's fields.
-  const std::vector<std::function<void(CDatabaseItem&)>> metadata = {
+  const std::function<void(CDatabaseItem&)> metadata[] = {
       [](CDatabaseItem& r) { r.SetMetadata(""); },
       [](CDatabaseItem& r) { r.SetMetadata("not xml at all \x01\xff"); },
       [](CDatabaseItem& r) { r.SetLinks(9); },  // formed, then a field changed
@@ -585,7 +535,7 @@ TEST_F(ScanDatabaseTest, RecordsKeepTheirIdsAndMetadata) {
         ASSERT_TRUE(r.FormMetadata().IsSuccess());
       },
   };
-  for (size_t i = 0; i < metadata.size(); ++i) {
+  for (size_t i = 0; i < std::size(metadata); ++i) {
     const std::string strPath = "/r/f" + std::to_string(i);
     CDatabaseItemPtr pRecord = MakeRecord(static_cast<int64_t>(i)), pBack, pMovedBack;
     metadata[i](*pRecord);
@@ -600,28 +550,23 @@ TEST_F(ScanDatabaseTest, RecordsKeepTheirIdsAndMetadata) {
 }
 
 TEST_F(ScanDatabaseTest, ReadOnlyStoreAnswersQueriesAndRefusesChanges) {
-  {
-    auto pStore = OpenStore(true);
-    ASSERT_TRUE(Apply(*pStore, "D /r").IsSuccess());
-    ASSERT_TRUE(Apply(*pStore, "F /r/a 1").IsSuccess());
-  }  // closed by the wrapper
+  for (const char* pszStep : {"D /r", "F /r/a 1"}) ASSERT_TRUE(Apply(*OpenStore(true), pszStep).IsSuccess());
   // Closed, the database is one file: it can be read from a folder nobody may write.
-  ASSERT_EQ(0, chmod(m_tree.Path("jobs").c_str(), 0755));
-  ASSERT_EQ(0, chmod(m_strFolder.c_str(), 0755));
+  OpenJobsToNobody(m_strFolder);
   EXPECT_EQ(0, RunAsNobody([this] {
               CPluginStore store(m_strFolder, true);
               std::vector<SEntry> entries;
-              return store.Open(false).IsSuccess() && store.List("/r", entries).IsSuccess() &&
-                     entries.size() == 1;
+              return store.Open(false).IsSuccess() && store.List("/r", entries).IsSuccess() && entries.size() == 1;
             }));
-  auto pStore = OpenStore(false, true);
-  EXPECT_EQ(std::vector<std::string>{"F /r/a 1"}, DumpTree(*pStore, "/r"));
+  CPluginStore store(m_strFolder, true);
+  ASSERT_TRUE(store.Open(false).IsSuccess());
+  EXPECT_EQ(std::vector<std::string>{"F /r/a 1"}, DumpTree(store, "/r"));
   for (const char* pszStep : {"F /r/b", "rm /r/a", "mv /r/a /r/c", "rmd /r"}) {
-    CQiError error = Apply(*pStore, pszStep);
+    CQiError error = Apply(store, pszStep);
     EXPECT_TRUE(error.IsErrNo(EROFS)) << pszStep << ": " << error.AsString();
     EXPECT_NE(std::string::npos, error.GetMessage().find("is open read-only")) << pszStep;
   }
-  EXPECT_TRUE(pStore->Bulk(true).IsErrNo(EROFS));
+  EXPECT_TRUE(store.Bulk(true).IsErrNo(EROFS));
 }
 
 TEST_F(ScanDatabaseTest, OpenFailuresOfThePluginStore) {
@@ -629,62 +574,43 @@ TEST_F(ScanDatabaseTest, OpenFailuresOfThePluginStore) {
   const struct {
     std::string strFolder;
     bool bCreate, bReadOnly;
-    int iErrNo;
-    uint32_t uWin32;
+    Space space;
+    uint32_t code;
     const char* fragment;
   } cases[] = {
-      {m_tree.MakeDir("empty"), false, false, ENOENT, 0, "does not exist"},
-      {m_tree.Root() + "/" + std::string(5000, 'x'), true, false, ENAMETOOLONG, 0, "is longer than PATH_MAX"},
-      {m_tree.Path("db"), true, true, 0, 87, "it is to be opened read-only"},
-      {m_tree.Path("ro"), false, true, 0, 13, "file is not a database"},
+      {m_tree.MakeDir("empty"), false, false, E, ENOENT, "does not exist"},
+      {m_tree.Root() + "/" + std::string(5000, 'x'), true, false, E, ENAMETOOLONG, "is longer than PATH_MAX"},
+      {m_tree.Path("db"), true, true, W, 87, "it is to be opened read-only"},
+      {m_tree.Path("ro"), false, true, W, 13, "file is not a database"},
   };
   for (const auto& c : cases) {
     CDatabaseWrapper db(c.strFolder, FSDB::DatabaseTypePersistent, c.bReadOnly);
-    CQiError error = db.Open(c.bCreate);
-    EXPECT_TRUE(c.iErrNo ? error.IsErrNo(c.iErrNo) : error.IsWin32(c.uWin32)) << error.AsString();
-    EXPECT_NE(std::string::npos, error.GetMessage().find(c.fragment)) << error.AsString();
+    ExpectError(db.Open(c.bCreate), c.space, c.code, c.fragment);
     // The store stays closed: operations fail instead of touching a half-open database.
     CDatabaseItemPtr pItem;
     EXPECT_TRUE(db.QueryItem("/r", pItem).IsWin32(QiErrorCode::InvalidHandle));
   }
   // Creating a new store as nobody where an earlier one belongs to root.
-  { OpenStore(true); }
-  ASSERT_EQ(0, chmod(m_tree.Path("jobs").c_str(), 0755));
-  ASSERT_EQ(0, chmod(m_strFolder.c_str(), 0755));
+  OpenStore(true);
+  OpenJobsToNobody(m_strFolder);
   EXPECT_EQ(0, RunAsNobody([this] {
-              CDatabaseWrapper db(m_strFolder, FSDB::DatabaseTypePersistent, false);
-              CQiError error = db.Open(true);
+              CQiError error = CDatabaseWrapper(m_strFolder, FSDB::DatabaseTypePersistent, false).Open(true);
               return error.IsErrNo(EACCES) &&
                      error.GetMessage().find("Cannot remove the earlier scan database file") != std::string::npos;
             }));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Plug-ins that do not keep the contract.
-
+// Plug-ins that do not keep the contract; the fake's behaviour follows the database folder's name.
 struct SFakePlugin {
   const char* name;
   const char* pszPluginFolder;
-  const char* pszDatabase;  // the fake's behaviour follows the database folder's name
-  uint32_t openCode;        // 0: Open succeeds
-  const char* openText;     // in AsString of the error
+  const char* pszDatabase;
+  uint32_t openCode;     // 0: Open succeeds
+  const char* openText;  // in AsString of the error
   int iCreated;
-  const char* closeLog;  // level -1 message written when the wrapper is destroyed
 };
 
-void PrintTo(const SFakePlugin& c, std::ostream* out) { *out << c.name; }
-
-const SFakePlugin kFakePlugins[] = {
-    {"LacksDestroyExport", FSSCAN_FAKE_SCANDB_LACKING_DIR, "db", 1287,
-     "Failed to load function to destroy Database object", 0, nullptr},
-    {"ReturnsNoObject", FSSCAN_FAKE_SCANDB_DIR, "null-object", 14,
-     "Failed to create Database object", 0, nullptr},
-    {"CloseFailsAtDestruction", FSSCAN_FAKE_SCANDB_DIR, "close-fails", 0, "", 1,
-     "Unable to close the database due to "},
-};
-
-class DatabaseWrapperPlugin : public ScanDatabaseTest,
-                              public ::testing::WithParamInterface<SFakePlugin> {};
+class DatabaseWrapperPlugin : public ScanDatabaseTest, public ::testing::WithParamInterface<SFakePlugin> {};
 
 TEST_P(DatabaseWrapperPlugin, KeepsTheContract) {
   const SFakePlugin& c = GetParam();
@@ -696,9 +622,7 @@ TEST_P(DatabaseWrapperPlugin, KeepsTheContract) {
   int (*pfnDestroyed)() = nullptr;
   ASSERT_TRUE(fake.Resolve("FakeScanDatabaseCreated", pfnCreated).IsSuccess());
   ASSERT_TRUE(fake.Resolve("FakeScanDatabaseDestroyed", pfnDestroyed).IsSuccess());
-  const int iCreatedBefore = pfnCreated();
-  const int iDestroyedBefore = pfnDestroyed();
-
+  const int iCreatedBefore = pfnCreated(), iDestroyedBefore = pfnDestroyed();
   CLogCapture log;
   {
     CDatabaseWrapper db(m_tree.Path(c.pszDatabase), FSDB::DatabaseTypePersistent, false);
@@ -706,25 +630,28 @@ TEST_P(DatabaseWrapperPlugin, KeepsTheContract) {
     if (c.openCode == 0) {
       EXPECT_TRUE(error.IsSuccess()) << error.AsString();
     } else {
-      EXPECT_TRUE(error.IsWin32(c.openCode)) << error.AsString();
-      EXPECT_NE(std::string::npos, error.AsString().find(c.openText)) << error.AsString();
+      ExpectError(error, W, c.openCode, c.openText);
       CDatabaseItemPtr pItem;
       EXPECT_TRUE(db.QueryItem("/a", pItem).IsWin32(QiErrorCode::NotConfigured));
     }
   }
+  // Whatever was made was freed through the plug-in; a failed close is told to the operator.
   EXPECT_EQ(c.iCreated, pfnCreated() - iCreatedBefore);
-  // Whatever was made was freed through the plug-in.
   EXPECT_EQ(c.iCreated, pfnDestroyed() - iDestroyedBefore);
-  EXPECT_EQ(c.closeLog != nullptr ? 1u : 0u,
-            log->CountContaining("Unable to close the database due to ",
-                                  CLogWriterInterface::kLevelAlways));
-  if (c.closeLog != nullptr) {
-    EXPECT_EQ(1u, log->CountContaining("Fake close failure"));
-  }
+  const bool bCloseFails = std::string(c.pszDatabase) == "close-fails";
+  EXPECT_EQ(bCloseFails ? 1u : 0u,
+            log->CountContaining("Unable to close the database due to ", CLogWriterInterface::kLevelAlways));
+  EXPECT_EQ(bCloseFails ? 1u : 0u, log->CountContaining("Fake close failure"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Wrapper, DatabaseWrapperPlugin, ::testing::ValuesIn(kFakePlugins),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Wrapper, DatabaseWrapperPlugin,
+    ::testing::Values(SFakePlugin{"LacksDestroyExport", FSSCAN_FAKE_SCANDB_LACKING_DIR, "db", 1287,
+                                  "Failed to load function to destroy Database object", 0},
+                      SFakePlugin{"ReturnsNoObject", FSSCAN_FAKE_SCANDB_DIR, "null-object", 14,
+                                  "Failed to create Database object", 0},
+                      SFakePlugin{"CloseFailsAtDestruction", FSSCAN_FAKE_SCANDB_DIR, "close-fails", 0, "", 1}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
 // The record's metadata blob.
@@ -736,25 +663,6 @@ struct SMetadataCase {
   const char* fragment;
 };
 
-void PrintTo(const SMetadataCase& c, std::ostream* out) { *out << c.name; }
-
-const SMetadataCase kMetadataCases[] = {
-    {"Formed",
-     "<Metadata><Filesystem Attributes=\"33188\" Links=\"3\" FileSizeOnDisk=\"8192\" "
-     "CreationTime=\"1700000000\"/></Metadata>",
-     0, ""},
-    {"NotSet", "", 1168, "Metadata is not set."},
-    {"NotXml", "size=4096;\x01", 13, "LoadFromString failed, Metadata=[size=4096;\\x01]"},
-    {"NoFilesystemElement", "<Metadata/>", 1168, "Metadata has no Filesystem element"},
-    {"AttributeMissing",
-     "<Metadata><Filesystem Attributes=\"1\" Links=\"1\" FileSizeOnDisk=\"1\"/></Metadata>", 1168,
-     "Attribute [CreationTime] not found"},
-    {"AttributeNotANumber",
-     "<Metadata><Filesystem Attributes=\"1\" Links=\"x\" FileSizeOnDisk=\"1\" "
-     "CreationTime=\"1\"/></Metadata>",
-     13, "Attribute [Links]"},
-};
-
 class DatabaseItemMetadata : public ::testing::TestWithParam<SMetadataCase> {};
 
 TEST_P(DatabaseItemMetadata, IsReadBackOrRefusedWhole) {
@@ -762,47 +670,41 @@ TEST_P(DatabaseItemMetadata, IsReadBackOrRefusedWhole) {
   CDatabaseItem record;
   record.SetMetadata(c.strMetadata);
   CQiError error = record.PopulateFromMetadata();
+  auto fields = [&] {
+    return std::vector<int64_t>{record.GetAttributes(), record.GetLinks(), record.GetFileSizeOnDisk(),
+                                record.GetCreationTime()};
+  };
   if (c.code == 0) {
     ASSERT_TRUE(error.IsSuccess()) << error.AsString();
-    EXPECT_EQ(33188, record.GetAttributes());
-    EXPECT_EQ(3, record.GetLinks());
-    EXPECT_EQ(8192, record.GetFileSizeOnDisk());
-    EXPECT_EQ(1700000000, record.GetCreationTime());
+    EXPECT_EQ((std::vector<int64_t>{33188, 3, 8192, 1700000000}), fields());
     // Forming it again gives the same text.
     record.SetMetadata("");
     ASSERT_TRUE(record.FormMetadata().IsSuccess());
     EXPECT_EQ(c.strMetadata, record.GetMetadata());
     return;
   }
-  ASSERT_TRUE(error.IsWin32(c.code)) << error.AsString();
-  EXPECT_NE(std::string::npos, error.AsString().find(c.fragment)) << error.AsString();
-  EXPECT_EQ(0, record.GetAttributes());
-  EXPECT_EQ(0, record.GetLinks());
-  EXPECT_EQ(0, record.GetFileSizeOnDisk());
+  ExpectError(error, W, c.code, c.fragment);
+  EXPECT_EQ(std::vector<int64_t>(4, 0), fields());
 }
 
-INSTANTIATE_TEST_SUITE_P(Record, DatabaseItemMetadata, ::testing::ValuesIn(kMetadataCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST(DatabaseItem, AsStringIsTheLogLine) {
-  CDatabaseItem record;
-  record.SetFileName("a.txt");
-  record.SetFullyQualifiedPath("/r/a.txt");
-  record.SetFileId(12);
-  record.SetAttributes(33188);
-  record.SetLinks(2);
-  record.SetFileSize(100);
-  record.SetAccessTime(1);
-  record.SetModificationTime(2);
-  record.SetChangeTime(3);
-  record.SetCreationTime(4);
-  record.SetAsSelected(true);
-  EXPECT_EQ(
-      "FileName [a.txt] Inode [12] Attributes [33188] Links [2] FileSize [100] Access Time [1] "
-      "Modification Time [2] ChangeTime [3] Create Time [4] FullyQualifiedPath [/r/a.txt] "
-      "IsDirectory [no] IsSelected [yes] IsCollect[no]",
-      record.AsString());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Record, DatabaseItemMetadata,
+    ::testing::Values(
+        SMetadataCase{"Formed",
+                      "<Metadata><Filesystem Attributes=\"33188\" Links=\"3\" FileSizeOnDisk=\"8192\" "
+                      "CreationTime=\"1700000000\"/></Metadata>",
+                      0, ""},
+        SMetadataCase{"NotSet", "", 1168, "Metadata is not set."},
+        SMetadataCase{"NotXml", "size=4096;\x01", 13, "LoadFromString failed, Metadata=[size=4096;\\x01]"},
+        SMetadataCase{"NoFilesystemElement", "<Metadata/>", 1168, "Metadata has no Filesystem element"},
+        SMetadataCase{"AttributeMissing",
+                      "<Metadata><Filesystem Attributes=\"1\" Links=\"1\" FileSizeOnDisk=\"1\"/></Metadata>", 1168,
+                      "Attribute [CreationTime] not found"},
+        SMetadataCase{"AttributeNotANumber",
+                      "<Metadata><Filesystem Attributes=\"1\" Links=\"x\" FileSizeOnDisk=\"1\" "
+                      "CreationTime=\"1\"/></Metadata>",
+                      13, "Attribute [Links]"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
 // Items and records.
@@ -813,10 +715,9 @@ class ItemRecordRoundTrip : public ::testing::TestWithParam<const char*> {};
 TEST_P(ItemRecordRoundTrip, KeepsTheStatusData) {
   CTempTree tree;
   const std::string strKind = GetParam();
-  std::string strPath;
-  if (strKind == "file") strPath = tree.MakeFile("data/f.bin", std::string(10000, 'x'));
-  if (strKind == "folder") strPath = tree.MakeDir("data/sub");
-  if (strKind == "symlink") strPath = tree.MakeSymlink("data/link", "/nowhere");
+  const std::string strPath = strKind == "file"     ? tree.MakeFile("data/f.bin", std::string(10000, 'x'))
+                              : strKind == "folder" ? tree.MakeDir("data/sub")
+                                                    : tree.MakeSymlink("data/link", "/nowhere");
   FXFile::CFileData fileData(strPath, FXFile::CFileData::kModeFullPath);
   ASSERT_TRUE(fileData.good());
   CItemPtr pItem = std::make_shared<CFindFirstItem>(nullptr, strPath, fileData);
@@ -830,9 +731,10 @@ TEST_P(ItemRecordRoundTrip, KeepsTheStatusData) {
   CDatabaseItem copy;
   copy.SetMetadata(pRecord->GetMetadata());
   ASSERT_TRUE(copy.PopulateFromMetadata().IsSuccess());
-  EXPECT_EQ(std::make_tuple(pRecord->GetAttributes(), pRecord->GetLinks(), pRecord->GetFileSizeOnDisk(),
-                            pRecord->GetCreationTime()),
-            std::make_tuple(copy.GetAttributes(), copy.GetLinks(), copy.GetFileSizeOnDisk(), copy.GetCreationTime()));
+  auto fields = [](const CDatabaseItem& r) {
+    return std::make_tuple(r.GetAttributes(), r.GetLinks(), r.GetFileSizeOnDisk(), r.GetCreationTime());
+  };
+  EXPECT_EQ(fields(*pRecord), fields(copy));
 
   CItemPtr pBack;
   ASSERT_TRUE(CDatabaseItemWrapper::GetAsItem(pRecord, pBack, "", nullptr).IsSuccess());
@@ -843,15 +745,13 @@ TEST_P(ItemRecordRoundTrip, KeepsTheStatusData) {
     return std::make_tuple(p->IsFolder(), p->IsReparsePoint(), p->GetAttributes(), p->GetFileId(),
                            p->GetHardLinkCount(), p->GetFileSize(), p->GetFileSizeOnDisk(),
                            p->GetLastWriteTime().GetSeconds(), p->GetLastAccessTime().GetSeconds(),
-                           p->GetLastChangeTime().GetSeconds());
+                           p->GetLastChangeTime().GetSeconds(), p->GetLocalFullyQualifiedItemName(),
+                           p->GetSourceFullyQualifiedItemName());
   };
   EXPECT_EQ(status(pItem), status(pBack));
-  EXPECT_EQ(strPath, pBack->GetLocalFullyQualifiedItemName());
-  EXPECT_EQ(strPath, pBack->GetSourceFullyQualifiedItemName());
 }
 
-INSTANTIATE_TEST_SUITE_P(Conversion, ItemRecordRoundTrip,
-                         ::testing::Values("file", "folder", "symlink"));
+INSTANTIATE_TEST_SUITE_P(Conversion, ItemRecordRoundTrip, ::testing::Values("file", "folder", "symlink"));
 
 // The rules of rebuilding an item from a record.
 struct SRecordToItem {
@@ -861,19 +761,7 @@ struct SRecordToItem {
   int64_t llSizeOnDisk;
   std::string strLocalPath;
   uint32_t uExpectedAttributes;
-  bool bExpectedFolder;
   uint64_t ullExpectedSizeOnDisk;
-};
-
-void PrintTo(const SRecordToItem& c, std::ostream* out) { *out << c.name; }
-
-const SRecordToItem kRecordToItem[] = {
-    {"FolderWithoutTypeBits", 0755, true, 4096, "", 040755, true, 4096},
-    {"FolderWithFileTypeBits", 0100755, true, 0, "", 040755, true, 0},
-    {"FileKeepsItsBits", 0100600, false, 4096, "", 0100600, false, 4096},
-    {"SizeOnDiskTruncatesTo512", 0100644, false, 1000, "", 0100644, false, 512},
-    {"SizeOnDiskBelowOneBlock", 0100644, false, 511, "", 0100644, false, 0},
-    {"ReadThroughALocalPath", 0100644, false, 1024, "/snap/r/a", 0100644, false, 1024},
 };
 
 class RecordToItem : public ::testing::TestWithParam<SRecordToItem> {};
@@ -890,27 +778,31 @@ TEST_P(RecordToItem, FollowsTheRules) {
   CItemPtr pItem;
   ASSERT_TRUE(CDatabaseItemWrapper::GetAsItem(pRecord, pItem, c.strLocalPath, pBag).IsSuccess());
   EXPECT_EQ(c.uExpectedAttributes, pItem->GetAttributes());
-  EXPECT_EQ(c.bExpectedFolder, pItem->IsFolder());
+  EXPECT_EQ(c.bDirectory, pItem->IsFolder());
   EXPECT_EQ(c.ullExpectedSizeOnDisk, pItem->GetFileSizeOnDisk());
   EXPECT_EQ(700u, pItem->GetFileSize());
   EXPECT_EQ(pBag, pItem->GetWorkUnitBag());
-  EXPECT_EQ(c.strLocalPath.empty() ? "/r/a" : c.strLocalPath,
-            pItem->GetLocalFullyQualifiedItemName());
+  EXPECT_EQ(c.strLocalPath.empty() ? "/r/a" : c.strLocalPath, pItem->GetLocalFullyQualifiedItemName());
   EXPECT_EQ("/r/a", pItem->GetSourceFullyQualifiedItemName());
 }
 
-INSTANTIATE_TEST_SUITE_P(Conversion, RecordToItem, ::testing::ValuesIn(kRecordToItem),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Conversion, RecordToItem,
+    ::testing::Values(SRecordToItem{"FolderWithoutTypeBits", 0755, true, 4096, "", 040755, 4096},
+                      SRecordToItem{"FolderWithFileTypeBits", 0100755, true, 0, "", 040755, 0},
+                      SRecordToItem{"FileKeepsItsBits", 0100600, false, 4096, "", 0100600, 4096},
+                      SRecordToItem{"SizeOnDiskTruncatesTo512", 0100644, false, 1000, "", 0100644, 512},
+                      SRecordToItem{"SizeOnDiskBelowOneBlock", 0100644, false, 511, "", 0100644, 0},
+                      SRecordToItem{"ReadThroughALocalPath", 0100644, false, 1024, "/snap/r/a", 0100644, 1024}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(DatabaseItemWrapper, RefusesMissingInput) {
   CDatabaseItemPtr pRecord;
   EXPECT_TRUE(CDatabaseItemWrapper::GetDatabaseItem(nullptr, pRecord).IsWin32(87));
   CItemPtr pItem;
   EXPECT_TRUE(CDatabaseItemWrapper::GetAsItem(nullptr, pItem, "", nullptr).IsWin32(87));
-  CQiError error =
-      CDatabaseItemWrapper::GetAsItem(std::make_shared<CDatabaseItem>(), pItem, "", nullptr);
-  EXPECT_TRUE(error.IsWin32(87));
-  EXPECT_NE(std::string::npos, error.GetMessage().find("Record has no path"));
+  ExpectError(CDatabaseItemWrapper::GetAsItem(std::make_shared<CDatabaseItem>(), pItem, "", nullptr), W, 87,
+              "Record has no path");
 }
 
 }  // namespace
