@@ -8,16 +8,14 @@
 #include <unistd.h>
 
 #include <map>
-#include <memory>
-#include <string>
 
 #include "Platform/FXFile.h"
 #include "Scan/FabricatedItem.h"
 #include "Scan/FindFirstItem.h"
 #include "Scan/Unix/AnalyticsItemAddInfo.h"
 #include "Scan/Unix/AnalyticsItemUnix.h"
-#include "Support/TempTree.h"
 #include "Support/LogCapture.h"
+#include "Support/TempTree.h"
 
 namespace {
 
@@ -30,34 +28,41 @@ constexpr gid_t kNoSuchGroup = 4000002;
 // A real file with the mode and owner, read back with lstat into a find-first item.
 CItemPtr MakeItem(CTempTree& tree, const std::string& name, mode_t mode, uid_t uid, gid_t gid) {
   std::string path = tree.MakeFile(name, "data");
-  if (chown(path.c_str(), uid, gid) != 0 || chmod(path.c_str(), mode) != 0) return nullptr;
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return nullptr;
-  return std::make_shared<CFindFirstItem>(
-      nullptr, path, FXFile::CFileData(path, FXFile::CFileData::kModeFullPath, &st));
+  if (chown(path.c_str(), uid, gid) != 0 || chmod(path.c_str(), mode) != 0 || lstat(path.c_str(), &st) != 0)
+    return nullptr;
+  return std::make_shared<CFindFirstItem>(nullptr, path, FXFile::CFileData(path, FXFile::CFileData::kModeFullPath, &st));
 }
 
-// Replaces {U} {u} {G} {g} in the expected values by the owner and group names and ids.
-TMap Expand(const TMap& pattern, const std::string& U, const std::string& u, const std::string& G,
-            const std::string& g) {
-  TMap out;
-  for (auto [key, value] : pattern) {
-    for (auto [from, to] :
-         {std::pair<std::string, std::string>{"{U}", U}, {"{u}", u}, {"{G}", G}, {"{g}", g}})
-      for (size_t pos; (pos = value.find(from)) != std::string::npos;)
-        value.replace(pos, from.size(), to);
-    out[key] = value;
-  }
-  return out;
-}
-
+// Who holds each right: "U" the owner, "G" the group, in that order.
 struct SModeRow {
   const char* name;
   mode_t mode;
   uid_t uid;
   gid_t gid;
-  TMap expected;  // with {U}/{u} for the owner's name/id and {G}/{g} for the group's
+  const char *read, *write, *execute, *full;
 };
+
+// The summary the row stands for: each right lists its holders' names and ids, each followed by ','.
+TMap Expected(const SModeRow& row, const std::string& U, const std::string& G) {
+  TMap map;
+  auto add = [&](const std::string& who, std::vector<std::pair<const char*, const char*>> keys) {
+    std::string names, ids;
+    for (char c : who) {
+      names += (c == 'U' ? U : G) + ",";
+      ids += std::to_string(c == 'U' ? row.uid : row.gid) + ",";
+    }
+    for (const auto& [nameKey, idKey] : keys)
+      if (!who.empty()) map[nameKey] = names, map[idKey] = ids;
+  };
+  add(row.read, {{"AllowListUsername", "AllowListSID"}, {"ReadAccessUserName", "ReadAccessSID"}});
+  add(row.write, {{"AllowModifyUsername", "AllowModifySID"},
+                  {"AllowWriteUsername", "AllowWriteSID"},
+                  {"AllowDeleteUsername", "AllowDeleteSID"}});
+  add(row.execute, {{"AllowExecuteUsername", "AllowExecuteSID"}});
+  add(row.full, {{"AllowFullControlUsername", "AllowFullControlSID"}});
+  return map;
+}
 
 class UnixPermissionTest : public ::testing::TestWithParam<SModeRow> {};
 
@@ -74,96 +79,27 @@ TEST_P(UnixPermissionTest, SummarisesOwnerAndGroupBits) {
   struct passwd* pw = getpwuid(row.uid);
   struct group* gr = getgrgid(row.gid);
   const std::string U = pw ? pw->pw_name : "UNKNOWN", G = gr ? gr->gr_name : "UNKNOWN";
-  const std::string u = std::to_string(row.uid), g = std::to_string(row.gid);
-  EXPECT_EQ(pAnalytics->GetSecurityInfoMap(), Expand(row.expected, U, u, G, g));
+  EXPECT_EQ(pAnalytics->GetSecurityInfoMap(), Expected(row, U, G));
   EXPECT_EQ(pAnalytics->GetOwnerName(), U);
-  EXPECT_EQ(pAnalytics->GetOwnerSid(), u);
-
+  EXPECT_EQ(pAnalytics->GetOwnerSid(), std::to_string(row.uid));
   // A second Process() collects nothing more (the lists would double).
   ASSERT_TRUE(pAnalytics->Process().IsSuccess());
-  EXPECT_EQ(pAnalytics->GetSecurityInfoMap(), Expand(row.expected, U, u, G, g));
+  EXPECT_EQ(pAnalytics->GetSecurityInfoMap(), Expected(row, U, G));
 }
 
-const TMap kOwnerAll = {{"AllowListUsername", "{U},"},
-                        {"ReadAccessUserName", "{U},"},
-                        {"AllowListSID", "{u},"},
-                        {"ReadAccessSID", "{u},"},
-                        {"AllowModifyUsername", "{U},"},
-                        {"AllowWriteUsername", "{U},"},
-                        {"AllowDeleteUsername", "{U},"},
-                        {"AllowModifySID", "{u},"},
-                        {"AllowWriteSID", "{u},"},
-                        {"AllowDeleteSID", "{u},"},
-                        {"AllowExecuteUsername", "{U},"},
-                        {"AllowExecuteSID", "{u},"},
-                        {"AllowFullControlUsername", "{U},"},
-                        {"AllowFullControlSID", "{u},"}};
-const TMap kGroupAll = {{"AllowListUsername", "{G},"},
-                        {"ReadAccessUserName", "{G},"},
-                        {"AllowListSID", "{g},"},
-                        {"ReadAccessSID", "{g},"},
-                        {"AllowModifyUsername", "{G},"},
-                        {"AllowWriteUsername", "{G},"},
-                        {"AllowDeleteUsername", "{G},"},
-                        {"AllowModifySID", "{g},"},
-                        {"AllowWriteSID", "{g},"},
-                        {"AllowDeleteSID", "{g},"},
-                        {"AllowExecuteUsername", "{G},"},
-                        {"AllowExecuteSID", "{g},"},
-                        {"AllowFullControlUsername", "{G},"},
-                        {"AllowFullControlSID", "{g},"}};
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, UnixPermissionTest,
-    ::testing::Values(
-        // 0750 alice/staff in miniature: daemon (1) and staff (50).
-        SModeRow{"Mode0750",
-                 0750,
-                 1,
-                 50,
-                 {{"AllowListUsername", "{U},{G},"},
-                  {"ReadAccessUserName", "{U},{G},"},
-                  {"AllowListSID", "{u},{g},"},
-                  {"ReadAccessSID", "{u},{g},"},
-                  {"AllowModifyUsername", "{U},"},
-                  {"AllowWriteUsername", "{U},"},
-                  {"AllowDeleteUsername", "{U},"},
-                  {"AllowModifySID", "{u},"},
-                  {"AllowWriteSID", "{u},"},
-                  {"AllowDeleteSID", "{u},"},
-                  {"AllowExecuteUsername", "{U},{G},"},
-                  {"AllowExecuteSID", "{u},{g},"},
-                  {"AllowFullControlUsername", "{U},"},
-                  {"AllowFullControlSID", "{u},"}}},
-        SModeRow{"Mode0700", 0700, 1, 50, kOwnerAll},
-        SModeRow{"Mode4700SetUidIgnored", 04700, 1, 50, kOwnerAll},
-        SModeRow{"Mode0077GroupOnlyOthersIgnored", 0077, 1, 50, kGroupAll},
-        SModeRow{"Mode0440ReadOnly",
-                 0440,
-                 0,
-                 50,
-                 {{"AllowListUsername", "{U},{G},"},
-                  {"ReadAccessUserName", "{U},{G},"},
-                  {"AllowListSID", "{u},{g},"},
-                  {"ReadAccessSID", "{u},{g},"}}},
-        SModeRow{"Mode0220WriteOnly",
-                 0220,
-                 0,
-                 0,
-                 {{"AllowModifyUsername", "{U},{G},"},
-                  {"AllowWriteUsername", "{U},{G},"},
-                  {"AllowDeleteUsername", "{U},{G},"},
-                  {"AllowModifySID", "{u},{g},"},
-                  {"AllowWriteSID", "{u},{g},"},
-                  {"AllowDeleteSID", "{u},{g},"}}},
-        SModeRow{"Mode0110ExecuteOnly",
-                 0110,
-                 0,
-                 0,
-                 {{"AllowExecuteUsername", "{U},{G},"}, {"AllowExecuteSID", "{u},{g},"}}},
-        SModeRow{"Mode0007NothingForOthers", 0007, 0, 0, {}},
-        SModeRow{"UnknownOwnerAndGroup", 0700, kNoSuchUser, kNoSuchGroup, kOwnerAll}),
-    [](const auto& info) { return info.param.name; });
+// 0750 alice/staff in miniature: daemon (1) and staff (50).
+INSTANTIATE_TEST_SUITE_P(Modes, UnixPermissionTest,
+                         ::testing::Values(SModeRow{"Mode0750", 0750, 1, 50, "UG", "U", "UG", "U"},
+                                           SModeRow{"Mode0700", 0700, 1, 50, "U", "U", "U", "U"},
+                                           SModeRow{"Mode4700SetUidIgnored", 04700, 1, 50, "U", "U", "U", "U"},
+                                           SModeRow{"Mode0077GroupOnlyOthersIgnored", 0077, 1, 50, "G", "G", "G", "G"},
+                                           SModeRow{"Mode0440ReadOnly", 0440, 0, 50, "UG", "", "", ""},
+                                           SModeRow{"Mode0220WriteOnly", 0220, 0, 0, "", "UG", "", ""},
+                                           SModeRow{"Mode0110ExecuteOnly", 0110, 0, 0, "", "", "UG", ""},
+                                           SModeRow{"Mode0007NothingForOthers", 0007, 0, 0, "", "", "", ""},
+                                           SModeRow{"UnknownOwnerAndGroup", 0700, kNoSuchUser, kNoSuchGroup, "U",
+                                                    "U", "U", "U"}),
+                         [](const auto& info) { return info.param.name; });
 
 TEST(UnixSecurityTest, UnknownNamesAndTheLevelSevenLine) {
   CTempTree tree;
@@ -174,24 +110,17 @@ TEST(UnixSecurityTest, UnknownNamesAndTheLevelSevenLine) {
     CAnalyticsItemUnix analytics(pItem);
     ASSERT_TRUE(analytics.EnableSecurityInfoProcessing(false, true).IsSuccess());
     ASSERT_TRUE(analytics.Process().IsSuccess());
-
     EXPECT_EQ(analytics.GetOwnerName(), "UNKNOWN");
-    EXPECT_EQ(analytics.GetOwnerSid(), "4000001");
     EXPECT_EQ(analytics.GetSecurityInfoMap().at("AllowListUsername"), "UNKNOWN,UNKNOWN,");
-    EXPECT_EQ(analytics.GetSecurityInfoMap().at("AllowListSID"), "4000001,4000002,");
     const std::string line = "Item [" + tree.Path("odd\nname") +
-                             "], Owner name [UNKNOWN], Owner id [4000001], Group name [UNKNOWN], "
-                             "Group id [4000002]";
+                             "], Owner name [UNKNOWN], Owner id [4000001], Group name [UNKNOWN], Group id [4000002]";
     EXPECT_EQ(pLog->Count(line, 7), level == 7 ? 1u : 0u);
   }
 }
 
 struct SFlagsRow {
   const char* name;
-  bool owner;
-  bool permissions;
-  bool hasInfo;
-  bool hasMap;
+  bool owner, permissions, hasInfo, hasMap;
 };
 
 class UnixSecurityFlagsTest : public ::testing::TestWithParam<SFlagsRow> {};
@@ -225,7 +154,6 @@ TEST(UnixSecurityTest, ItemsWithoutStatDataOrGoneGiveNothing) {
   ASSERT_TRUE(fabricated.Process().IsSuccess());
   EXPECT_EQ(fabricated.GetOwnerName(), "");
   EXPECT_TRUE(fabricated.GetSecurityInfoMap().empty());
-
   // An interface whose item has gone cannot enable processing.
   CItemPtr pGone = std::make_shared<CFabricatedItem>(nullptr, "/x/z", "/x/z");
   CAnalyticsItemUnix orphan(pGone);
@@ -238,8 +166,7 @@ TEST(UnixSecurityTest, ItemsWithoutStatDataOrGoneGiveNothing) {
 // Counts its own destruction, to see that the item destroys what is attached to it.
 class CProbeAnalytics : public CAnalyticsItemUnix {
  public:
-  CProbeAnalytics(const CItemPtr& pItem, int* pDestroyed)
-      : CAnalyticsItemUnix(pItem), m_pDestroyed(pDestroyed) {}
+  CProbeAnalytics(const CItemPtr& pItem, int* pDestroyed) : CAnalyticsItemUnix(pItem), m_pDestroyed(pDestroyed) {}
   ~CProbeAnalytics() override { ++*m_pDestroyed; }
 
  private:
@@ -260,13 +187,9 @@ TEST(UnixSecurityTest, AttachedAtIdZeroAndDestroyedWithTheItem) {
 
   int destroyed = 0;
   CItemPtr pOther = MakeItem(tree, "g", 0600, 0, 0);
-  ASSERT_TRUE(pOther
-                  ->AddInterface(CAnalyticsItemInterface::kInterfaceId,
-                                 new CProbeAnalytics(pOther, &destroyed))
+  ASSERT_TRUE(pOther->AddInterface(CAnalyticsItemInterface::kInterfaceId, new CProbeAnalytics(pOther, &destroyed))
                   .IsSuccess());
-  ASSERT_TRUE(CAnalyticsItemInterface::FromItem(*pOther)
-                  ->EnableSecurityInfoProcessing(true, true)
-                  .IsSuccess());
+  ASSERT_TRUE(CAnalyticsItemInterface::FromItem(*pOther)->EnableSecurityInfoProcessing(true, true).IsSuccess());
   ASSERT_TRUE(CAnalyticsItemInterface::FromItem(*pOther)->Process().IsSuccess());
   EXPECT_EQ(destroyed, 0);
   pOther.reset();
@@ -280,14 +203,10 @@ TEST(UnixSecurityTest, JsonRenderings) {
   CAnalyticsItemUnix analytics(pItem);
   ASSERT_TRUE(analytics.EnableSecurityInfoProcessing(true, true).IsSuccess());
   ASSERT_TRUE(analytics.Process().IsSuccess());
-  EXPECT_EQ(analytics.GetSecurityInfoMap2AsJsonString(),
-            "{\"AllowExecuteSID\":\"0,\",\"AllowExecuteUsername\":\"root,\"}");
+  EXPECT_EQ(analytics.GetSecurityInfoMap2AsJsonString(), "{\"AllowExecuteSID\":\"0,\",\"AllowExecuteUsername\":\"root,\"}");
 
-  CAnalyticsItemAddInfo addInfo(
-      "rwxr-x---", "al\"ice\n",
-      "job\xff"
-      "user",
-      "", {{"staff", "50", "Read", true}, {"\xc3\xa4t", "7", "Write", false}});
+  CAnalyticsItemAddInfo addInfo("rwxr-x---", "al\"ice\n", "job\xff" "user", "",
+                                {{"staff", "50", "Read", true}, {"\xc3\xa4t", "7", "Write", false}});
   EXPECT_EQ(addInfo.GetACLCriteriaAsJSONString(),
             "[{\"Name\":\"staff\",\"SID\":\"50\",\"Permission\":\"Read\",\"Allow\":true},"
             "{\"Name\":\"\xc3\xa4t\",\"SID\":\"7\",\"Permission\":\"Write\",\"Allow\":false}]");
