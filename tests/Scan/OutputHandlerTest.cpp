@@ -1,27 +1,19 @@
+// The output handlers that route items to consumers (by consumer alone, or by an evaluator and
+// consumer pair), and the directory-change collector that splits selected items between the
+// backup collect, the ancestors and the directory-change consumers.
 #include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXFile.h"
+#include "Platform/FXString.h"
 #include "Platform/ScanPerformanceCounter.h"
 #include "Scan/ConsumerOutputHandler.h"
 #include "Scan/DirChangeCollectItemConsumer.h"
 #include "Scan/EvaluatorOutputHandler.h"
 #include "Scan/FindFirstItem.h"
-#include "Scan/ItemConsumer.h"
-#include "Scan/ItemEvaluator.h"
-#include "Scan/OutputHandler.h"
 #include "Support/TempTree.h"
 
 namespace {
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() &&
-         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 // Keeps the items it is given; fails with a set code instead when asked to.
 class CRecordingConsumer : public CItemConsumer {
@@ -48,23 +40,23 @@ class CFixedEvaluator : public CItemEvaluator {
   int m_iCalls = 0;
 };
 
-// Items from a real temporary tree.
-class OutputFixture {
- protected:
-  CItemPtr MakeItem(const std::string& relative) {
-    const std::string path = m_tree.MakeFile(relative, "content");
-    FXFile::CFileData data(path, FXFile::CFileData::kModeFullPath);
-    EXPECT_TRUE(data.good());
-    return std::make_shared<CFindFirstItem>(m_pBag, path, data);
-  }
-  CTempTree m_tree;
-  CBagPtr m_pBag = std::make_shared<CBag>();
-};
+// An item for a real file of a temporary tree.
+CItemPtr MakeItem(CTempTree& tree, const std::string& relative) {
+  const std::string path = tree.MakeFile(relative, "content");
+  FXFile::CFileData data(path, FXFile::CFileData::kModeFullPath);
+  EXPECT_TRUE(data.good());
+  return std::make_shared<CFindFirstItem>(std::make_shared<CBag>(), path, data);
+}
 
-// ---------------------------------------------------------------------------------------------
-// The base output handler refuses items.
-
-class BaseOutputHandler : public ::testing::Test, public OutputFixture {};
+// Success for code 0; else the consumer's error, with one frame pushed in the file (null: passed
+// up as it is).
+void ExpectOutcome(const CQiError& error, uint32_t code, const char* pushedIn) {
+  ASSERT_TRUE(code == 0 ? error.IsSuccess() : error.IsWin32(code)) << error.AsString();
+  if (code == 0) return;
+  EXPECT_EQ("consumer refused", error.GetMessage());
+  ASSERT_EQ(pushedIn ? 2u : 1u, error.GetFrames().size());
+  EXPECT_TRUE(!pushedIn || FXString::EndsWith(error.GetFrames().back().file, pushedIn)) << error.AsString();
+}
 
 // ---------------------------------------------------------------------------------------------
 // Routing handlers: which items reach which consumer.
@@ -83,110 +75,67 @@ struct SRouteCase {
   const char* expectPushedIn;  // file of the frame the handler adds, null: returned as it is
 };
 
-void PrintTo(const SRouteCase& c, std::ostream* out) { *out << c.name; }
-
-class RoutingHandler : public ::testing::TestWithParam<SRouteCase>, public OutputFixture {};
+class RoutingHandler : public ::testing::TestWithParam<SRouteCase> {};
 
 TEST_P(RoutingHandler, RoutesAsConfigured) {
   const SRouteCase& c = GetParam();
   auto consumer = std::make_shared<CRecordingConsumer>(c.consumerFails);
   auto other = std::make_shared<CRecordingConsumer>();
-  auto evaluator = c.evaluator == EEvaluator::None
-                       ? nullptr
-                       : std::make_shared<CFixedEvaluator>(c.evaluator == EEvaluator::Selects);
-  auto otherEvaluator = std::make_shared<CFixedEvaluator>(true);
+  auto evaluator = std::make_shared<CFixedEvaluator>(c.evaluator == EEvaluator::Selects);
+  const CItemConsumerPtr routed = c.withConsumer ? consumer : nullptr, untouched = other;
+  const CItemEvaluatorPtr routedEvaluator = c.evaluator == EEvaluator::None ? nullptr : evaluator;
+  const CItemEvaluatorPtr otherEvaluator = std::make_shared<CFixedEvaluator>(true);
+  // The route under test, and a selecting route on the other side that must stay untouched.
   COutputHandlerPtr handler;
   if (c.evaluatorHandler) {
     auto evaluating = std::make_shared<CEvaluatorOutputHandler>();
-    // The pair under test, and a selecting pair on the other route that must stay untouched.
-    if (c.deleted) {
-      if (c.withConsumer) evaluating->SetDeletedItemConsumer(consumer);
-      evaluating->SetDeletedItemEvaluator(evaluator);
-      evaluating->SetItemConsumer(other);
-      evaluating->SetItemEvaluator(otherEvaluator);
-    } else {
-      if (c.withConsumer) evaluating->SetItemConsumer(consumer);
-      evaluating->SetItemEvaluator(evaluator);
-      evaluating->SetDeletedItemConsumer(other);
-      evaluating->SetDeletedItemEvaluator(otherEvaluator);
-    }
+    evaluating->SetItemConsumer(c.deleted ? untouched : routed);
+    evaluating->SetItemEvaluator(c.deleted ? otherEvaluator : routedEvaluator);
+    evaluating->SetDeletedItemConsumer(c.deleted ? routed : untouched);
+    evaluating->SetDeletedItemEvaluator(c.deleted ? routedEvaluator : otherEvaluator);
     handler = evaluating;
   } else {
     auto consuming = std::make_shared<CConsumerOutputHandler>();
-    if (c.deleted) {
-      if (c.withConsumer) consuming->SetDeletedItemConsumer(consumer);
-      consuming->SetItemConsumer(other);
-    } else {
-      if (c.withConsumer) consuming->SetItemConsumer(consumer);
-      consuming->SetDeletedItemConsumer(other);
-    }
+    consuming->SetItemConsumer(c.deleted ? untouched : routed);
+    consuming->SetDeletedItemConsumer(c.deleted ? routed : untouched);
     handler = consuming;
   }
 
-  CItemPtr item = MakeItem("dir/file.txt");
+  CTempTree tree;
+  CItemPtr item = MakeItem(tree, "dir/file.txt");
   CQiError error = c.deleted ? handler->OnDeletedItem(item) : handler->OnItem(item);
-  if (c.expectCode == 0) {
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-  } else {
-    ASSERT_TRUE(error.IsWin32(c.expectCode)) << error.AsString();
-    EXPECT_EQ("consumer refused", error.GetMessage());
-    if (c.expectPushedIn != nullptr) {
-      ASSERT_EQ(2u, error.GetFrames().size());
-      EXPECT_TRUE(EndsWith(error.GetFrames().back().file, c.expectPushedIn))
-          << error.GetFrames().back().file;
-      EXPECT_NE(std::string::npos, std::string(error.GetFrames().back().function).find("OnItem"));
-    } else {
-      EXPECT_EQ(1u, error.GetFrames().size());
-    }
-  }
-  EXPECT_EQ(c.expectDelivered ? 1u : 0u, consumer->m_vItems.size());
-  if (c.expectDelivered) {
-    EXPECT_EQ(item, consumer->m_vItems.front());
-  }
+  ExpectOutcome(error, c.expectCode, c.expectPushedIn);
+  EXPECT_EQ(c.expectDelivered ? std::vector<CItemPtr>{item} : std::vector<CItemPtr>{}, consumer->m_vItems);
   EXPECT_TRUE(other->m_vItems.empty());
-  if (evaluator && !c.withConsumer) {
-    EXPECT_EQ(0, evaluator->m_iCalls);
-  }
+  EXPECT_EQ(c.withConsumer ? evaluator->m_iCalls : 0, evaluator->m_iCalls);
   // The handler reports its item consumer's count.
-  EXPECT_EQ(c.deleted || !c.withConsumer ? 0u : consumer->m_vItems.size(),
-            handler->getProcessedItemsCount());
+  EXPECT_EQ(c.deleted || !c.withConsumer ? 0u : consumer->m_vItems.size(), handler->getProcessedItemsCount());
 }
 
+constexpr EEvaluator N = EEvaluator::None, S = EEvaluator::Selects, R = EEvaluator::Rejects;
+const char* const kConsumerCpp = "Scan/ConsumerOutputHandler.cpp";
+const char* const kEvaluatorCpp = "Scan/EvaluatorOutputHandler.cpp";
 INSTANTIATE_TEST_SUITE_P(
     Cases, RoutingHandler,
     ::testing::Values(
         // CConsumerOutputHandler: the consumer alone decides.
-        SRouteCase{"ConsumerItem", false, EEvaluator::None, true, 0, false, true, 0, nullptr},
-        SRouteCase{"ConsumerItemNoConsumer", false, EEvaluator::None, false, 0, false, false, 0,
-                   nullptr},
-        SRouteCase{"ConsumerItemFails", false, EEvaluator::None, true, 5, false, false, 5,
-                   "Scan/ConsumerOutputHandler.cpp"},
-        SRouteCase{"ConsumerDeleted", false, EEvaluator::None, true, 0, true, true, 0, nullptr},
-        SRouteCase{"ConsumerDeletedNoConsumer", false, EEvaluator::None, false, 0, true, false,
-                   0, nullptr},
-        SRouteCase{"ConsumerDeletedFailsAsItIs", false, EEvaluator::None, true, 5, true, false,
-                   5, nullptr},
+        SRouteCase{"ConsumerItem", false, N, true, 0, false, true, 0, nullptr},
+        SRouteCase{"ConsumerItemNoConsumer", false, N, false, 0, false, false, 0, nullptr},
+        SRouteCase{"ConsumerItemFails", false, N, true, 5, false, false, 5, kConsumerCpp},
+        SRouteCase{"ConsumerDeleted", false, N, true, 0, true, true, 0, nullptr},
+        SRouteCase{"ConsumerDeletedNoConsumer", false, N, false, 0, true, false, 0, nullptr},
+        SRouteCase{"ConsumerDeletedFailsAsItIs", false, N, true, 5, true, false, 5, nullptr},
         // CEvaluatorOutputHandler: the pair is required.
-        SRouteCase{"EvaluatorItemSelected", true, EEvaluator::Selects, true, 0, false, true, 0,
-                   nullptr},
-        SRouteCase{"EvaluatorItemRejected", true, EEvaluator::Rejects, true, 0, false, false, 0,
-                   nullptr},
-        SRouteCase{"EvaluatorItemWithoutEvaluatorPassesNothing", true, EEvaluator::None, true, 0,
-                   false, false, 0, nullptr},
-        SRouteCase{"EvaluatorItemWithoutConsumer", true, EEvaluator::Selects, false, 0, false,
-                   false, 0, nullptr},
-        SRouteCase{"EvaluatorItemFails", true, EEvaluator::Selects, true, 31, false, false, 31,
-                   "Scan/EvaluatorOutputHandler.cpp"},
-        SRouteCase{"EvaluatorItemRejectedNeverReachesFailingConsumer", true, EEvaluator::Rejects,
-                   true, 31, false, false, 0, nullptr},
-        SRouteCase{"EvaluatorDeletedSelected", true, EEvaluator::Selects, true, 0, true, true, 0,
-                   nullptr},
-        SRouteCase{"EvaluatorDeletedRejected", true, EEvaluator::Rejects, true, 0, true, false,
-                   0, nullptr},
-        SRouteCase{"EvaluatorDeletedWithoutEvaluatorPassesNothing", true, EEvaluator::None, true,
-                   0, true, false, 0, nullptr},
-        SRouteCase{"EvaluatorDeletedFailsAsItIs", true, EEvaluator::Selects, true, 31, true,
-                   false, 31, nullptr}),
+        SRouteCase{"EvaluatorItemSelected", true, S, true, 0, false, true, 0, nullptr},
+        SRouteCase{"EvaluatorItemRejected", true, R, true, 0, false, false, 0, nullptr},
+        SRouteCase{"EvaluatorItemWithoutEvaluatorPassesNothing", true, N, true, 0, false, false, 0, nullptr},
+        SRouteCase{"EvaluatorItemWithoutConsumer", true, S, false, 0, false, false, 0, nullptr},
+        SRouteCase{"EvaluatorItemFails", true, S, true, 31, false, false, 31, kEvaluatorCpp},
+        SRouteCase{"EvaluatorItemRejectedNeverReachesFailingConsumer", true, R, true, 31, false, false, 0, nullptr},
+        SRouteCase{"EvaluatorDeletedSelected", true, S, true, 0, true, true, 0, nullptr},
+        SRouteCase{"EvaluatorDeletedRejected", true, R, true, 0, true, false, 0, nullptr},
+        SRouteCase{"EvaluatorDeletedWithoutEvaluatorPassesNothing", true, N, true, 0, true, false, 0, nullptr},
+        SRouteCase{"EvaluatorDeletedFailsAsItIs", true, S, true, 31, true, false, 31, nullptr}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
@@ -196,34 +145,20 @@ INSTANTIATE_TEST_SUITE_P(
 class CDirChangeWithAncestor : public CDirChangeCollectItemConsumer {
  public:
   using CDirChangeCollectItemConsumer::CDirChangeCollectItemConsumer;
-  void SetAncestorConsumer(CItemConsumerPtr pConsumer) {
-    m_pAncestorConsumer = std::move(pConsumer);
-  }
+  void SetAncestorConsumer(CItemConsumerPtr pConsumer) { m_pAncestorConsumer = std::move(pConsumer); }
 };
 
 struct SDirChangeCase {
   const char* name;
-  bool itemSelected;
-  bool backupSelected;
-  uint32_t collectFails;
-  uint32_t dirChangeFails;
+  bool itemSelected, backupSelected;
+  uint32_t collectFails, dirChangeFails;
   bool withAncestor;
   uint32_t ancestorFails;
-  // expectations
-  bool toCollect;
-  bool toAncestor;
-  bool toDirChange;
-  bool markedSelected;  // flag bit and "SELECTED_FOR_BACKUP"
+  const char* reached;  // the consumers that got the item: 'c' collect, 'a' ancestor, 'd' dir-change
   uint32_t expectCode;
 };
 
-void PrintTo(const SDirChangeCase& c, std::ostream* out) { *out << c.name; }
-
-class DirChangeCollect : public ::testing::TestWithParam<SDirChangeCase>, public OutputFixture {};
-
-uint64_t Samples(EScanPerfCounterType type) {
-  return CScanPerformanceCounter::GetCounter(type).GetSamples();
-}
+class DirChangeCollect : public ::testing::TestWithParam<SDirChangeCase> {};
 
 TEST_P(DirChangeCollect, RoutesSelectedItemsToTheirConsumers) {
   const SDirChangeCase& c = GetParam();
@@ -234,69 +169,52 @@ TEST_P(DirChangeCollect, RoutesSelectedItemsToTheirConsumers) {
   auto ancestor = std::make_shared<CRecordingConsumer>(c.ancestorFails);
   CDirChangeWithAncestor consumer(9, itemEvaluator, dirChange, backupEvaluator, collect);
   if (c.withAncestor) consumer.SetAncestorConsumer(ancestor);
+  using EType = EScanPerfCounterType;
+  const EType counters[] = {EType::TIME_ITEMEVALUATOR_ISSELECTED, EType::TIME_ADD_TO_COLLECT,
+                            EType::TIME_ANCESTOR_PROCESSING, EType::TIME_ADD_TO_DIRCHANGE};
+  auto samples = [&] {
+    std::vector<uint64_t> counts;
+    for (EType type : counters) counts.push_back(CScanPerformanceCounter::GetCounter(type).GetSamples());
+    return counts;
+  };
+  std::vector<uint64_t> expectedSamples = samples();
 
-  const uint64_t evaluated = Samples(EScanPerfCounterType::TIME_ITEMEVALUATOR_ISSELECTED);
-  const uint64_t collected = Samples(EScanPerfCounterType::TIME_ADD_TO_COLLECT);
-  const uint64_t ancestors = Samples(EScanPerfCounterType::TIME_ANCESTOR_PROCESSING);
-  const uint64_t dirChanged = Samples(EScanPerfCounterType::TIME_ADD_TO_DIRCHANGE);
-
-  CItemPtr item = MakeItem("a/b.txt");
+  CTempTree tree;
+  CItemPtr item = MakeItem(tree, "a/b.txt");
   CQiError error = consumer.Process(item);
-  if (c.expectCode == 0) {
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-  } else {
-    ASSERT_TRUE(error.IsWin32(c.expectCode)) << error.AsString();
-    ASSERT_EQ(2u, error.GetFrames().size());
-    EXPECT_TRUE(EndsWith(error.GetFrames().back().file, "Scan/DirChangeCollectItemConsumer.cpp"));
-  }
-
-  EXPECT_EQ(c.toCollect, collect->m_vItems.size() == 1);
-  EXPECT_EQ(c.toAncestor, ancestor->m_vItems.size() == 1);
-  EXPECT_EQ(c.toDirChange, dirChange->m_vItems.size() == 1);
-  EXPECT_EQ(c.markedSelected, item->isSelected());
+  ExpectOutcome(error, c.expectCode, "Scan/DirChangeCollectItemConsumer.cpp");
+  std::string reached;
+  for (const auto& [cName, pConsumer] : {std::pair{'c', collect}, {'a', ancestor}, {'d', dirChange}})
+    if (!pConsumer->m_vItems.empty()) reached += cName;
+  EXPECT_EQ(c.reached, reached);
+  // Selected for backup: the flag and the bag's mark, written before the collect consumer is
+  // asked, so they stay on its failure.
+  const bool backedUp = c.itemSelected && c.backupSelected;
+  EXPECT_EQ(backedUp && c.collectFails == 0, item->isSelected());
   bool selectedForBackup = false;
   CQiError read = item->GetItemBag()->Read("SELECTED_FOR_BACKUP", selectedForBackup);
-  if (c.backupSelected && c.itemSelected) {
-    // The mark is written before the collect consumer is asked, so it stays on a failure.
-    EXPECT_TRUE(read.IsSuccess());
-    EXPECT_TRUE(selectedForBackup);
-  } else {
-    EXPECT_TRUE(read.IsWin32(1168)) << "an item not selected for backup carries no mark";
-  }
+  EXPECT_TRUE(backedUp ? read.IsSuccess() && selectedForBackup : read.IsWin32(1168)) << read.AsString();
   // The backup evaluator is asked only for items the item evaluator selected.
   EXPECT_EQ(c.itemSelected ? 1 : 0, backupEvaluator->m_iCalls);
-
   // Each step that ran was timed once on its counter.
-  const bool backedUp = c.itemSelected && c.backupSelected;
-  EXPECT_EQ(evaluated + 1, Samples(EScanPerfCounterType::TIME_ITEMEVALUATOR_ISSELECTED));
-  EXPECT_EQ(collected + (backedUp ? 1 : 0), Samples(EScanPerfCounterType::TIME_ADD_TO_COLLECT));
-  EXPECT_EQ(ancestors + (backedUp && c.collectFails == 0 && c.withAncestor ? 1 : 0),
-            Samples(EScanPerfCounterType::TIME_ANCESTOR_PROCESSING));
-  const bool reachedDirChangeStep = c.itemSelected && !(backedUp && c.collectFails != 0);
-  EXPECT_EQ(dirChanged + (reachedDirChangeStep ? 1 : 0),
-            Samples(EScanPerfCounterType::TIME_ADD_TO_DIRCHANGE));
+  expectedSamples[0] += 1;
+  expectedSamples[1] += backedUp ? 1 : 0;
+  expectedSamples[2] += backedUp && c.collectFails == 0 && c.withAncestor ? 1 : 0;
+  expectedSamples[3] += c.itemSelected && !(backedUp && c.collectFails != 0) ? 1 : 0;
+  EXPECT_EQ(expectedSamples, samples());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, DirChangeCollect,
-    ::testing::Values(
-        SDirChangeCase{"NotSelected", false, true, 0, 0, true, 0, false, false, false, false, 0},
-        SDirChangeCase{"SelectedAndBackedUp", true, true, 0, 0, false, 0, true, false, true, true,
-                       0},
-        SDirChangeCase{"SelectedNotForBackupReachesOnlyDirChange", true, false, 0, 0, true, 0,
-                       false, false, true, false, 0},
-        SDirChangeCase{"CollectFailureStopsBeforeDirChange", true, true, 112, 0, true, 0, false,
-                       false, false, false, 112},
-        SDirChangeCase{"DirChangeFailureIsReturned", true, false, 0, 21, false, 0, false, false,
-                       false, false, 21},
-        SDirChangeCase{"DirChangeFailureAfterCollect", true, true, 0, 21, false, 0, true, false,
-                       false, true, 21},
-        SDirChangeCase{"AncestorGetsBackedUpItems", true, true, 0, 0, true, 0, true, true, true,
-                       true, 0},
-        SDirChangeCase{"AncestorFailureIsIgnored", true, true, 0, 0, true, 87, true, false, true,
-                       true, 0},
-        SDirChangeCase{"AncestorSkippedWhenNotBackedUp", true, false, 0, 0, true, 0, false, false,
-                       true, false, 0}),
+    ::testing::Values(SDirChangeCase{"NotSelected", false, true, 0, 0, true, 0, "", 0},
+                      SDirChangeCase{"SelectedAndBackedUp", true, true, 0, 0, false, 0, "cd", 0},
+                      SDirChangeCase{"SelectedNotForBackupReachesOnlyDirChange", true, false, 0, 0, true, 0, "d", 0},
+                      SDirChangeCase{"CollectFailureStopsBeforeDirChange", true, true, 112, 0, true, 0, "", 112},
+                      SDirChangeCase{"DirChangeFailureIsReturned", true, false, 0, 21, false, 0, "", 21},
+                      SDirChangeCase{"DirChangeFailureAfterCollect", true, true, 0, 21, false, 0, "c", 21},
+                      SDirChangeCase{"AncestorGetsBackedUpItems", true, true, 0, 0, true, 0, "cad", 0},
+                      SDirChangeCase{"AncestorFailureIsIgnored", true, true, 0, 0, true, 87, "cd", 0},
+                      SDirChangeCase{"AncestorSkippedWhenNotBackedUp", true, false, 0, 0, true, 0, "d", 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
