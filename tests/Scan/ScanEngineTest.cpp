@@ -1,31 +1,25 @@
+// The scan engine's item paths (selected, filtered, deleted items reaching the output handler,
+// aborts, the debug line per item, the logged refusals), opening and closing its output handler,
+// and items from several traversal workers with an abort from another thread.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <atomic>
-#include <cstdio>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Platform/Bag.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXFile.h"
-#include "Platform/ZRPI_Focus.h"
 #include "Scan/FindFirstItem.h"
 #include "Scan/ScanEngine.h"
 #include "Scan/ScannerConfigurationBagId.h"
-#include "Support/TempTree.h"
 #include "Support/LogCapture.h"
+#include "Support/TempTree.h"
 
 namespace {
 
 CQiError MakeError(uint32_t uCode) {
-  if (uCode == 0) return CQiError();
-  return QI_ERROR_WIN32(uCode, "test handler failure %u", uCode);
+  return uCode == 0 ? CQiError() : QI_ERROR_WIN32(uCode, "test handler failure %u", uCode);
 }
 
 // An output handler that records what reaches it and fails on request. Guarded, because the
@@ -38,13 +32,10 @@ class CRecordingHandler : public COutputHandler {
   }
   CQiError Complete() override {
     ++m_iComplete;
-    CQiError error = MakeError(m_uCompleteError);
-    m_uCompleteError = 0;  // fails once
-    return error;
+    return MakeError(std::exchange(m_uCompleteError, 0));  // fails once
   }
   CQiError OnItem(CItemPtr pItem) override { return Take(m_vItems, std::move(pItem)); }
   CQiError OnDeletedItem(CItemPtr pItem) override { return Take(m_vDeleted, std::move(pItem)); }
-
   size_t Items() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_vItems.size();
@@ -54,11 +45,9 @@ class CRecordingHandler : public COutputHandler {
     return m_vDeleted.size();
   }
 
-  uint32_t m_uInitializeError = 0;
-  uint32_t m_uCompleteError = 0;
+  uint32_t m_uInitializeError = 0, m_uCompleteError = 0;
   uint32_t m_uItemError = 0;  // for OnItem and OnDeletedItem
-  int m_iInitialize = 0;
-  int m_iComplete = 0;
+  int m_iInitialize = 0, m_iComplete = 0;
   CQiError m_lastError;
 
  private:
@@ -68,19 +57,16 @@ class CRecordingHandler : public COutputHandler {
     if (m_lastError.IsSuccess()) vTarget.push_back(std::move(pItem));
     return m_lastError;
   }
-
   mutable std::mutex m_mutex;
-  std::vector<CItemPtr> m_vItems;
-  std::vector<CItemPtr> m_vDeleted;
+  std::vector<CItemPtr> m_vItems, m_vDeleted;
 };
 
 class CFakeCallback : public CScannerCallback {
  public:
   CQiError GetOutputHandler(const std::string& strName, COutputHandlerPtr& pHandler) override {
     m_vNames.push_back(strName);
-    if (m_uError != 0) return MakeError(m_uError);
-    pHandler = m_pHandler;
-    return CQiError();
+    pHandler = m_uError == 0 ? m_pHandler : nullptr;
+    return MakeError(m_uError);
   }
   COutputHandlerPtr m_pHandler;
   uint32_t m_uError = 0;
@@ -93,28 +79,16 @@ class CTestEngine : public CScanEngine {
   void InstallHandler(COutputHandlerPtr pHandler) { m_pOutputHandler = std::move(pHandler); }
 };
 
-CBagPtr DebugBag(bool bDebug) {
-  auto pBag = std::make_shared<CBag>();
-  EXPECT_TRUE(pBag->Write(SXScannerConfigurationBagId::idFileScanDebugEnabled, bDebug).IsSuccess());
-  return pBag;
-}
-
 class ScanEngineFixture : public ::testing::Test {
  protected:
   void SetUp() override {
     // A real file, reported under another source path.
-    m_strLocal = m_tree.MakeFile("data/report.txt", "abc");
-    m_strSource = "/source/data/report.txt";
     FXFile::CFileData fileData(m_strLocal, FXFile::CFileData::kModeFullPath);
     ASSERT_TRUE(fileData.good());
     m_uMode = fileData.getRawData().st_mode;
     m_pItem = std::make_shared<CFindFirstItem>(CBagPtr(), m_strLocal, m_strSource, fileData);
-    m_pHandler = std::make_shared<CRecordingHandler>();
-    m_pCallback = std::make_shared<CFakeCallback>();
     m_pCallback->m_pHandler = m_pHandler;
   }
-
- public:  // read by the table bodies below
   std::string DebugLine(bool bFiltered) const {
     char szLine[1024];
     snprintf(szLine, sizeof(szLine),
@@ -126,12 +100,12 @@ class ScanEngineFixture : public ::testing::Test {
 
   CTempTree m_tree;
   CLogCapture m_pLog;
-  std::string m_strLocal;
-  std::string m_strSource;
+  const std::string m_strLocal = m_tree.MakeFile("data/report.txt", "abc");
+  const std::string m_strSource = "/source/data/report.txt";
   uint32_t m_uMode = 0;
   CItemPtr m_pItem;
-  std::shared_ptr<CRecordingHandler> m_pHandler;
-  std::shared_ptr<CFakeCallback> m_pCallback;
+  std::shared_ptr<CRecordingHandler> m_pHandler = std::make_shared<CRecordingHandler>();
+  std::shared_ptr<CFakeCallback> m_pCallback = std::make_shared<CFakeCallback>();
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -143,9 +117,7 @@ enum class ELine { None, Debug, DebugFiltered, OnItemFailed, OnDeletedFailed };
 struct SItemCase {
   const char* name;
   EPath ePath;
-  bool bCallback;
-  bool bAborted;
-  bool bHandler;
+  bool bCallback, bAborted, bHandler;
   uint32_t uHandlerError;
   bool bDebug;
   int iLogLevel;
@@ -154,28 +126,18 @@ struct SItemCase {
   ELine eLine;  // the only line expected (none at all for ELine::None)
 };
 
-void PrintTo(const SItemCase& c, std::ostream* os) { *os << c.name; }
-
-class ScanEngineItemPathTest : public ScanEngineFixture,
-                               public ::testing::WithParamInterface<SItemCase> {};
+class ScanEngineItemPathTest : public ScanEngineFixture, public ::testing::WithParamInterface<SItemCase> {};
 
 TEST_P(ScanEngineItemPathTest, Rules) {
   const SItemCase& c = GetParam();
   CTestEngine engine;
-  if (c.bDebug) {
-    ASSERT_TRUE(engine.SetScannerConfigurationBag(DebugBag(true)).IsSuccess());
-  }
-  if (c.bCallback) {
-    ASSERT_TRUE(engine.SetScannerCallback(m_pCallback).IsSuccess());
-  }
-  if (c.bHandler && c.bCallback) {
-    ASSERT_TRUE(engine.OpenOutputHandler("/vol").IsSuccess());
-  } else if (c.bHandler) {
-    engine.InstallHandler(m_pHandler);
-  }
-  if (c.bAborted) {
-    ASSERT_TRUE(m_pCallback->Abort().IsSuccess());
-  }
+  auto pBag = std::make_shared<CBag>();
+  ASSERT_TRUE(pBag->Write(SXScannerConfigurationBagId::idFileScanDebugEnabled, true).IsSuccess());
+  ASSERT_TRUE(!c.bDebug || engine.SetScannerConfigurationBag(pBag).IsSuccess());
+  ASSERT_TRUE(!c.bCallback || engine.SetScannerCallback(m_pCallback).IsSuccess());
+  ASSERT_TRUE(!(c.bHandler && c.bCallback) || engine.OpenOutputHandler("/vol").IsSuccess());
+  if (c.bHandler && !c.bCallback) engine.InstallHandler(m_pHandler);
+  ASSERT_TRUE(!c.bAborted || m_pCallback->Abort().IsSuccess());
   m_pHandler->m_uItemError = c.uHandlerError;
   m_pLog->SetLevel(c.iLogLevel);
   m_pLog->Clear();
@@ -187,49 +149,29 @@ TEST_P(ScanEngineItemPathTest, Rules) {
   } else {
     CQiError error = c.ePath == EPath::Selected ? engine.ScanQueryCallback(m_pItem)
                                                 : engine.ScanQueryCallbackFiltered(m_pItem);
-    if (c.uExpectedError == 0) {
-      EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-    } else {
-      EXPECT_TRUE(error.IsWin32(c.uExpectedError)) << error.AsString();
-      if (c.uExpectedError == QiErrorCode::OperationAborted)
-        EXPECT_EQ(error.GetMessage(), "Operation aborted");
-      else  // the handler's own error, passed up with the engine's frame on it
-        EXPECT_GT(error.GetFrames().size(), m_pHandler->m_lastError.GetFrames().size());
+    EXPECT_TRUE(c.uExpectedError == 0 ? error.IsSuccess() : error.IsWin32(c.uExpectedError)) << error.AsString();
+    // Any other error than an abort is the handler's own, passed up with the engine's frame on it.
+    if (c.uExpectedError == QiErrorCode::OperationAborted) {
+      EXPECT_EQ(error.GetMessage(), "Operation aborted");
+    } else if (c.uExpectedError != 0) {
+      EXPECT_GT(error.GetFrames().size(), m_pHandler->m_lastError.GetFrames().size());
     }
     uDelivered = m_pHandler->Items();
   }
   EXPECT_EQ(uDelivered, c.uDelivered);
 
-  const auto entries = m_pLog->GetEntries();
-  if (c.eLine == ELine::None) {
-    EXPECT_TRUE(entries.empty()) << entries.front().text;
-    return;
-  }
-  ASSERT_EQ(entries.size(), 1u);
-  switch (c.eLine) {
-    case ELine::Debug:
-    case ELine::DebugFiltered:
-      EXPECT_EQ(entries[0].level, 0);
-      EXPECT_EQ(entries[0].text, DebugLine(c.eLine == ELine::DebugFiltered));
-      break;
-    case ELine::OnItemFailed:
-      EXPECT_EQ(entries[0].level, 7);
-      EXPECT_EQ(entries[0].text,
-                "OnItem failed, continuing, error=" + m_pHandler->m_lastError.AsString());
-      break;
-    case ELine::OnDeletedFailed:
-      EXPECT_EQ(entries[0].level, -1);
-      EXPECT_EQ(entries[0].text, "OnDeletedItems failed, error=" + m_pHandler->m_lastError.AsString());
-      break;
-    case ELine::None:
-      break;
-  }
+  std::vector<std::pair<int, std::string>> expected, lines;
+  if (c.eLine == ELine::Debug || c.eLine == ELine::DebugFiltered)
+    expected.emplace_back(0, DebugLine(c.eLine == ELine::DebugFiltered));
+  if (c.eLine == ELine::OnItemFailed)
+    expected.emplace_back(7, "OnItem failed, continuing, error=" + m_pHandler->m_lastError.AsString());
+  if (c.eLine == ELine::OnDeletedFailed)
+    expected.emplace_back(-1, "OnDeletedItems failed, error=" + m_pHandler->m_lastError.AsString());
+  for (const auto& entry : m_pLog->GetEntries()) lines.emplace_back(entry.level, entry.text);
+  EXPECT_EQ(expected, lines);
 }
 
-constexpr EPath S = EPath::Selected;
-constexpr EPath F = EPath::Filtered;
-constexpr EPath D = EPath::Deleted;
-
+constexpr EPath S = EPath::Selected, F = EPath::Filtered, D = EPath::Deleted;
 INSTANTIATE_TEST_SUITE_P(
     Table, ScanEngineItemPathTest,
     ::testing::Values(
@@ -238,8 +180,7 @@ INSTANTIATE_TEST_SUITE_P(
         SItemCase{"NoCallbackItemsStillFlow", S, false, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"NoHandlerDropsSilently", S, true, false, false, 0, false, 7, 0, 0, ELine::None},
         SItemCase{"Delivered", S, true, false, true, 0, false, 7, 0, 1, ELine::None},
-        SItemCase{"RefusalSkippedAtLevel7", S, true, false, true, 50, false, 7, 0, 0,
-                  ELine::OnItemFailed},
+        SItemCase{"RefusalSkippedAtLevel7", S, true, false, true, 50, false, 7, 0, 0, ELine::OnItemFailed},
         SItemCase{"RefusalQuietBelowLevel7", S, true, false, true, 50, false, 6, 0, 0, ELine::None},
         SItemCase{"OtherErrorStops", S, true, false, true, 5, false, 7, 5, 0, ELine::None},
         SItemCase{"AbortStops", S, true, true, true, 0, false, 7, 995, 0, ELine::None},
@@ -249,129 +190,73 @@ INSTANTIATE_TEST_SUITE_P(
         SItemCase{"DebugLineNeedsLevel0", S, true, false, true, 0, true, -1, 0, 1, ELine::None},
         SItemCase{"FilteredNoCallback", F, false, false, true, 0, false, 7, 0, 0, ELine::None},
         SItemCase{"FilteredNoHandler", F, true, false, false, 0, false, 7, 0, 0, ELine::None},
-        SItemCase{"FilteredNotCountedByBaseHandler", F, true, false, true, 5, false, 7, 0, 0,
-                  ELine::None},
+        SItemCase{"FilteredNotCountedByBaseHandler", F, true, false, true, 5, false, 7, 0, 0, ELine::None},
         SItemCase{"FilteredAbortStops", F, true, true, true, 0, false, 7, 995, 0, ELine::None},
-        SItemCase{"FilteredDebugLineBeforeAbort", F, true, true, true, 0, true, 7, 995, 0,
-                  ELine::DebugFiltered},
+        SItemCase{"FilteredDebugLineBeforeAbort", F, true, true, true, 0, true, 7, 995, 0, ELine::DebugFiltered},
         SItemCase{"DeletedNoCallback", D, false, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"DeletedNoHandler", D, true, false, false, 0, false, 7, 0, 0, ELine::None},
         SItemCase{"DeletedDelivered", D, true, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"DeletedAbortStops", D, true, true, true, 0, false, 7, 995, 0, ELine::None},
-        SItemCase{"DeletedFailureLoggedGoesOn", D, true, false, true, 5, false, 1, 0, 0,
-                  ELine::OnDeletedFailed},
-        SItemCase{"DeletedRefusalQuietBelow7", D, true, false, true, 50, false, 6, 0, 0,
-                  ELine::None},
-        SItemCase{"DeletedRefusalLoggedAt7", D, true, false, true, 50, false, 7, 0, 0,
-                  ELine::OnDeletedFailed}),
+        SItemCase{"DeletedFailureLoggedGoesOn", D, true, false, true, 5, false, 1, 0, 0, ELine::OnDeletedFailed},
+        SItemCase{"DeletedRefusalQuietBelow7", D, true, false, true, 50, false, 6, 0, 0, ELine::None},
+        SItemCase{"DeletedRefusalLoggedAt7", D, true, false, true, 50, false, 7, 0, 0, ELine::OnDeletedFailed}),
     [](const ::testing::TestParamInfo<SItemCase>& info) { return info.param.name; });
 
 // ---------------------------------------------------------------------------------------------
-// Opening and closing the output handler.
+// Opening and closing the output handler: a script of steps, 'o' open "/vol", 'c' close, 'd'
+// destroy the engine, and the code each open or close answers.
 
 struct SHandlerCase {
   const char* name;
-  std::function<void(ScanEngineFixture&)> body;
+  uint32_t uCallbackError, uInitializeError, uCompleteError;
+  bool bNoHandler, bNoCallback;
+  const char* pszSteps;
+  std::vector<uint32_t> codes;  // of each 'o' and 'c'
+  int iInitialize, iComplete;
+  int iLogEntries;  // -1: not checked
 };
 
-void PrintTo(const SHandlerCase& c, std::ostream* os) { *os << c.name; }
-
-class ScanEngineHandlerTest : public ScanEngineFixture,
-                              public ::testing::WithParamInterface<SHandlerCase> {};
+class ScanEngineHandlerTest : public ScanEngineFixture, public ::testing::WithParamInterface<SHandlerCase> {};
 
 TEST_P(ScanEngineHandlerTest, Lifecycle) {
-  m_pLog->Clear();
-  GetParam().body(*this);
-}
-
-std::unique_ptr<CTestEngine> EngineWith(const CScannerCallbackPtr& pCallback) {
+  const SHandlerCase& c = GetParam();
+  m_pCallback->m_uError = c.uCallbackError;
+  m_pHandler->m_uInitializeError = c.uInitializeError;
+  m_pHandler->m_uCompleteError = c.uCompleteError;
+  if (c.bNoHandler) m_pCallback->m_pHandler.reset();
   auto pEngine = std::make_unique<CTestEngine>();
-  EXPECT_TRUE(pEngine->SetScannerCallback(pCallback).IsSuccess());
-  return pEngine;
+  ASSERT_TRUE(c.bNoCallback || pEngine->SetScannerCallback(m_pCallback).IsSuccess());
+  m_pLog->Clear();
+  std::vector<uint32_t> codes;
+  for (const char* p = c.pszSteps; *p != '\0'; ++p) {
+    if (*p == 'd') {
+      pEngine.reset();
+      continue;
+    }
+    CQiError error = *p == 'o' ? pEngine->OpenOutputHandler("/vol") : pEngine->CloseOutputHandler();
+    codes.push_back(error.GetCode());
+    // The handler's or the callback's failure is passed up with the engine's frame on it.
+    EXPECT_TRUE(!(error.IsWin32(1627) || error.IsWin32(5)) || error.GetFrames().size() >= 2) << error.AsString();
+  }
+  EXPECT_EQ(codes, c.codes);
+  EXPECT_EQ(m_pHandler->m_iInitialize, c.iInitialize);
+  EXPECT_EQ(m_pHandler->m_iComplete, c.iComplete);
+  EXPECT_EQ(m_pCallback->m_vNames, c.bNoCallback ? std::vector<std::string>{} : std::vector<std::string>{"/vol"});
+  EXPECT_EQ(c.iLogEntries < 0 ? -1 : static_cast<int>(m_pLog->GetEntries().size()), c.iLogEntries);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Table, ScanEngineHandlerTest,
-    ::testing::Values(
-        SHandlerCase{"CallbackErrorReturned",
-                     [](ScanEngineFixture& f) {
-                       f.m_pCallback->m_uError = 1627;
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       CQiError error = pEngine->OpenOutputHandler("/vol");
-                       EXPECT_TRUE(error.IsWin32(1627)) << error.AsString();
-                       EXPECT_GE(error.GetFrames().size(), 2u);
-                       EXPECT_EQ(f.m_pHandler->m_iInitialize, 0);
-                       EXPECT_TRUE(pEngine->CloseOutputHandler().IsWin32(1168));
-                     }},
-        SHandlerCase{"NoHandlerIsUnconfigured",
-                     [](ScanEngineFixture& f) {
-                       f.m_pCallback->m_pHandler.reset();
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       EXPECT_TRUE(pEngine->OpenOutputHandler("/vol/a").IsSuccess());
-                       ASSERT_EQ(f.m_pCallback->m_vNames.size(), 1u);
-                       EXPECT_EQ(f.m_pCallback->m_vNames[0], "/vol/a");
-                       EXPECT_EQ(f.m_pLog->GetEntries().size(), 1u);
-                       EXPECT_TRUE(pEngine->CloseOutputHandler().IsWin32(1168));
-                     }},
-        SHandlerCase{"InitializeFailureKeepsHandler",
-                     [](ScanEngineFixture& f) {
-                       f.m_pHandler->m_uInitializeError = 5;
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       CQiError error = pEngine->OpenOutputHandler("/vol");
-                       EXPECT_TRUE(error.IsWin32(5)) << error.AsString();
-                       EXPECT_GE(error.GetFrames().size(), 2u);
-                       EXPECT_NE(pEngine->GetOutputHandler(), nullptr);
-                       EXPECT_TRUE(pEngine->CloseOutputHandler().IsSuccess());
-                       EXPECT_EQ(f.m_pHandler->m_iComplete, 1);
-                       EXPECT_TRUE(f.m_pLog->GetEntries().empty());
-                     }},
-        SHandlerCase{"CloseTwice",
-                     [](ScanEngineFixture& f) {
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       ASSERT_TRUE(pEngine->OpenOutputHandler("/vol").IsSuccess());
-                       EXPECT_EQ(f.m_pHandler->m_iInitialize, 1);
-                       EXPECT_TRUE(pEngine->CloseOutputHandler().IsSuccess());
-                       CQiError error = pEngine->CloseOutputHandler();
-                       EXPECT_TRUE(error.IsWin32(1168)) << error.AsString();
-                       EXPECT_EQ(f.m_pHandler->m_iComplete, 1);
-                     }},
-        SHandlerCase{"FailingCompleteKeepsHandler",
-                     [](ScanEngineFixture& f) {
-                       f.m_pHandler->m_uCompleteError = 5;
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       ASSERT_TRUE(pEngine->OpenOutputHandler("/vol").IsSuccess());
-                       CQiError error = pEngine->CloseOutputHandler();
-                       EXPECT_TRUE(error.IsWin32(5)) << error.AsString();
-                       EXPECT_GE(error.GetFrames().size(), 2u);
-                       EXPECT_NE(pEngine->GetOutputHandler(), nullptr);
-                       EXPECT_TRUE(pEngine->CloseOutputHandler().IsSuccess());
-                       EXPECT_EQ(f.m_pHandler->m_iComplete, 2);
-                       EXPECT_TRUE(pEngine->CloseOutputHandler().IsWin32(1168));
-                     }},
-        SHandlerCase{"DestroyedOpenNeverCompletes",
-                     [](ScanEngineFixture& f) {
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       ASSERT_TRUE(pEngine->OpenOutputHandler("/vol").IsSuccess());
-                       pEngine.reset();
-                       EXPECT_EQ(f.m_pHandler->m_iComplete, 0);
-                     }},
-        SHandlerCase{"ClosedThenDestroyedIsQuiet",
-                     [](ScanEngineFixture& f) {
-                       auto pEngine = EngineWith(f.m_pCallback);
-                       ASSERT_TRUE(pEngine->OpenOutputHandler("/vol").IsSuccess());
-                       ASSERT_TRUE(pEngine->CloseOutputHandler().IsSuccess());
-                       pEngine.reset();
-                       EXPECT_TRUE(f.m_pLog->GetEntries().empty());
-                     }},
-        SHandlerCase{"NoCallbackToAsk",
-                     [](ScanEngineFixture& f) {
-                       CTestEngine engine;
-                       CQiError error = engine.OpenOutputHandler("/vol");
-                       EXPECT_TRUE(error.IsWin32(87)) << error.AsString();
-                       EXPECT_EQ(f.m_pHandler->m_iInitialize, 0);
-                     }}),
+    ::testing::Values(SHandlerCase{"CallbackErrorReturned", 1627, 0, 0, false, false, "oc", {1627, 1168}, 0, 0, -1},
+                      SHandlerCase{"NoHandlerIsUnconfigured", 0, 0, 0, true, false, "oc", {0, 1168}, 0, 0, 1},
+                      SHandlerCase{"InitializeFailureKeepsHandler", 0, 5, 0, false, false, "oc", {5, 0}, 1, 1, 0},
+                      SHandlerCase{"CloseTwice", 0, 0, 0, false, false, "occ", {0, 0, 1168}, 1, 1, -1},
+                      SHandlerCase{"FailingCompleteKeepsHandler", 0, 0, 5, false, false, "occc", {0, 5, 0, 1168}, 1,
+                                   2, -1},
+                      SHandlerCase{"DestroyedOpenNeverCompletes", 0, 0, 0, false, false, "od", {0}, 1, 0, -1},
+                      SHandlerCase{"ClosedThenDestroyedIsQuiet", 0, 0, 0, false, false, "ocd", {0, 0}, 1, 1, 0},
+                      SHandlerCase{"NoCallbackToAsk", 0, 0, 0, false, true, "o", {87}, 0, 0, -1}),
     [](const ::testing::TestParamInfo<SHandlerCase>& info) { return info.param.name; });
-
 
 // ---------------------------------------------------------------------------------------------
 
@@ -381,17 +266,14 @@ TEST_F(ScanEngineFixture, ConcurrentItemsAndAbortFromAnotherThread) {
   CTestEngine engine;
   ASSERT_TRUE(engine.SetScannerCallback(m_pCallback).IsSuccess());
   ASSERT_TRUE(engine.OpenOutputHandler("/vol").IsSuccess());
-  constexpr int kThreads = 4;
-  constexpr int kItems = 500;
+  constexpr int kThreads = 4, kItems = 500;
   std::atomic<int> failures{0};
   std::vector<std::thread> vThreads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < kThreads; ++t)
     vThreads.emplace_back([&] {
-      for (int i = 0; i < kItems; ++i) {
+      for (int i = 0; i < kItems; ++i)
         if (engine.ScanQueryCallback(m_pItem).IsError()) ++failures;
-      }
     });
-  }
   for (auto& thread : vThreads) thread.join();
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(m_pHandler->Items(), static_cast<size_t>(kThreads * kItems));
