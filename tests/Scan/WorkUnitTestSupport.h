@@ -1,20 +1,13 @@
 // Helpers shared by the work unit suites: a recorded mount table, a fake kernel
-// tree for volume identities, and temporary trees on a chosen file system.
+// tree for volume identities, temporary trees on a chosen file system, and units in one line.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <initializer_list>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/FXFolder.h"
-#include "Platform/LogWriterInterface.h"
 #include "Platform/MountPathInfo.h"
 #include "Scan/ContentContext.h"
 #include "Scan/WorkUnit.h"
@@ -50,8 +43,8 @@ class CFakeKernelTree {
  public:
   CFakeKernelTree() {
     Disk("pci0/block/sda", "8:0");
-    Partition("pci0/block/sda/sda1", "8:1");
-    Partition("pci0/block/sda/sda2", "8:2");
+    Disk("pci0/block/sda/sda1", "8:1", true);
+    Disk("pci0/block/sda/sda2", "8:2", true);
     Disk("pci0/block/sdb", "8:16");
     for (const char* node : {"sda1", "sda2", "sdb"}) m_tree.MakeFile(std::string("dev/") + node);
   }
@@ -59,15 +52,11 @@ class CFakeKernelTree {
   std::string DevRoot() const { return m_tree.Path("dev"); }
 
  private:
-  void Disk(const std::string& device, const std::string& number) {
+  void Disk(const std::string& device, const std::string& number, bool bPartition = false) {
     m_tree.MakeFile("sys/devices/" + device + "/dev", number + "\n");
-    std::string name = device.substr(device.rfind('/') + 1);
+    if (bPartition) m_tree.MakeFile("sys/devices/" + device + "/partition", "1\n");
     m_tree.MakeSymlink("sys/dev/block/" + number, "../../devices/" + device);
-    m_tree.MakeSymlink("sys/class/block/" + name, "../../devices/" + device);
-  }
-  void Partition(const std::string& device, const std::string& number) {
-    Disk(device, number);
-    m_tree.MakeFile("sys/devices/" + device + "/partition", "1\n");
+    m_tree.MakeSymlink("sys/class/block/" + device.substr(device.rfind('/') + 1), "../../devices/" + device);
   }
   CTempTree m_tree;
 };
@@ -92,7 +81,6 @@ inline std::string VolumeOf(const std::string& path) {
   return volume;
 }
 
-
 // True when some frame of the error carries the text.
 inline bool HasFrame(const CQiError& error, const std::string& text) {
   for (const auto& frame : error.GetFrames())
@@ -111,6 +99,24 @@ inline std::vector<std::string> LocalScanPaths(const CWorkUnitPtr& unit) {
   std::vector<std::string> out;
   for (const auto& path : unit->GetScanPaths()) out.push_back(path->GetLocalScanPath());
   return out;
+}
+
+// The unit's scan paths in one line, blank-separated: each "<local>", "=<source>" added when the
+// source form differs, and "~<source prefix>" when the prefix differs from the source form.
+inline std::string ScanPathsText(const CWorkUnitPtr& unit) {
+  std::string text;
+  for (const auto& path : unit->GetScanPaths()) {
+    text += (text.empty() ? "" : " ") + path->GetLocalScanPath();
+    if (path->GetSourceScanPath() != path->GetLocalScanPath()) text += "=" + path->GetSourceScanPath();
+    if (path->GetSourceScanPrefix() != path->GetSourceScanPath()) text += "~" + path->GetSourceScanPrefix();
+  }
+  return text;
+}
+
+// The unit's volume in one line: "<local volume> <source volume> <unique id> <medium>".
+inline std::string VolumeText(const CWorkUnitPtr& unit) {
+  return unit->GetLocalVolumeName() + " " + unit->GetSourceVolumeName() + " " + unit->GetLocalVolumeUniqueId() + " " +
+         unit->GetPhysicalMediaId();
 }
 
 }  // namespace WorkUnitTestSupport
