@@ -1,36 +1,28 @@
 // Finalization of the work units (scan content and caller items reaching the units they concern),
-// the "NC" examination, the final status and the diagnostic dump of finished units.
+// the "NC" examination and the final status.
 #include <gtest/gtest.h>
 
 #include <list>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
-#include "Platform/FXString.h"
-#include "Platform/MemoryLineWriter.h"
-#include "Platform/MountPathInfo.h"
 #include "Platform/StringCompare.h"
 #include "Scan/Unix/WorkUnitManager.h"
 #include "WorkUnitTestSupport.h"
-
-using namespace WorkUnitTestSupport;
 
 namespace {
 using StringSet = std::set<std::string, __less_fscase_cmp>;
 const StringSet kEmpty;
 
-// A unit with one scan path, placed in the map under the key.
-CWorkUnitPtr AddUnit(CWorkUnitManager& manager, const std::string& key, const std::string& path) {
+// A unit with one scan path on the source volume, placed in the map under the key.
+CWorkUnitPtr AddUnit(CWorkUnitManager& manager, const std::string& key, const std::string& path,
+                     const std::string& sourceVolume = "/") {
   auto unit = std::make_shared<CWorkUnit>();
   unit->SetLocalVolumeName(key);
-  unit->SetSourceVolumeName("/");
+  unit->SetSourceVolumeName(sourceVolume);
   unit->AddScanPath(std::make_shared<CScanPath>(path, path));
   manager.GetWorkUnitMap()[key] = unit;
   return unit;
 }
-}  // namespace
 
 // ---- final status --------------------------------------------------------------------------
 
@@ -75,11 +67,10 @@ TEST(FinalStatusOrder, TheLastFailedUnitInCaseBlindKeyOrderGivesTheStatus) {
 class Finalization : public ::testing::Test {
  protected:
   CLogCapture m_log;
-  CTempTree m_tree;
   CWorkUnitManager m_manager{7};
 };
 
-TEST_F(Finalization, NullEntriesAreLoggedAndSkipped) {
+TEST_F(Finalization, NullEntriesAreSkipped) {
   CWorkUnitPtr unit = AddUnit(m_manager, "/data", "/data");
   m_manager.GetWorkUnitMap()["/empty-entry"] = nullptr;
   ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, StringSet{"/data/x"}, kEmpty, kEmpty, kEmpty).IsSuccess());
@@ -89,42 +80,31 @@ TEST_F(Finalization, NullEntriesAreLoggedAndSkipped) {
 }
 
 TEST_F(Finalization, CallerItemsReachOnlyTheUnitsTheyConcern) {
-  std::unique_ptr<CTempTree> shm = MakeTreeIn("/dev/shm");
-  std::string a = m_tree.MakeDir("a"), d = shm->MakeDir("d");
-  if (VolumeOf(a) == VolumeOf(d)) GTEST_SKIP() << "temporary folder and /dev/shm share a volume";
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(a).IsSuccess());
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(d).IsSuccess());
-  CWorkUnitPtr rootUnit = m_manager.GetWorkUnitMap().at(VolumeOf(a));
-  CWorkUnitPtr shmUnit = m_manager.GetWorkUnitMap().at(VolumeOf(d));
-
-  StringSet filters{a + "/x", d + "/y", "*.tmp", a + "/*.log", m_tree.Path("elsewhere")};
-  StringSet filterExceptions{a + "/x/keep", d + "/y/keep/*.tmp"};
-  StringSet systemFilters{d + "/sys"};
-  StringSet contentExceptions{d + "/skip", a + "/skip"};
+  CWorkUnitPtr a = AddUnit(m_manager, "/a", "/a"), d = AddUnit(m_manager, "/d", "/d");
+  const StringSet filters{"/a/x", "/d/y", "*.tmp", "/a/*.log", "/elsewhere"};
+  const StringSet filterExceptions{"/a/x/keep", "/d/y/keep/*.tmp"}, systemFilters{"/d/sys"};
+  const StringSet contentExceptions{"/d/skip", "/a/skip"};
   ASSERT_TRUE(m_manager.FinalizeWorkUnits(contentExceptions, filters, filterExceptions, systemFilters, kEmpty)
                   .IsSuccess());
-  // Plain items by their path, wildcards by their prefix; an empty prefix reaches every unit.
-  EXPECT_EQ(rootUnit->GetFilters()->GetItemCount(BFilterNodeState::Include), 3u);  // a/x, *.tmp, a/*.log
-  EXPECT_EQ(shmUnit->GetFilters()->GetItemCount(BFilterNodeState::Include), 2u);   // d/y, *.tmp
-  EXPECT_EQ(rootUnit->GetFilters()->GetItemCount(BFilterNodeState::Exception), 1u);
-  EXPECT_EQ(shmUnit->GetFilters()->GetItemCount(BFilterNodeState::Exception), 1u);
-  EXPECT_EQ(rootUnit->GetSystemFilters()->GetItemCount(), 0u);
-  EXPECT_EQ(shmUnit->GetSystemFilters()->GetItemCount(), 1u);
-  // The scan content: the unit's scan path and the exception that concerns it.
-  EXPECT_EQ(rootUnit->GetScanContent()->GetItemCount(BFilterNodeState::Include), 1u);
-  EXPECT_EQ(rootUnit->GetScanContent()->GetItemCount(BFilterNodeState::Exception), 1u);
-
-  EXPECT_FALSE(rootUnit->IsFileFilteredOut(a + "/f"));
-  EXPECT_TRUE(rootUnit->IsFileFilteredOut(a + "/x/f"));
-  EXPECT_FALSE(rootUnit->IsFileFilteredOut(a + "/x/keep/f"));
-  EXPECT_TRUE(rootUnit->IsFileFilteredOut(a + "/skip/f"));
-  EXPECT_TRUE(rootUnit->IsFileFilteredOut(d + "/f"));  // another unit's content
-  EXPECT_TRUE(shmUnit->IsFileFilteredOut(d + "/y/keep/a.txt"));
-  EXPECT_FALSE(shmUnit->IsFileFilteredOut(d + "/z/a.txt"));
-  EXPECT_TRUE(shmUnit->IsFileFilteredOut(d + "/sys/a"));
+  // Plain items by their path, wildcards by their prefix; an empty prefix reaches every unit. Per
+  // unit: filters, filter exceptions, system filters, scan content, content exceptions.
+  auto counts = [](const CWorkUnitPtr& u) {
+    return std::vector<size_t>{u->GetFilters()->GetItemCount(BFilterNodeState::Include),
+                               u->GetFilters()->GetItemCount(BFilterNodeState::Exception),
+                               u->GetSystemFilters()->GetItemCount(),
+                               u->GetScanContent()->GetItemCount(BFilterNodeState::Include),
+                               u->GetScanContent()->GetItemCount(BFilterNodeState::Exception)};
+  };
+  EXPECT_EQ(counts(a), (std::vector<size_t>{3, 1, 0, 1, 1}));
+  EXPECT_EQ(counts(d), (std::vector<size_t>{2, 1, 1, 1, 1}));
+  std::string answers;
+  for (const auto& [unit, file] : std::vector<std::pair<CWorkUnitPtr, std::string>>{
+           {a, "/a/f"}, {a, "/a/x/f"}, {a, "/a/x/keep/f"}, {a, "/a/skip/f"}, {a, "/d/f"},
+           {d, "/d/y/keep/a.txt"}, {d, "/d/z/a.txt"}, {d, "/d/sys/a"}})
+    answers += unit->IsFileFilteredOut(file) ? "-" : "+";
+  EXPECT_EQ(answers, "+-+---+-");
   // Neither unit has nothing to scan.
-  EXPECT_EQ(rootUnit->GetProcessor(), "");
-  EXPECT_EQ(shmUnit->GetProcessor(), "");
+  EXPECT_EQ(a->GetProcessor() + d->GetProcessor(), "");
 }
 
 TEST_F(Finalization, AnyOrderedStringCollectionMayBePassed) {
@@ -133,87 +113,45 @@ TEST_F(Finalization, AnyOrderedStringCollectionMayBePassed) {
   std::list<const char*> exceptions{"/data/a/keep"};
   std::set<std::string, __lesscasecmp> systemFilters{"/data/SYS", "/data/sys"};  // one entry
   std::vector<std::string_view> systemExceptions{"/data/sys/keep"};
-  ASSERT_TRUE(
-      m_manager.FinalizeWorkUnits(std::vector<std::string>{}, filters, exceptions, systemFilters, systemExceptions)
-          .IsSuccess());
-  EXPECT_TRUE(unit->IsFileFilteredOut("/data/a/x"));
-  EXPECT_FALSE(unit->IsFileFilteredOut("/data/a/keep/x"));
+  ASSERT_TRUE(m_manager.FinalizeWorkUnits(std::vector<std::string>{}, filters, exceptions, systemFilters,
+                                          systemExceptions)
+                  .IsSuccess());
   // The case-blind set kept the first of the two spellings; items compare case-sensitively.
-  EXPECT_TRUE(unit->IsFileFilteredOut("/data/SYS/x"));
-  EXPECT_FALSE(unit->IsFileFilteredOut("/data/sys/x"));
-  EXPECT_TRUE(unit->IsFileFilteredOut("/data/SYS/keep/x"));
+  std::string answers;
+  for (const char* file : {"/data/a/x", "/data/a/keep/x", "/data/SYS/x", "/data/sys/x", "/data/SYS/keep/x"})
+    answers += unit->IsFileFilteredOut(file) ? "-" : "+";
+  EXPECT_EQ(answers, "-+-+-");
 }
 
 TEST_F(Finalization, TheFirstFailureEndsThePassAndATryAgainSucceeds) {
-  CWorkUnitPtr first = AddUnit(m_manager, "/a", "/a");
-  CWorkUnitPtr second = AddUnit(m_manager, "/b", "/b");
-  StringSet badFilters{"/a/[z-a]", "/b/x"};
-  CQiError error = m_manager.FinalizeWorkUnits(kEmpty, badFilters, kEmpty, kEmpty, kEmpty);
+  CWorkUnitPtr first = AddUnit(m_manager, "/a", "/a"), second = AddUnit(m_manager, "/b", "/b");
+  CQiError error = m_manager.FinalizeWorkUnits(kEmpty, StringSet{"/a/[z-a]", "/b/x"}, kEmpty, kEmpty, kEmpty);
   EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidData)) << error.AsString();
   // The pass stopped at the first unit: the second has no filters and nothing was examined.
-  EXPECT_EQ(second->GetFilters()->GetItemCount(), 0u);
-  EXPECT_EQ(second->GetScanContent()->GetItemCount(), 0u);
+  EXPECT_EQ(second->GetFilters()->GetItemCount() + second->GetScanContent()->GetItemCount(), 0u);
   bool bFrameOfThisOperation = false;
   for (const auto& frame : error.GetFrames())
-    bFrameOfThisOperation = bFrameOfThisOperation || std::string(frame.function).find("FinalizeWorkUnits") != std::string::npos;
+    bFrameOfThisOperation |= std::string(frame.function).find("FinalizeWorkUnits") != std::string::npos;
   EXPECT_TRUE(bFrameOfThisOperation) << error.AsString();
-
   // Items already added are not doubled by a second pass.
-  StringSet goodFilters{"/a/x", "/b/x"};
-  ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, goodFilters, kEmpty, kEmpty, kEmpty).IsSuccess());
-  ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, goodFilters, kEmpty, kEmpty, kEmpty).IsSuccess());
+  for (int pass = 0; pass < 2; ++pass)
+    ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, StringSet{"/a/x", "/b/x"}, kEmpty, kEmpty, kEmpty).IsSuccess());
   EXPECT_EQ(first->GetScanContent()->GetItemCount(), 1u);
   EXPECT_EQ(first->GetFilters()->GetItemCount(), 1u);
   EXPECT_EQ(second->GetFilters()->GetItemCount(), 1u);
 }
 
+// A unit is marked "NC" when its content lies outside its source volume, or is filtered away as a
+// whole.
 TEST_F(Finalization, UnitsWithNothingToScanAreMarkedNC) {
-  std::unique_ptr<CTempTree> shm = MakeTreeIn("/dev/shm");
-  std::string d = shm->MakeDir("d"), a = m_tree.MakeDir("a");
-  if (VolumeOf(a) == VolumeOf(d)) GTEST_SKIP() << "temporary folder and /dev/shm share a volume";
-  // The content is reported under a source path outside the unit's source volume (/dev/shm).
-  ASSERT_TRUE(m_manager.AssignWorkUnit("/elsewhere/d", d, false).IsSuccess());
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(a).IsSuccess());
-  ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, kEmpty, kEmpty, kEmpty, kEmpty).IsSuccess());
-  CWorkUnitPtr shmUnit = m_manager.GetWorkUnitMap().at(VolumeOf(d));
-  CWorkUnitPtr rootUnit = m_manager.GetWorkUnitMap().at(VolumeOf(a));
-  EXPECT_EQ(shmUnit->GetProcessor(), "NC");
-  EXPECT_EQ(shmUnit->DispositionAsString(), "Processed(NC)");
-  EXPECT_TRUE(shmUnit->IsSuccessfullyProcessed());
-  EXPECT_EQ(rootUnit->DispositionAsString(), "NotProcessed");
-}
-
-TEST_F(Finalization, ExamineMarksAUnitWhoseContentIsFilteredAway) {
-  CWorkUnitPtr unit = AddUnit(m_manager, "/vol", "/vol/data");
-  unit->SetSourceVolumeName("/vol");
-  CWorkUnitPtr kept = AddUnit(m_manager, "/other", "/other/data");
-  kept->SetSourceVolumeName("/other");
-  // A system filter that takes the whole volume out leaves nothing to scan.
+  CWorkUnitPtr outside = AddUnit(m_manager, "/shm", "/elsewhere/d", "/shm");
+  CWorkUnitPtr filtered = AddUnit(m_manager, "/vol", "/vol/data", "/vol");
+  CWorkUnitPtr kept = AddUnit(m_manager, "/other", "/other/data", "/other");
   ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, kEmpty, kEmpty, StringSet{"/vol"}, kEmpty).IsSuccess());
-  EXPECT_EQ(unit->DispositionAsString(), "Processed(NC)");
+  EXPECT_EQ(outside->DispositionAsString(), "Processed(NC)");
+  EXPECT_TRUE(outside->IsSuccessfullyProcessed());
+  EXPECT_EQ(filtered->DispositionAsString(), "Processed(NC)");
   EXPECT_EQ(kept->DispositionAsString(), "NotProcessed");
 }
 
-TEST_F(Finalization, TheDumpOfFinishedUnitsNestsEachLevel) {
-  std::string a = m_tree.MakeDir("a"), b = m_tree.MakeDir("b");
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(a).IsSuccess());
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(b).IsSuccess());
-  ASSERT_TRUE(m_manager.FinalizeWorkUnits(kEmpty, StringSet{a + "/x"}, kEmpty, kEmpty, kEmpty).IsSuccess());
-  auto writer = std::make_shared<CMemoryLineWriter>();
-  for (const auto& [id, media] : m_manager.GetPhysicalMediaVolumeWorkUnitMap())
-    ASSERT_TRUE(media->DumpDiagnosticData(writer, "#").IsSuccess());
-  std::vector<std::string> lines = writer->GetLines();
-  ASSERT_GE(lines.size(), 5u);
-  EXPECT_EQ(lines[0].rfind("#PhysicalMediaWorkUnit=0x", 0), 0u) << lines[0];
-  EXPECT_EQ(lines[1].rfind("#  VolumeWorkUnit=0x", 0), 0u) << lines[1];
-  EXPECT_EQ(lines[2].rfind("#    WorkUnit=[0x", 0), 0u) << lines[2];
-  EXPECT_NE(lines[2].find("ScanPaths=[2], Disposition=[NotProcessed]"), std::string::npos) << lines[2];
-  EXPECT_EQ(lines[3], "#      ScanPath: LocalScanPath=[" + a + "], SourceScanPath=[" + a + "], SourceScanPrefix=[" + a + "]");
-  EXPECT_EQ(lines[4], "#      ScanPath: LocalScanPath=[" + b + "], SourceScanPath=[" + b + "], SourceScanPrefix=[" + b + "]");
-  size_t filterLines = 0;
-  for (const std::string& line : lines) {
-    EXPECT_EQ(line.rfind("#", 0), 0u) << line;
-    if (line.find("Include Path=[" + a + "/x]") != std::string::npos) ++filterLines;
-  }
-  EXPECT_EQ(filterLines, 1u);
-}
+}  // namespace

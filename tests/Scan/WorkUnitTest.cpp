@@ -2,10 +2,6 @@
 // units they concern, filter queries, raw-device surfaces and the diagnostic dump.
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "Platform/FXString.h"
 #include "Platform/MemoryLineWriter.h"
 #include "Scan/PhysicalMediaWorkUnit.h"
@@ -15,7 +11,6 @@
 #include "Scan/VolumeWorkUnit.h"
 #include "Scan/WorkUnit.h"
 #include "WorkUnitTestSupport.h"
-
 
 namespace {
 // A unit on volume "/" whose scan paths have the given source forms (local forms alike).
@@ -47,13 +42,11 @@ class ScanPathPrefix : public ::testing::TestWithParam<SPrefixRow> {};
 TEST_P(ScanPathPrefix, WildcardsGiveTheirFixedLeadingFolders) {
   const SPrefixRow& row = GetParam();
   CScanPath scanPath("/local" + row.path, row.path);
-  EXPECT_EQ(scanPath.GetSourceScanPath(), row.path);
+  EXPECT_EQ(scanPath.GetSourceScanPath() + " " + scanPath.GetLocalScanPath(), row.path + " /local" + row.path);
   EXPECT_EQ(scanPath.GetSourceScanPrefix(), row.prefix);
-  EXPECT_EQ(scanPath.GetLocalScanPath(), "/local" + row.path);
   // The local form is prefixed the same way (a relative pattern becomes absolute under /local).
-  if (!row.prefix.empty() && row.prefix[0] == '/') {
-    EXPECT_EQ(scanPath.GetLocalScanPrefix(), row.prefix == "/" ? "/local" : "/local" + row.prefix);
-  }
+  const std::string localPrefix = row.prefix == "/" ? "/local" : "/local" + row.prefix;
+  EXPECT_TRUE(row.prefix.find('/') != 0 || scanPath.GetLocalScanPrefix() == localPrefix) << localPrefix;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -76,8 +69,7 @@ struct SDispositionRow {
   const char* name;
   std::string processor;
   uint32_t status;
-  std::string text;
-  bool success;
+  std::string text;  // " ok" added when the unit counts as processed successfully
 };
 
 class WorkUnitDisposition : public ::testing::TestWithParam<SDispositionRow> {};
@@ -85,26 +77,24 @@ class WorkUnitDisposition : public ::testing::TestWithParam<SDispositionRow> {};
 TEST_P(WorkUnitDisposition, TextAndSuccess) {
   const SDispositionRow& row = GetParam();
   CWorkUnit unit;
-  EXPECT_EQ(unit.DispositionAsString(), "NotProcessed");
-  EXPECT_FALSE(unit.IsSuccessfullyProcessed());
+  EXPECT_EQ(unit.DispositionAsString() + (unit.IsSuccessfullyProcessed() ? " ok" : ""), "NotProcessed");
   // A later disposition replaces an earlier one.
   unit.SetDisposition("Earlier", 9);
   unit.SetDisposition(row.processor, row.status);
-  EXPECT_EQ(unit.DispositionAsString(), row.text);
-  EXPECT_EQ(unit.IsSuccessfullyProcessed(), row.success);
+  EXPECT_EQ(unit.DispositionAsString() + (unit.IsSuccessfullyProcessed() ? " ok" : ""), row.text);
   EXPECT_EQ(unit.GetFinalStatus(), row.status);
   EXPECT_EQ(unit.GetProcessor(), row.processor);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Table, WorkUnitDisposition,
-    ::testing::Values(SDispositionRow{"Processed", "FF", 0, "Processed(FF)", true},
-                      SDispositionRow{"Failed", "FF", 5, "Failed(FF=5)", false},
-                      SDispositionRow{"FailedLargeStatus", "TR", 4294967295u, "Failed(TR=4294967295)", false},
-                      SDispositionRow{"NoContent", "NC", 0, "Processed(NC)", true},
+    ::testing::Values(SDispositionRow{"Processed", "FF", 0, "Processed(FF) ok"},
+                      SDispositionRow{"Failed", "FF", 5, "Failed(FF=5)"},
+                      SDispositionRow{"FailedLargeStatus", "TR", 4294967295u, "Failed(TR=4294967295)"},
+                      SDispositionRow{"NoContent", "NC", 0, "Processed(NC) ok"},
                       // An empty processor is "not processed" whatever the status.
-                      SDispositionRow{"EmptyProcessor", "", 0, "NotProcessed", false},
-                      SDispositionRow{"EmptyProcessorWithStatus", "", 7, "NotProcessed", false}),
+                      SDispositionRow{"EmptyProcessor", "", 0, "NotProcessed"},
+                      SDispositionRow{"EmptyProcessorWithStatus", "", 7, "NotProcessed"}),
     [](const ::testing::TestParamInfo<SDispositionRow>& info) { return std::string(info.param.name); });
 
 TEST(WorkUnitText, AllThreeLevels) {
@@ -171,8 +161,9 @@ TEST_P(WorkUnitFilterConcern, EveryOperationKeepsOnlyItemsThatConcernTheUnit) {
     auto unit = UnitWithPaths(row.scanPaths);
     ASSERT_TRUE(((*unit).*op.add)(row.item).IsSuccess());
     CFilterSetPtr set = op.set(*unit);
-    EXPECT_EQ(set->GetItemCount(op.state), row.added ? 1u : 0u) << row.item;
-    EXPECT_EQ(set->GetItemCount(), row.added ? 1u : 0u);
+    const size_t expected = row.added ? 1 : 0;
+    EXPECT_EQ(std::make_pair(set->GetItemCount(op.state), set->GetItemCount()), std::make_pair(expected, expected))
+        << row.item;
   }
 }
 
@@ -204,18 +195,15 @@ TEST(WorkUnitFilters, VolumeWildcardUnitsAreConcernedByTheirSourceVolume) {
   ASSERT_TRUE(unit->AddFilterItem("/vol/a").IsSuccess());
   EXPECT_EQ(unit->GetFilters()->GetItemCount(), 0u);
   unit->SetContainsVolumeWildcardScanPaths();
-  EXPECT_TRUE(unit->ContainsVolumeWildcardScanPaths());
-  for (const char* item : {"/vol/a", "/", "/vol", "/vol/b/*.x"}) ASSERT_TRUE(unit->AddFilterItem(item).IsSuccess());
-  for (const char* item : {"/other", "/volume", "/other/*.x"}) ASSERT_TRUE(unit->AddFilterItem(item).IsSuccess());
+  for (const char* item : {"/vol/a", "/", "/vol", "/vol/b/*.x", "/other", "/volume", "/other/*.x"})
+    ASSERT_TRUE(unit->AddFilterItem(item).IsSuccess());
   EXPECT_EQ(unit->GetFilters()->GetItemCount(), 4u);
 }
 
 TEST(WorkUnitFilters, MalformedItemsAreErrors) {
   auto unit = UnitWithPaths({"/data"});
-  CQiError error = unit->AddFilterItem("/data/[z-a]");
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidData)) << error.AsString();
-  error = unit->AddFilterExceptionItem("");
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter)) << error.AsString();
+  EXPECT_TRUE(unit->AddFilterItem("/data/[z-a]").IsWin32(QiErrorCode::InvalidData));
+  EXPECT_TRUE(unit->AddFilterExceptionItem("").IsWin32(QiErrorCode::InvalidParameter));
   EXPECT_EQ(unit->GetFilters()->GetItemCount(), 0u);
 }
 
@@ -227,11 +215,10 @@ class WorkUnitQueries : public ::testing::Test {
     m_pUnit = UnitWithPaths({"/data", "/home/u/*.doc"});
     for (const CScanPathPtr& path : m_pUnit->GetScanPaths())
       ASSERT_TRUE(m_pUnit->AddScanContentItem(path->GetSourceScanPath(), path->GetContext()).IsSuccess());
-    ASSERT_TRUE(m_pUnit->AddScanContentExceptionItem("/data/skip").IsSuccess());
-    ASSERT_TRUE(m_pUnit->AddFilterItem("*.tmp").IsSuccess());
-    ASSERT_TRUE(m_pUnit->AddFilterItem("/data/cache").IsSuccess());
-    ASSERT_TRUE(m_pUnit->AddFilterExceptionItem("/data/cache/keep").IsSuccess());
-    ASSERT_TRUE(m_pUnit->AddSystemFilterItem("/data/sys").IsSuccess());
+    ASSERT_TRUE(m_pUnit->AddScanContentExceptionItem("/data/skip").IsSuccess() &&
+                m_pUnit->AddFilterItem("*.tmp").IsSuccess() && m_pUnit->AddFilterItem("/data/cache").IsSuccess() &&
+                m_pUnit->AddFilterExceptionItem("/data/cache/keep").IsSuccess() &&
+                m_pUnit->AddSystemFilterItem("/data/sys").IsSuccess());
   }
   std::shared_ptr<CWorkUnit> m_pUnit;
 };
@@ -264,35 +251,28 @@ INSTANTIATE_TEST_SUITE_P(
                       SQueryRow{"WildcardContentMiss", "/home/u/a.txt", true}),
     [](const ::testing::TestParamInfo<SQueryRow>& info) { return std::string(info.param.name); });
 
+// Folders where a match is possible ("+") and folders always filtered ("!"). The exception below
+// /data/cache keeps the folder from being filtered as a whole.
 TEST_F(WorkUnitQueries, FolderQueries) {
-  EXPECT_TRUE(m_pUnit->IsMatchPossibleInFolder("/"));
-  EXPECT_TRUE(m_pUnit->IsMatchPossibleInFolder("/data"));
-  EXPECT_TRUE(m_pUnit->IsMatchPossibleInFolder("/home"));
-  EXPECT_FALSE(m_pUnit->IsMatchPossibleInFolder("/srv"));
-  EXPECT_FALSE(m_pUnit->IsMatchPossibleInFolder("/data/skip"));
-  EXPECT_FALSE(m_pUnit->IsMatchPossibleInFolder("/data/sys"));
+  std::string answers;
+  for (const char* folder : {"/", "/data", "/home", "/srv", "/data/skip", "/data/sys", "/data/x.tmp", "/data/cache"})
+    answers += std::string(" ") + folder + (m_pUnit->IsMatchPossibleInFolder(folder) ? "+" : "") +
+               (m_pUnit->IsAlwaysFiltered(folder) ? "!" : "");
+  EXPECT_EQ(answers, " /+ /data+ /home+ /srv /data/skip /data/sys! /data/x.tmp! /data/cache+");
   // The two-path form answers for its second (source) path.
   EXPECT_TRUE(m_pUnit->IsMatchPossibleInFolder("/srv", "/data"));
   EXPECT_FALSE(m_pUnit->IsMatchPossibleInFolder("/data", "/srv"));
-
-  EXPECT_TRUE(m_pUnit->IsAlwaysFiltered("/data/sys"));
-  EXPECT_TRUE(m_pUnit->IsAlwaysFiltered("/data/x.tmp"));
-  // The exception below /data/cache keeps the folder from being filtered as a whole.
-  EXPECT_FALSE(m_pUnit->IsAlwaysFiltered("/data/cache"));
-  EXPECT_FALSE(m_pUnit->IsAlwaysFiltered("/data"));
 }
 
 TEST(WorkUnitWildcardCase, InsensitiveWildcardsReachAllThreeSets) {
   auto unit = UnitWithPaths({"/data"});
-  EXPECT_FALSE(unit->IsUseInsensitiveFilterForWildCardSet());
   unit->SetUseInsensitiveFilterForWildCard(true);
-  EXPECT_TRUE(unit->IsUseInsensitiveFilterForWildCardSet());
-  EXPECT_TRUE(unit->GetScanContent()->IsUseInsensitiveFilterForWildCardSet());
-  EXPECT_TRUE(unit->GetFilters()->IsUseInsensitiveFilterForWildCardSet());
-  EXPECT_TRUE(unit->GetSystemFilters()->IsUseInsensitiveFilterForWildCardSet());
-  ASSERT_TRUE(unit->AddScanContentItem("/data").IsSuccess());
-  ASSERT_TRUE(unit->AddFilterItem("/data/*.TMP").IsSuccess());
-  EXPECT_TRUE(unit->IsFileFilteredOut("/data/a.tmp"));
+  ASSERT_TRUE(unit->AddScanContentItem("/data/*.DOC").IsSuccess());
+  ASSERT_TRUE(unit->AddFilterItem("/data/X*").IsSuccess() && unit->AddSystemFilterItem("/data/Y*").IsSuccess());
+  std::string answers;
+  for (const char* file : {"/data/a.doc", "/data/x.doc", "/data/y.doc", "/data/a.txt"})
+    answers += unit->IsFileFilteredOut(file) ? "-" : "+";
+  EXPECT_EQ(answers, "+---");
 }
 
 // The scan content records the volume the job catalogues under.
