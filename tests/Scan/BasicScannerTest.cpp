@@ -2,20 +2,15 @@
 // (/tmp) and one on /dev/shm (tmpfs), which are two physical media.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "Platform/CaptureLogWriter.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/MemoryLineWriter.h"
 #include "Scan/BasicScanner.h"
 #include "Scan/ConsumerOutputHandler.h"
-#include "Support/TempTree.h"
+#include "WorkUnitTestSupport.h"
 
 namespace {
 
@@ -53,13 +48,12 @@ class CTestCallback : public CScannerCallback {
   std::shared_ptr<CCollectingConsumer> m_pFailures = std::make_shared<CCollectingConsumer>();
 };
 
-// What the engines of a scan were given, recorded by CStubEngine.
+// What the engines of a scan were given, recorded by CStubEngine: excluded attributes, instance,
+// configuration bag and callback of each.
+using TEngineSettings = std::tuple<unsigned, std::string, CBagPtr, CScannerCallbackPtr>;
 struct SEngineRecord {
   std::mutex mutex;
-  std::vector<unsigned> lstExcludedAttributes;
-  std::vector<std::string> lstInstances;
-  std::vector<CBagPtr> lstBags;
-  std::vector<CScannerCallbackPtr> lstCallbacks;
+  std::vector<TEngineSettings> lstSettings;
 };
 
 // A FindFirst engine whose Process only records its settings and returns a set result.
@@ -69,10 +63,8 @@ class CStubEngine : public CFindFirstScanEngine {
       : m_pRecord(std::move(pRecord)), m_result(std::move(result)) {}
   CQiError Process() override {
     std::lock_guard<std::mutex> lock(m_pRecord->mutex);
-    m_pRecord->lstExcludedAttributes.push_back(GetExcludedAttributes());
-    m_pRecord->lstInstances.push_back(GetInstance());
-    m_pRecord->lstBags.push_back(GetScannerConfigurationBag());
-    m_pRecord->lstCallbacks.push_back(GetScannerCallback());
+    m_pRecord->lstSettings.emplace_back(GetExcludedAttributes(), GetInstance(), GetScannerConfigurationBag(),
+                                        GetScannerCallback());
     return m_result;
   }
 
@@ -81,21 +73,11 @@ class CStubEngine : public CFindFirstScanEngine {
   CQiError m_result;
 };
 
-// A temporary tree on /dev/shm (CTempTree places its trees under $TMPDIR).
-std::unique_ptr<CTempTree> MakeShmTree() {
-  const char* szOld = getenv("TMPDIR");
-  const std::string strOld = szOld ? szOld : "";
-  setenv("TMPDIR", "/dev/shm", 1);
-  auto pTree = std::make_unique<CTempTree>();
-  if (szOld) setenv("TMPDIR", strOld.c_str(), 1); else unsetenv("TMPDIR");
-  return pTree;
-}
-
 // Two trees on two physical media, a callback and a scanner with a capturing log writer.
 class BasicScannerFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_pShm = MakeShmTree();
+    m_pShm = WorkUnitTestSupport::MakeTreeIn("/dev/shm");
     for (CTempTree* pTree : {&m_tmp, m_pShm.get()}) {
       pTree->MakeFile("content/a.txt", "abc");
       pTree->MakeFile("content/sub/b.dat", "0123456789");
@@ -114,10 +96,12 @@ class BasicScannerFixture : public ::testing::Test {
       GTEST_SKIP() << "/tmp and /dev/shm are not two physical media on this machine";
   }
 
-  size_t CountAtLevel(int iLevel) const {
-    size_t n = 0;
-    for (const auto& entry : m_pLog->GetEntries()) n += entry.level == iLevel ? 1 : 0;
-    return n;
+  // The lines written at log level -1, which the operator sees.
+  std::vector<std::string> OperatorLines() const {
+    std::vector<std::string> lines;
+    for (const auto& entry : m_pLog->GetEntries())
+      if (entry.level == -1) lines.push_back(entry.text);
+    return lines;
   }
 
   CTempTree m_tmp;
@@ -147,16 +131,16 @@ TEST_F(BasicScannerFixture, RunsOneFindFirstThreadPerPhysicalMedium) {
   ASSERT_TRUE(m_pScanner->WaitForScanToComplete().IsSuccess());
 
   const auto& lstThreads = m_pScanner->GetPrivate()->GetWorkThreads();
-  const auto& mapMedia = m_pScanner->GetWorkUnitManager()->GetPhysicalMediaVolumeWorkUnitMap();
   ASSERT_EQ(lstThreads.size(), 2u);
-  auto itMedium = mapMedia.begin();
+  auto itMedium = m_pScanner->GetWorkUnitManager()->GetPhysicalMediaVolumeWorkUnitMap().begin();
   for (size_t i = 0; i < lstThreads.size(); ++i, ++itMedium) {
     EXPECT_EQ(lstThreads[i]->GetThreadIndex(), static_cast<int>(i) + 1);
     EXPECT_EQ(lstThreads[i]->GetPhysicalMediaWorkUnit(), itMedium->second);
     ASSERT_TRUE(lstThreads[i]->GetScanEngine());
-    EXPECT_EQ(lstThreads[i]->GetScanEngine()->getDescription(), "FindFirst");
-    EXPECT_EQ(lstThreads[i]->GetScanEngine()->GetExcludedAttributes(), 0u);
-    EXPECT_EQ(lstThreads[i]->GetScanEngine()->GetInstance(), "Instance007");
+    const auto& pEngine = lstThreads[i]->GetScanEngine();
+    EXPECT_EQ(pEngine->getDescription() + " " + pEngine->GetInstance() + " " +
+                  std::to_string(pEngine->GetExcludedAttributes()),
+              "FindFirst Instance007 0");
   }
   EXPECT_EQ(m_pScanner->GetPrivate()->GetThreadPool()->GetMinThreads(), 2);
   EXPECT_EQ(m_pScanner->GetPrivate()->GetThreadPool()->GetMaxThreads(), 3);
@@ -169,7 +153,7 @@ TEST_F(BasicScannerFixture, RunsOneFindFirstThreadPerPhysicalMedium) {
   EXPECT_TRUE(m_pCallback->m_pFailures->Paths().empty());
   for (const auto& [strKey, pUnit] : m_pScanner->GetWorkUnitManager()->GetWorkUnitMap())
     EXPECT_EQ(pUnit->DispositionAsString(), "Processed(FF)") << strKey;
-  EXPECT_EQ(CountAtLevel(-1), 0u);
+  EXPECT_TRUE(OperatorLines().empty());
 }
 
 // What a work thread makes of its engine's result: never a failed wait; failures only in the log.
@@ -211,29 +195,17 @@ TEST_P(BasicScannerEngineOutcome, WaitSucceedsAndOnlyTheLogTellsOfFailures) {
   ASSERT_TRUE(m_pScanner->Start().IsSuccess());
   EXPECT_TRUE(m_pScanner->WaitForScanToComplete().IsSuccess());
 
-  const size_t nMedia = 2;
-  size_t nMinusOne = 0;
-  for (const auto& entry : m_pLog->GetEntries()) {
-    if (entry.level != -1) continue;
-    ++nMinusOne;
-    ASSERT_NE(testCase.szLevelMinusOnePrefix, nullptr) << entry.text;
-    EXPECT_EQ(entry.text.rfind(testCase.szLevelMinusOnePrefix, 0), 0u) << entry.text;
-  }
-  EXPECT_EQ(nMinusOne, testCase.szLevelMinusOnePrefix ? nMedia : 0u);
-  EXPECT_EQ(m_pLog->Count("Operation was aborted", 1), testCase.nAbortNotices * nMedia);
-
-  if (testCase.eEngine == EEngine::Fails || testCase.eEngine == EEngine::Succeeds ||
-      testCase.eEngine == EEngine::Aborts) {
-    std::lock_guard<std::mutex> lock(pRecord->mutex);
-    ASSERT_EQ(pRecord->lstExcludedAttributes.size(), nMedia);
-    for (size_t i = 0; i < nMedia; ++i) {
-      EXPECT_EQ(pRecord->lstExcludedAttributes[i], 0u);
-      EXPECT_EQ(pRecord->lstInstances[i], "Instance007");
-      EXPECT_EQ(pRecord->lstBags[i], m_pBag);
-      EXPECT_EQ(pRecord->lstCallbacks[i], m_pCallback);
-    }
-  }
-  if (testCase.eEngine == EEngine::RealAborted) { EXPECT_TRUE(m_pCallback->m_pItems->Paths().empty()); }
+  // One operator line per medium, each starting with the prefix.
+  const std::string prefix = testCase.szLevelMinusOnePrefix ? testCase.szLevelMinusOnePrefix : "";
+  std::vector<std::string> lines = OperatorLines();
+  for (std::string& line : lines) line = line.substr(0, prefix.size());
+  EXPECT_EQ(lines, std::vector<std::string>(prefix.empty() ? 0 : 2, prefix));
+  EXPECT_EQ(m_pLog->Count("Operation was aborted", 1), testCase.nAbortNotices * 2);
+  // Stub engines were given the scanner's settings, never the caller's excluded attributes.
+  const bool bStub = testCase.eEngine != EEngine::CannotBeMade && testCase.eEngine != EEngine::RealAborted;
+  std::lock_guard<std::mutex> lock(pRecord->mutex);
+  EXPECT_EQ(pRecord->lstSettings, std::vector<TEngineSettings>(bStub ? 2 : 0, {0u, "Instance007", m_pBag, m_pCallback}));
+  EXPECT_TRUE(testCase.eEngine != EEngine::RealAborted || m_pCallback->m_pItems->Paths().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -334,14 +306,14 @@ TEST_P(BasicScannerDiagnostics, DumpsEveryMediumFollowedByABlankLine) {
   ASSERT_TRUE(m_pScanner->WaitForScanToComplete().IsSuccess());
   if (testCase.bRequestDump) { ASSERT_TRUE(m_pScanner->DumpDiagnosticData().IsSuccess()); }
 
-  size_t nMediumLines = 0, nBlankLines = 0;
-  for (const std::string& strLine : pDiagnostics->GetLines()) {
-    nMediumLines += strLine.rfind("PhysicalMediaWorkUnit=", 0) == 0 ? 1 : 0;
-    nBlankLines += strLine == " " ? 1 : 0;
-  }
-  EXPECT_EQ(nMediumLines, 2 * testCase.nDumpsPerMedium);
-  EXPECT_EQ(nBlankLines, 2 * testCase.nDumpsPerMedium);
-  if (testCase.nDumpsPerMedium > 0) { EXPECT_EQ(pDiagnostics->GetLines().back(), " "); }
+  // Each medium's dump starts with its line and ends with a blank one: "M" and "_" below.
+  std::string strShape;
+  for (const std::string& strLine : pDiagnostics->GetLines())
+    if (strLine.rfind("PhysicalMediaWorkUnit=", 0) == 0 || strLine == " ") strShape += strLine == " " ? "_" : "M";
+  std::string strExpected;
+  for (size_t i = 0; i < 2 * testCase.nDumpsPerMedium; ++i) strExpected += "M_";
+  EXPECT_EQ(strShape, strExpected);
+  EXPECT_TRUE(strExpected.empty() || pDiagnostics->GetLines().back() == " ");
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, BasicScannerDiagnostics,
