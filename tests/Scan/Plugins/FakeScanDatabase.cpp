@@ -7,8 +7,6 @@
 //   anything else      every operation succeeds and stores nothing.
 // FakeScanDatabaseCreated/FakeScanDatabaseDestroyed count the objects made and freed.
 
-#include <string>
-
 #include "Platform/ErrorCodes.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
@@ -19,39 +17,28 @@ namespace {
 int s_iCreated = 0;
 int s_iDestroyed = 0;
 
+using FSDB::CDatabaseItemPtr;
+using Path = const std::string&;
+
 class CFakeScanDatabase : public FSDB::CScanDatabaseBase {
  public:
   explicit CFakeScanDatabase(bool bCloseFails) : m_bCloseFails(bCloseFails) {}
   CQiError SetBulkInsertMode(bool) override { return CQiError(); }
   CQiError Open(bool) override { return CQiError(); }
   CQiError Close() override {
-    if (m_bCloseFails) return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "Fake close failure");
-    return CQiError();
+    return m_bCloseFails ? QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "Fake close failure") : CQiError();
   }
-  CQiError AddFile(const std::string&, const FSDB::CDatabaseItemPtr&) override { return CQiError(); }
-  CQiError AddFolder(const std::string&, const FSDB::CDatabaseItemPtr&) override {
-    return CQiError();
-  }
-  CQiError DeleteFile(const std::string&, const FSDB::CDatabaseItemPtr&) override {
-    return CQiError();
-  }
-  CQiError DeleteFolder(const std::string&, const FSDB::CDatabaseItemPtr&) override {
-    return CQiError();
-  }
-  CQiError RenameFile(const std::string&, const std::string&, const FSDB::CDatabaseItemPtr&,
-                      const FSDB::CDatabaseItemPtr&) override {
-    return CQiError();
-  }
-  CQiError RenameFolder(const std::string&, const std::string&, const FSDB::CDatabaseItemPtr&,
-                        const FSDB::CDatabaseItemPtr&) override {
-    return CQiError();
-  }
-  CQiError QueryFolderItems(const std::string&, int64_t,
-                            std::list<FSDB::CDatabaseItemPtr>& lstItems) override {
+  CQiError AddFile(Path, const CDatabaseItemPtr&) override { return CQiError(); }
+  CQiError AddFolder(Path, const CDatabaseItemPtr&) override { return CQiError(); }
+  CQiError DeleteFile(Path, const CDatabaseItemPtr&) override { return CQiError(); }
+  CQiError DeleteFolder(Path, const CDatabaseItemPtr&) override { return CQiError(); }
+  CQiError RenameFile(Path, Path, const CDatabaseItemPtr&, const CDatabaseItemPtr&) override { return CQiError(); }
+  CQiError RenameFolder(Path, Path, const CDatabaseItemPtr&, const CDatabaseItemPtr&) override { return CQiError(); }
+  CQiError QueryFolderItems(Path, int64_t, std::list<CDatabaseItemPtr>& lstItems) override {
     lstItems.clear();
     return CQiError();
   }
-  CQiError QueryItem(const std::string&, FSDB::CDatabaseItemPtr&) override {
+  CQiError QueryItem(Path, CDatabaseItemPtr&) override {
     return QI_ERROR_WIN32(QiErrorCode::NotFound, "Fake store holds nothing");
   }
 
@@ -63,16 +50,15 @@ class CFakeScanDatabase : public FSDB::CScanDatabaseBase {
 
 extern "C" {
 
-__attribute__((visibility("default"))) FSDB::CScanDatabaseBase* GetDatabaseObject(
-    const std::string& strDatabasePath, FSDB::DatabaseType, bool) {
+__attribute__((visibility("default"))) FSDB::CScanDatabaseBase* GetDatabaseObject(const std::string& strDatabasePath,
+                                                                                   FSDB::DatabaseType, bool) {
   if (FXString::EndsWith(strDatabasePath, "/null-object")) return nullptr;
   ++s_iCreated;
   return new CFakeScanDatabase(FXString::EndsWith(strDatabasePath, "/close-fails"));
 }
 
 #ifndef FSSCAN_FAKE_SCANDB_LACKS_DESTROY
-__attribute__((visibility("default"))) void DestroyDatabaseObject(
-    FSDB::CScanDatabaseBase* pDatabase) {
+__attribute__((visibility("default"))) void DestroyDatabaseObject(FSDB::CScanDatabaseBase* pDatabase) {
   if (pDatabase != nullptr) ++s_iDestroyed;
   delete pDatabase;
 }
