@@ -124,15 +124,20 @@ class CStore {
 };
 
 // One step: "D path", "F path [size]", "mv old new", "mvd old new", "rm path", "rmd path",
-// "get path", "ls folder".
+// "get path", "ls folder"; for the plug-in store also "Fnull path" (no record) and "mv+ old new
+// size" (a new record comes with the rename).
 template <class TStore>
 CQiError Apply(TStore& store, const std::string& strStep) {
   const size_t uBlank = strStep.find(' ');
   const std::string strVerb = strStep.substr(0, uBlank);
   std::vector<std::string> args;
   if (uBlank != std::string::npos) args = FXString::Split(strStep.substr(uBlank + 1), ' ');
-  args.resize(std::max<size_t>(args.size(), 2));
+  args.resize(std::max<size_t>(args.size(), 3));
   std::vector<SEntry> entries;
+  if constexpr (std::is_same_v<TStore, CPluginStore>) {
+    if (strVerb == "Fnull") return store.Db().AddFile(args[0], nullptr);
+    if (strVerb == "mv+") return store.Db().RenameFile(args[0], args[1], nullptr, MakeRecord(std::stoll(args[2])));
+  }
   if (strVerb == "D") return store.AddFolder(args[0]);
   if (strVerb == "F") return store.AddFile(args[0], args[1].empty() ? 0 : std::stoll(args[1]));
   if (strVerb == "mv" || strVerb == "mvd") return store.Rename(args[0], args[1], strVerb == "mvd");
@@ -172,7 +177,7 @@ void ExpectError(const CQiError& e, Space space, uint32_t code, const std::strin
 }
 
 class StoreFixture : public ::testing::Test {
- protected:
+ public:
   void SetUp() override { setenv(CQiLibrary::kPluginPathVariable, FSSCAN_SCANDB_PLUGIN_DIR, 1); }
   std::string NewFolder() { return m_tree.Path("jobs/db" + std::to_string(++m_iFolders)); }
   template <class TStore>
@@ -211,6 +216,7 @@ TYPED_TEST_SUITE(ScanStoreContract, StoreTypes, StoreNames);
 
 struct SScenario {
   const char* name;
+  bool bPluginOnly;
   std::string strRoot;
   std::vector<std::string> steps;
   std::vector<std::string> expected;
@@ -221,49 +227,76 @@ const std::string kLongName(5000, 'L');
 // Every step succeeds, and the store then holds exactly the expected tree, in bulk mode and
 // outside it, and again after it was closed and opened.
 const SScenario kScenarios[] = {
-    {"ListsInByteOrderOfNames", "/r",
+    {"ListsInByteOrderOfNames", false, "/r",
      {"D /r", "F /r/b 2", "F /r/a 1", "D /r/c", "F /r/c/x 3", "F /r/B", "F /r/\xc3\xa4", "F /r/a\nb"},
      {"F /r/B 0", "F /r/a 1", "F /r/a\nb 0", "F /r/b 2", "D /r/c", "F /r/c/x 3", "F /r/\xc3\xa4 0"}},
     // LIKE patterns would take '%' and '_' in the folder's name as wildcards; siblings that share
     // the folder's name as a prefix sort just around its subtree.
-    {"RenamedFolderCarriesItsSubtreeOnly", "/r",
+    {"RenamedFolderCarriesItsSubtreeOnly", false, "/r",
      {"D /r", "D /r/d%_", "D /r/d%_/e", "F /r/d%_/e/f 1", "F /r/d%_/g 2", "D /r/dxy", "F /r/dxy/h",
       "D /r/d%_0", "F /r/d%_0/i", "F /r/d%_.x", "D /r/d%_!", "F /r/d%_!/j", "mvd /r/d%_ /r/n"},
      {"D /r/d%_!", "F /r/d%_!/j 0", "F /r/d%_.x 0", "D /r/d%_0", "F /r/d%_0/i 0", "D /r/dxy", "F /r/dxy/h 0",
       "D /r/n", "D /r/n/e", "F /r/n/e/f 1", "F /r/n/g 2"}},
-    {"FolderMovesToAnotherParent", "/r", {"D /r", "D /r/a", "D /r/a/s", "F /r/a/s/f 1", "D /r/b", "mvd /r/a/s /r/b/s"},
+    {"FolderMovesToAnotherParent", false, "/r",
+     {"D /r", "D /r/a", "D /r/a/s", "F /r/a/s/f 1", "D /r/b", "mvd /r/a/s /r/b/s"},
      {"D /r/a", "D /r/b", "D /r/b/s", "F /r/b/s/f 1"}},
-    {"RenamedFileKeepsItsFields", "/r", {"D /r", "D /r/s", "F /r/a 4", "mv /r/a /r/s/a"}, {"D /r/s", "F /r/s/a 4"}},
-    {"DeletedFolderTakesItsSubtreeOnly", "/r",
+    {"RenamedFileKeepsItsFields", false, "/r", {"D /r", "D /r/s", "F /r/a 4", "mv /r/a /r/s/a"},
+     {"D /r/s", "F /r/s/a 4"}},
+    {"DeletedFolderTakesItsSubtreeOnly", false, "/r",
      {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d.x", "rmd /r/d"},
      {"F /r/d.x 0", "D /r/d0"}},
-    {"DeletedFile", "/r", {"D /r", "F /r/a", "F /r/b", "rm /r/a"}, {"F /r/b 0"}},
-    {"NamesAreBytes", "/r", {"D /r", "D /r/\xff\xfe", "F /r/\xff\xfe/\x01n 1", "mvd /r/\xff\xfe /r/\xc3\x28"},
+    {"DeletedFile", false, "/r", {"D /r", "F /r/a", "F /r/b", "rm /r/a"}, {"F /r/b 0"}},
+    {"NamesAreBytes", false, "/r", {"D /r", "D /r/\xff\xfe", "F /r/\xff\xfe/\x01n 1", "mvd /r/\xff\xfe /r/\xc3\x28"},
      {"D /r/\xc3\x28", "F /r/\xc3\x28/\x01n 1"}},
-    {"PathsLongerThanPathMax", "/r",
+    {"PathsLongerThanPathMax", false, "/r",
      {"D /r", "D /r/" + kLongName, "F /r/" + kLongName + "/f 1", "mvd /r/" + kLongName + " /r/s"},
      {"D /r/s", "F /r/s/f 1"}},
-    {"RootFolder", "/", {"D /", "F /a 1", "D /b", "F /b/c 2", "mvd /b /d"}, {"F /a 1", "D /d", "F /d/c 2"}},
+    {"RootFolder", false, "/", {"D /", "F /a 1", "D /b", "F /b/c 2", "mvd /b /d"}, {"F /a 1", "D /d", "F /d/c 2"}},
+    // The plug-in store: adding again replaces a record; records may come before their folder.
+    {"AddingAgainReplacesTheRecord", true, "/r", {"D /r", "F /r/a 1", "F /r/a 5"}, {"F /r/a 5"}},
+    {"FolderAddedAgainKeepsItsChildren", true, "/r", {"D /r", "D /r/d", "F /r/d/x 1", "D /r/d"},
+     {"D /r/d", "F /r/d/x 1"}},
+    {"FileOverFolderTakesItsSubtreeOnly", true, "/r",
+     {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d0/z", "F /r/d.x", "F /r/d 7"},
+     {"F /r/d 7", "F /r/d.x 0", "D /r/d0", "F /r/d0/z 0"}},
+    {"RenamedFileTakesNewFieldsWhenGiven", true, "/r", {"D /r", "F /r/b 4", "mv+ /r/b /r/c 9"}, {"F /r/c 9"}},
+    {"RecordsAddedBeforeTheirFolderAreLinkedToIt", true, "/r",
+     {"D /r", "F /r/s/t/z 3", "F /r/s/x 1", "D /r/s/t", "F /r/s/y 2", "D /r/s"},
+     {"D /r/s", "D /r/s/t", "F /r/s/t/z 3", "F /r/s/x 1", "F /r/s/y 2"}},
+    {"FolderThatIsNotStoredListsWhatIsBelowIt", true, "/q", {"F /q/a 1", "D /q/b"}, {"F /q/a 1", "D /q/b"}},
+    {"TrailingSlash", true, "/r", {"D /r", "D /r/e/"}, {"D /r/e"}},
 };
+
+// A store made in a new folder, given the steps in bulk mode or outside it, closed and opened
+// again; check() is called on the store before and after.
+template <class TStore, class FSteps, class FCheck>
+void RunAndReopen(StoreFixture& fixture, bool bBulk, FSteps steps, FCheck check) {
+  const std::string strFolder = fixture.NewFolder();
+  {
+    auto pStore = fixture.Open<TStore>(strFolder, true);
+    ASSERT_TRUE(!bBulk || pStore->Bulk(true).IsSuccess());
+    steps(*pStore);
+    check(*pStore);
+    ASSERT_TRUE(!bBulk || pStore->Bulk(false).IsSuccess());
+    ASSERT_TRUE(pStore->Close().IsSuccess());
+  }
+  check(*fixture.Open<TStore>(strFolder, false));
+}
 
 TYPED_TEST(ScanStoreContract, HoldsTheExpectedTree) {
   for (const SScenario& c : kScenarios) {
     for (bool bBulk : {false, true}) {
+      if (c.bPluginOnly && !std::is_same_v<TypeParam, CPluginStore>) continue;
       SCOPED_TRACE(std::string(c.name) + (bBulk ? " in bulk mode" : ""));
-      const std::string strFolder = this->NewFolder();
-      {
-        auto pStore = this->OpenStore(strFolder, true);
-        ASSERT_TRUE(!bBulk || pStore->Bulk(true).IsSuccess());
-        for (const std::string& strStep : c.steps) {
-          CQiError error = Apply(*pStore, strStep);
-          ASSERT_TRUE(error.IsSuccess()) << strStep << ": " << error.AsString();
-        }
-        EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
-        ASSERT_TRUE(!bBulk || pStore->Bulk(false).IsSuccess());
-        ASSERT_TRUE(pStore->Close().IsSuccess());
-      }
-      auto pStore = this->OpenStore(strFolder, false);
-      EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
+      RunAndReopen<TypeParam>(
+          *this, bBulk,
+          [&](TypeParam& store) {
+            for (const std::string& strStep : c.steps) {
+              CQiError error = Apply(store, strStep);
+              ASSERT_TRUE(error.IsSuccess()) << strStep << ": " << error.AsString();
+            }
+          },
+          [&](TypeParam& store) { EXPECT_EQ(c.expected, DumpTree(store, c.strRoot)); });
     }
   }
 }
@@ -274,10 +307,12 @@ struct SRefusal {
   std::string step;
   Space space;
   uint32_t code;
-  const char* pluginMessage;  // what the plug-in store says
+  const char* pluginMessage;  // what the plug-in store says; the other store only for plug-in-only rows
+  bool bPluginOnly = false;
 };
 
 // A clear error, and nothing stored before is lost, in bulk mode and outside it.
+const std::vector<std::string> kFileAndFolder = {"F /r/a 1", "D /r/d", "F /r/d/x 2"};
 const SRefusal kRefusals[] = {
     {"RenameFileOntoStoredFile", {"F /r/a 1", "F /r/b 2"}, "mv /r/a /r/b", E, EEXIST,
      "Cannot rename [/r/a] to [/r/b]: [/r/b] is already in the scan database"},
@@ -291,28 +326,37 @@ const SRefusal kRefusals[] = {
      "Cannot rename [/r/none]: it is not in scan database"},
     {"DeleteMissing", {"F /r/a"}, "rm /r/none", W, QiErrorCode::NotFound, "[/r/none] is not in scan database"},
     {"QueryUnknownPath", {"F /r/a"}, "get /r/none", W, QiErrorCode::NotFound, "[/r/none] is not in scan database"},
+    // The plug-in store's own refusals.
+    {"RenameFolderAsFile", kFileAndFolder, "mv /r/d /r/b", W, 87,
+     "Cannot rename [/r/d]: it is a folder in the scan database, not a file", true},
+    {"DeleteFolderAsFile", kFileAndFolder, "rm /r/d", W, 87, "[/r/d] is a folder in the scan database, not a file",
+     true},
+    {"DeleteFileAsFolder", kFileAndFolder, "rmd /r/a", W, 87, "[/r/a] is a file in the scan database, not a folder",
+     true},
+    {"NulByte", kFileAndFolder, std::string("F /r/a\0b", 8), W, 87, "The file path [/r/a\\x00b] contains a NUL byte",
+     true},
+    {"EmptyPath", kFileAndFolder, "F", W, 87, "The file path is empty", true},
+    {"NoRecord", kFileAndFolder, "Fnull /r/b", W, 87, "No record given for [/r/b]", true},
+    {"ListFile", kFileAndFolder, "ls /r/a", W, 87, "[/r/a] is a file in the scan database, not a folder", true},
+    {"ListUnknownFolder", kFileAndFolder, "ls /r/none", W, 1168, "Folder [/r/none] is not in scan database", true},
 };
 
 TYPED_TEST(ScanStoreContract, RefusesClearlyAndKeepsWhatWasStored) {
+  constexpr bool bPlugin = std::is_same_v<TypeParam, CPluginStore>;
   for (const SRefusal& c : kRefusals) {
     for (bool bBulk : {false, true}) {
+      if (c.bPluginOnly && !bPlugin) continue;
       SCOPED_TRACE(std::string(c.name) + (bBulk ? " in bulk mode" : ""));
-      const std::string strFolder = this->NewFolder();
       std::vector<std::string> before;
-      {
-        auto pStore = this->OpenStore(strFolder, true);
-        ASSERT_TRUE(pStore->AddFolder("/r").IsSuccess());
-        ASSERT_TRUE(!bBulk || pStore->Bulk(true).IsSuccess());
-        for (const std::string& strStep : c.setup) ASSERT_TRUE(Apply(*pStore, strStep).IsSuccess());
-        before = DumpTree(*pStore, "/r");
-        ExpectError(Apply(*pStore, c.step), c.space, c.code,
-                    std::is_same_v<TypeParam, CPluginStore> ? c.pluginMessage : "");
-        EXPECT_EQ(before, DumpTree(*pStore, "/r"));
-        ASSERT_TRUE(!bBulk || pStore->Bulk(false).IsSuccess());
-        ASSERT_TRUE(pStore->Close().IsSuccess());
-      }
-      auto pStore = this->OpenStore(strFolder, false);
-      EXPECT_EQ(before, DumpTree(*pStore, "/r"));
+      RunAndReopen<TypeParam>(
+          *this, bBulk,
+          [&](TypeParam& store) {
+            ASSERT_TRUE(store.AddFolder("/r").IsSuccess());
+            for (const std::string& strStep : c.setup) ASSERT_TRUE(Apply(store, strStep).IsSuccess());
+            before = DumpTree(store, "/r");
+            ExpectError(Apply(store, c.step), c.space, c.code, bPlugin ? c.pluginMessage : "");
+          },
+          [&](TypeParam& store) { EXPECT_EQ(before, DumpTree(store, "/r")); });
     }
   }
 }
@@ -449,63 +493,8 @@ TYPED_TEST(ScanStoreContract, FoldersOfAnotherUser) {
 class ScanDatabaseTest : public StoreFixture {
  protected:
   std::unique_ptr<CPluginStore> OpenStore(bool bCreateNew) { return Open<CPluginStore>(m_strFolder, bCreateNew); }
-  // The contract's steps, and "Fnull path" (no record), "mv+ old new size" (a new record comes
-  // with the rename).
-  static CQiError Step(CPluginStore& store, const std::string& strStep) {
-    const std::vector<std::string> args = FXString::Split(strStep, ' ');
-    if (args[0] == "Fnull") return store.Db().AddFile(args[1], nullptr);
-    if (args[0] == "mv+") return store.Db().RenameFile(args[1], args[2], nullptr, MakeRecord(std::stoll(args[3])));
-    return Apply(store, strStep);
-  }
   std::string m_strFolder = m_tree.Path("jobs/db");
 };
-
-// Adding again replaces a record; records may come before their folder.
-const SScenario kPluginScenarios[] = {
-    {"AddingAgainReplacesTheRecord", "/r", {"D /r", "F /r/a 1", "F /r/a 5"}, {"F /r/a 5"}},
-    {"FolderAddedAgainKeepsItsChildren", "/r", {"D /r", "D /r/d", "F /r/d/x 1", "D /r/d"}, {"D /r/d", "F /r/d/x 1"}},
-    {"FileOverFolderTakesItsSubtreeOnly", "/r",
-     {"D /r", "D /r/d", "F /r/d/x", "D /r/d/e", "F /r/d/e/y", "D /r/d0", "F /r/d0/z", "F /r/d.x", "F /r/d 7"},
-     {"F /r/d 7", "F /r/d.x 0", "D /r/d0", "F /r/d0/z 0"}},
-    {"RenamedFileTakesNewFieldsWhenGiven", "/r", {"D /r", "F /r/b 4", "mv+ /r/b /r/c 9"}, {"F /r/c 9"}},
-    {"RecordsAddedBeforeTheirFolderAreLinkedToIt", "/r",
-     {"D /r", "F /r/s/t/z 3", "F /r/s/x 1", "D /r/s/t", "F /r/s/y 2", "D /r/s"},
-     {"D /r/s", "D /r/s/t", "F /r/s/t/z 3", "F /r/s/x 1", "F /r/s/y 2"}},
-    {"FolderThatIsNotStoredListsWhatIsBelowIt", "/q", {"F /q/a 1", "D /q/b"}, {"F /q/a 1", "D /q/b"}},
-    {"TrailingSlash", "/r", {"D /r", "D /r/e/"}, {"D /r/e"}},
-};
-
-TEST_F(ScanDatabaseTest, HoldsTheExpectedTree) {
-  for (const SScenario& c : kPluginScenarios) {
-    SCOPED_TRACE(c.name);
-    auto pStore = OpenStore(true);
-    for (const std::string& strStep : c.steps) ASSERT_TRUE(Step(*pStore, strStep).IsSuccess()) << strStep;
-    EXPECT_EQ(c.expected, DumpTree(*pStore, c.strRoot));
-  }
-}
-
-// The plug-in store's own refusals: exact messages, nothing stored is lost.
-TEST_F(ScanDatabaseTest, RefusesClearly) {
-  const std::pair<std::string, const char*> kRefusals[] = {
-      {"mv /r/d /r/b", "Cannot rename [/r/d]: it is a folder in the scan database, not a file"},
-      {"rm /r/d", "[/r/d] is a folder in the scan database, not a file"},
-      {"rmd /r/a", "[/r/a] is a file in the scan database, not a folder"},
-      {std::string("F /r/a\0b", 8), "The file path [/r/a\\x00b] contains a NUL byte"},
-      {"F", "The file path is empty"},
-      {"Fnull /r/b", "No record given for [/r/b]"},
-      {"ls /r/a", "[/r/a] is a file in the scan database, not a folder"},
-      {"ls /r/none", "Folder [/r/none] is not in scan database"},
-  };
-  auto pStore = OpenStore(true);
-  for (const char* pszStep : {"D /r", "F /r/a 1", "D /r/d", "F /r/d/x 2"}) ASSERT_TRUE(Apply(*pStore, pszStep).IsSuccess());
-  const std::vector<std::string> before = DumpTree(*pStore, "/r");
-  for (const auto& [step, message] : kRefusals) {
-    CQiError error = Step(*pStore, step);
-    EXPECT_TRUE(error.IsWin32(step == "ls /r/none" ? 1168 : 87)) << step << ": " << error.AsString();
-    EXPECT_NE(std::string::npos, error.GetMessage().find(message)) << error.AsString();
-  }
-  EXPECT_EQ(before, DumpTree(*pStore, "/r"));
-}
 
 // The store gives each record its id; replacing or moving a record keeps it.
 TEST_F(ScanDatabaseTest, RecordsKeepTheirIdsAndMetadata) {

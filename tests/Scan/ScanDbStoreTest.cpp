@@ -202,9 +202,8 @@ struct SCountRow {
   const char* name;
   char op;  // 'm' rename to `to`, 'r' remove with subtree, 'e' remove the entry only
   std::string path, to;
-  uint32_t win32;  // expected Win32 code, 0 for success
+  uint32_t win32;  // expected Win32 code, 0 for success (the store then changes as the op says)
   uint64_t count;
-  std::set<std::string> after;
 };
 
 class ScanDbCountTest : public ScanDbStoreTest, public ::testing::WithParamInterface<SCountRow> {};
@@ -217,26 +216,23 @@ TEST_P(ScanDbCountTest, CountsWhatMovedOrWent) {
                                : m_store.Remove(row.path, row.op == 'r', &count);
   EXPECT_EQ(err.GetCode(), row.win32) << err.AsString();
   EXPECT_EQ(count, row.count);
-  EXPECT_EQ(All(), row.after.empty() ? kTree : row.after);
+  std::set<std::string> after;
+  for (const std::string& path : kTree) {
+    const bool below = row.win32 == 0 && (path == row.path || (row.op != 'e' && path.rfind(row.path + "/", 0) == 0));
+    if (!below) after.insert(path);
+    if (below && row.op == 'm') after.insert(row.to + path.substr(row.path.size()));
+  }
+  EXPECT_EQ(All(), after);
 }
 
-const std::set<std::string> kNone;
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ScanDbCountTest,
-    ::testing::Values(
-        SCountRow{"RenameFolder", 'm', "/a/b", "/x", 0, 4,
-                  {"/a", "/x", "/x/c", "/x/c/d", "/x/f", "/a/bc", "/a/bc/e", "/a/b.d", "/a/b!x", "/a/b!x/h", "/a/\xff"}},
-        SCountRow{"RenameLeaf", 'm', "/a/b/c/d", "/a/d", 0, 1,
-                  {"/a", "/a/b", "/a/b/c", "/a/d", "/a/b/f", "/a/bc", "/a/bc/e", "/a/b.d", "/a/b!x", "/a/b!x/h",
-                   "/a/\xff"}},
-        SCountRow{"RenameRoot", 'm', "/", "/r", QiErrorCode::InvalidParameter, 0, kNone},
-        SCountRow{"RemoveSubtree", 'r', "/a/b", "", 0, 4,
-                  {"/a", "/a/bc", "/a/bc/e", "/a/b.d", "/a/b!x", "/a/b!x/h", "/a/\xff"}},
-        SCountRow{"RemoveEntryOnly", 'e', "/a/b/f", "", 0, 1,
-                  {"/a", "/a/b", "/a/b/c", "/a/b/c/d", "/a/bc", "/a/bc/e", "/a/b.d", "/a/b!x", "/a/b!x/h",
-                   "/a/\xff"}},
-        SCountRow{"RemoveMissing", 'r', "/a/none", "", QiErrorCode::NotFound, 0, kNone}),
-    [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Rows, ScanDbCountTest,
+                         ::testing::Values(SCountRow{"RenameFolder", 'm', "/a/b", "/x", 0, 4},
+                                           SCountRow{"RenameLeaf", 'm', "/a/b/c/d", "/a/d", 0, 1},
+                                           SCountRow{"RenameRoot", 'm', "/", "/r", QiErrorCode::InvalidParameter, 0},
+                                           SCountRow{"RemoveSubtree", 'r', "/a/b", "", 0, 4},
+                                           SCountRow{"RemoveEntryOnly", 'e', "/a/b/f", "", 0, 1},
+                                           SCountRow{"RemoveMissing", 'r', "/a/none", "", QiErrorCode::NotFound, 0}),
+                         [](const auto& info) { return info.param.name; });
 
 TEST_F(ScanDbStoreTest, RemovingTheRootTakesEverything) {
   for (const std::string& path : kTree) AddAll({Folder(path)});
