@@ -97,36 +97,6 @@ INSTANTIATE_TEST_SUITE_P(
                       SDispositionRow{"EmptyProcessorWithStatus", "", 7, "NotProcessed"}),
     [](const ::testing::TestParamInfo<SDispositionRow>& info) { return std::string(info.param.name); });
 
-TEST(WorkUnitText, AllThreeLevels) {
-  auto unit = UnitWithPaths({"/data/a", "/data/b"}, "/data");
-  unit->SetPhysicalMediaId("/dev/sda");
-  unit->SetLocalVolumeUniqueId("1111-aaaa");
-  unit->SetSourceVolumeName("/src/");
-  unit->SetDisposition("FF", 5);
-  EXPECT_EQ(unit->AsString(),
-            FXString::Format("WorkUnit=[0x%p], PhysicalMediaId=[/dev/sda], LocalVolumeName=[/data], "
-                             "LocalVolumeUniqueId=[1111-aaaa], SourceVolumeName=[/src/], ScanPaths=[2], "
-                             "Disposition=[Failed(FF=5)]",
-                             static_cast<const void*>(unit.get())));
-
-  auto volume = std::make_shared<CVolumeWorkUnit>();
-  volume->SetLocalVolumeUniqueId("1111-aaaa");
-  volume->SetLocalVolumeName("/data");
-  volume->SetSourceVolumeName("/src/");
-  volume->AddWorkUnit(unit);
-  volume->AddWorkUnit(nullptr);  // ignored
-  EXPECT_EQ(volume->AsString(),
-            FXString::Format("VolumeWorkUnit=0x%p, LocalVolumeUniqueId=1111-aaaa, LocalVolumeName=/data, "
-                             "SourceVolumeName=/src/, WorkUnits=1",
-                             static_cast<const void*>(volume.get())));
-
-  CPhysicalMediaWorkUnit media;
-  media.SetPhysicalMediaId("/dev/sda");
-  media.AddVolumeWorkUnit(volume);
-  EXPECT_EQ(media.AsString(), FXString::Format("PhysicalMediaWorkUnit=0x%p, PhysicalMediaId=/dev/sda, VolumeWorkUnits=1",
-                                               static_cast<const void*>(&media)));
-}
-
 // ---- filter strings reach only the units they concern --------------------------------------
 
 struct SConcernRow {
@@ -290,12 +260,8 @@ TEST_P(WorkUnitCatalogVolume, ScanContentVolume) {
   unit->SetLocalVolumeName("/local-vol");
   unit->SetSourceVolumeName("/source-vol/");
   const SCatalogRow& row = GetParam();
-  if (row.key != nullptr) {
-    if (row.setBool)
-      ASSERT_TRUE(unit->GetBag()->Write(row.key, true).IsSuccess());
-    else
-      ASSERT_TRUE(unit->GetBag()->Write(row.key, 1ull).IsSuccess());
-  }
+  ASSERT_TRUE(row.key == nullptr ||
+              (row.setBool ? unit->GetBag()->Write(row.key, true) : unit->GetBag()->Write(row.key, 1ull)).IsSuccess());
   auto context = std::make_shared<FVBase>();
   ASSERT_TRUE(unit->AddScanContentItem("/data", context).IsSuccess());
   auto writer = std::make_shared<CMemoryLineWriter>();
@@ -337,16 +303,34 @@ TEST(RawDeviceWorkUnit, SurfacesAndScanPaths) {
   EXPECT_EQ(std::dynamic_pointer_cast<CRawDeviceWorkUnit>(std::make_shared<CWorkUnit>()), nullptr);
 }
 
+// The text forms of the three levels, and the dump: each level writes itself, then its children
+// with the prefix.
 TEST(WorkUnitDump, EachLevelWritesItselfThenItsChildrenWithThePrefix) {
   auto unit = UnitWithPaths({"/data/\n", "/data/b"}, "/data");
+  unit->SetPhysicalMediaId("/dev/sda");
+  unit->SetLocalVolumeUniqueId("1111-aaaa");
+  unit->SetSourceVolumeName("/src/");
+  unit->SetDisposition("FF", 5);
   ASSERT_TRUE(unit->AddScanContentItem("/data/b").IsSuccess());
   ASSERT_TRUE(unit->AddFilterItem("*.tmp").IsSuccess());
   auto volume = std::make_shared<CVolumeWorkUnit>();
+  volume->SetLocalVolumeUniqueId("1111-aaaa");
   volume->SetLocalVolumeName("/data");
+  volume->SetSourceVolumeName("/src/");
   volume->AddWorkUnit(unit);
+  volume->AddWorkUnit(nullptr);  // ignored
   auto media = std::make_shared<CPhysicalMediaWorkUnit>();
   media->SetPhysicalMediaId("/dev/sda");
   media->AddVolumeWorkUnit(volume);
+  EXPECT_EQ(unit->AsString(), FXString::Format("WorkUnit=[0x%p], PhysicalMediaId=[/dev/sda], LocalVolumeName=[/data], "
+                                               "LocalVolumeUniqueId=[1111-aaaa], SourceVolumeName=[/src/], "
+                                               "ScanPaths=[2], Disposition=[Failed(FF=5)]",
+                                               static_cast<const void*>(unit.get())));
+  EXPECT_EQ(volume->AsString(), FXString::Format("VolumeWorkUnit=0x%p, LocalVolumeUniqueId=1111-aaaa, "
+                                                 "LocalVolumeName=/data, SourceVolumeName=/src/, WorkUnits=1",
+                                                 static_cast<const void*>(volume.get())));
+  EXPECT_EQ(media->AsString(), FXString::Format("PhysicalMediaWorkUnit=0x%p, PhysicalMediaId=/dev/sda, "
+                                                "VolumeWorkUnits=1", static_cast<const void*>(media.get())));
 
   auto writer = std::make_shared<CMemoryLineWriter>();
   ASSERT_TRUE(media->DumpDiagnosticData(writer, "P> ").IsSuccess());
