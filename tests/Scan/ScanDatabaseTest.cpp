@@ -432,6 +432,7 @@ struct SOpenFailure {
   Space space;
   uint32_t code;
   const char* fragment;
+  bool bPluginOnly = false, bReadOnly = false;
 };
 
 const SOpenFailure kOpenFailures[] = {
@@ -457,15 +458,35 @@ const SOpenFailure kOpenFailures[] = {
      },
      false, W, QiErrorCode::InvalidData, "not a scan database"},
     {"EmptyFolderPath", [](CTempTree&) { return std::string(); }, true, W, QiErrorCode::InvalidParameter, "is empty"},
+    // The plug-in store opens only what is there, and a read-only store only when it is a database.
+    {"NothingToOpen", [](CTempTree& t) { return t.MakeDir("empty"); }, false, E, ENOENT, "does not exist", true},
+    {"LongerThanPathMax", [](CTempTree& t) { return t.Root() + "/" + std::string(5000, 'x'); }, true, E, ENAMETOOLONG,
+     "is longer than PATH_MAX", true},
+    {"CreateReadOnly", [](CTempTree& t) { return t.Path("db"); }, true, W, 87, "it is to be opened read-only", true,
+     true},
+    {"ReadOnlyNotADatabase",
+     [](CTempTree& t) {
+       t.MakeFile("ro/ScanDatabase.db", "SQLite format 3");
+       return t.Path("ro");
+     },
+     false, W, 13, "file is not a database", true, true},
 };
 
 // A clear error, never a crash; the store stays closed.
 TYPED_TEST(ScanStoreContract, OpenFailuresAreClearErrors) {
+  constexpr bool bPlugin = std::is_same_v<TypeParam, CPluginStore>;
   for (const SOpenFailure& c : kOpenFailures) {
+    if (c.bPluginOnly && !bPlugin) continue;
     SCOPED_TRACE(c.name);
-    TypeParam store(c.prepare(this->m_tree));
-    ExpectError(store.Open(c.bCreate), c.space, c.code, c.fragment);
-    EXPECT_TRUE(store.Lookup("/r").IsError());
+    const std::string strFolder = c.prepare(this->m_tree);
+    auto pStore = [&] {
+      if constexpr (bPlugin) return std::make_unique<CPluginStore>(strFolder, c.bReadOnly);
+      else return std::make_unique<TypeParam>(strFolder);
+    }();
+    ExpectError(pStore->Open(c.bCreate), c.space, c.code, c.fragment);
+    // Operations fail instead of touching a half-open database.
+    CQiError error = pStore->Lookup("/r");
+    EXPECT_TRUE(bPlugin ? error.IsWin32(QiErrorCode::InvalidHandle) : error.IsError()) << error.AsString();
   }
 }
 
@@ -473,12 +494,17 @@ TYPED_TEST(ScanStoreContract, OpenFailuresAreClearErrors) {
 TYPED_TEST(ScanStoreContract, FoldersOfAnotherUser) {
   const std::string strFolder = this->NewFolder();
   ASSERT_TRUE(this->OpenStore(strFolder, true)->AddFile("/x", 1).IsSuccess());
-  const std::pair<std::string, const char*> cases[] = {
-      {this->m_tree.Path("jobs/new/db"), "create the scan database folder"}, {strFolder, "cannot be written"}};
-  for (const auto& [strPath, fragment] : cases) {
+  // The plug-in store, asked to make a new store there, cannot remove root's.
+  this->OpenJobsToNobody(strFolder);
+  const std::tuple<std::string, bool, const char*> cases[] = {
+      {this->m_tree.Path("jobs/new/db"), true, "create the scan database folder"},
+      {strFolder, false, "cannot be written"},
+      {strFolder, true,
+       std::is_same_v<TypeParam, CPluginStore> ? "Cannot remove the earlier scan database file" : "cannot be written"}};
+  for (const auto& [strPath, bCreate, fragment] : cases) {
     EXPECT_EQ(0, RunAsNobody([&] {
                 TypeParam store(strPath);
-                CQiError error = store.Open(strPath != strFolder);
+                CQiError error = store.Open(bCreate);
                 if (error.IsErrNo(EACCES) && error.AsString().find(fragment) != std::string::npos) return true;
                 fprintf(stderr, "%s\n", error.AsString().c_str());
                 return false;
@@ -556,37 +582,6 @@ TEST_F(ScanDatabaseTest, ReadOnlyStoreAnswersQueriesAndRefusesChanges) {
     EXPECT_NE(std::string::npos, error.GetMessage().find("is open read-only")) << pszStep;
   }
   EXPECT_TRUE(store.Bulk(true).IsErrNo(EROFS));
-}
-
-TEST_F(ScanDatabaseTest, OpenFailuresOfThePluginStore) {
-  m_tree.MakeFile("ro/ScanDatabase.db", "SQLite format 3");
-  const struct {
-    std::string strFolder;
-    bool bCreate, bReadOnly;
-    Space space;
-    uint32_t code;
-    const char* fragment;
-  } cases[] = {
-      {m_tree.MakeDir("empty"), false, false, E, ENOENT, "does not exist"},
-      {m_tree.Root() + "/" + std::string(5000, 'x'), true, false, E, ENAMETOOLONG, "is longer than PATH_MAX"},
-      {m_tree.Path("db"), true, true, W, 87, "it is to be opened read-only"},
-      {m_tree.Path("ro"), false, true, W, 13, "file is not a database"},
-  };
-  for (const auto& c : cases) {
-    CDatabaseWrapper db(c.strFolder, FSDB::DatabaseTypePersistent, c.bReadOnly);
-    ExpectError(db.Open(c.bCreate), c.space, c.code, c.fragment);
-    // The store stays closed: operations fail instead of touching a half-open database.
-    CDatabaseItemPtr pItem;
-    EXPECT_TRUE(db.QueryItem("/r", pItem).IsWin32(QiErrorCode::InvalidHandle));
-  }
-  // Creating a new store as nobody where an earlier one belongs to root.
-  OpenStore(true);
-  OpenJobsToNobody(m_strFolder);
-  EXPECT_EQ(0, RunAsNobody([this] {
-              CQiError error = CDatabaseWrapper(m_strFolder, FSDB::DatabaseTypePersistent, false).Open(true);
-              return error.IsErrNo(EACCES) &&
-                     error.GetMessage().find("Cannot remove the earlier scan database file") != std::string::npos;
-            }));
 }
 
 // Plug-ins that do not keep the contract; the fake's behaviour follows the database folder's name.
