@@ -9,36 +9,23 @@
 #include <climits>
 #include <fstream>
 #include <random>
-#include <sstream>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "Platform/BatchSort.h"
 #include "Platform/ZrProcess.h"
-#include "Support/RunAsNobody.h"
 #include "Support/FileText.h"
+#include "Support/PlatformTestSupport.h"
+#include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
 namespace {
 
-std::vector<std::string> ListFolder(const std::string& path) {
-  std::vector<std::string> names;
-  if (DIR* dir = opendir(path.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // The reference: GNU sort in the C locale.
 std::string SortWithCoreutils(const std::string& input, const std::string& output) {
   ZrProcess process;
-  if (process.Start("LC_ALL=C sort -o '" + output + "' '" + input + "'").IsError()) return "<start>";
+  if (process.Start("LC_ALL=C sort -o '" + output + "' '" + input + "'").IsError())
+    return "<start>";
   if (process.WaitForExit(300000).IsError() || process.GetExitCode() != 0)
     return "<sort failed: " + process.GetStderr() + ">";
   return ReadFileText(output);
@@ -83,20 +70,17 @@ std::string MakeOneLine() { return "only line\n"; }
 std::string MakeOneLineNoFeed() { return "only line"; }
 std::string MakeEmptyLines() { return "\n\n\n"; }
 std::string MakeNoFinalFeed() { return "pear\napple\nfig\napple"; }
-std::string MakePrefixesAndNul() {
-  std::vector<std::string> lines = {std::string("a\0", 2), "a", std::string("a\0\0", 3), "ab",
-                                    "", std::string("\0", 1), "a\x01", "\xff", std::string("a\0b", 3),
-                                    "a", "", "\x7f", "\x80"};
-  return Join(lines);
-}
-std::string MakeAllBytes() { return RandomBytesLines(20000, 40, 7); }
 std::string MakeCarriageReturns() {
   return Join({"b\r", "a\r\r", "a", "a\r", "\r", "b", "\rz", "a\rb"});
 }
 std::string MakeInvalidUtf8() {
-  return Join({"\xc3\x28", "\xff\xfe", "caf\xc3\xa9", "cafe", "\xe2\x82", "\xc3\xa9t\xc3\xa9",
-               "\xed\xa0\x80"});
+  return Join({"\xc3\x28", "\xff\xfe", "caf\xc3\xa9", "cafe", "\xe2\x82", "\xed\xa0\x80"});
 }
+std::string MakePrefixesAndNul() {
+  return Join({std::string("a\0", 2), "a", std::string("a\0\0", 3), "ab", "", std::string("\0", 1),
+               "a\x01", "\xff", std::string("a\0b", 3), "a", "", "\x7f", "\x80"});
+}
+std::string MakeAllBytes() { return RandomBytesLines(20000, 40, 7); }
 std::string MakeSharedLongPrefixes() {
   std::mt19937 random(11);
   std::string prefix(300, 'x');
@@ -154,7 +138,6 @@ struct SSortCase {
 };
 void PrintTo(const SSortCase& c, std::ostream* os) { *os << c.name; }
 
-
 class BatchSortCompare : public ::testing::TestWithParam<SSortCase> {};
 
 TEST_P(BatchSortCompare, MatchesCoreutilsSortByteForByte) {
@@ -183,12 +166,13 @@ TEST_P(BatchSortCompare, MatchesCoreutilsSortByteForByte) {
   EXPECT_EQ(ReadFileText(input), content);  // the input is left alone
 
   EXPECT_EQ(stats.uBytes, content.size());
-  EXPECT_EQ(stats.uLines, static_cast<uint64_t>(std::count(expected.begin(), expected.end(), '\n')));
+  EXPECT_EQ(stats.uLines,
+            static_cast<uint64_t>(std::count(expected.begin(), expected.end(), '\n')));
   EXPECT_EQ(stats.uRuns > 0, c.expectRuns) << stats.uRuns;
   EXPECT_EQ(stats.uMergePasses > 0, c.expectMerges) << stats.uMergePasses;
   // Nothing temporary is left anywhere.
-  EXPECT_TRUE(ListFolder(scratch).empty());
-  EXPECT_EQ(ListFolder(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
+  EXPECT_TRUE(FolderNames(scratch).empty());
+  EXPECT_EQ(FolderNames(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
 }
 
 constexpr size_t kSmall = size_t{64} << 10;
@@ -222,132 +206,95 @@ INSTANTIATE_TEST_SUITE_P(
         SSortCase{"PathsManyRunsTwoThreads", MakeManyPaths, size_t{1} << 20, 0, 2, true, false}),
     [](const ::testing::TestParamInfo<SSortCase>& info) { return info.param.name; });
 
-TEST(BatchSort, InputMayBeTheOutput) {
+TEST(BatchSort, ReplacesTheOutputWhichMayBeTheInput) {
   CTempTree tree;
-  std::string path = tree.MakeFile("lines.txt", "c\nb\na\n");
-  std::string scratch = tree.MakeDir("scratch");
+  const std::string path = tree.MakeFile("lines.txt", "c\nb\na\n");
+  const std::string output = tree.MakeFile("out.txt", "old old old old\n");
+  const std::string scratch = tree.MakeDir("scratch");
+  ASSERT_TRUE(BatchSort(path, output, scratch).IsSuccess());
   ASSERT_TRUE(BatchSort(path, path, scratch).IsSuccess());
-  EXPECT_EQ(ReadFileText(path), "a\nb\nc\n");
-  EXPECT_EQ(ListFolder(tree.Root()), (std::vector<std::string>{"lines.txt", "scratch"}));
-}
-
-TEST(BatchSort, ReplacesAnExistingOutput) {
-  CTempTree tree;
-  std::string input = tree.MakeFile("in.txt", "2\n1\n");
-  std::string output = tree.MakeFile("out.txt", "old old old old\n");
-  ASSERT_TRUE(BatchSort(input, output, tree.MakeDir("scratch")).IsSuccess());
-  EXPECT_EQ(ReadFileText(output), "1\n2\n");
+  EXPECT_EQ(ReadFileText(path) + ReadFileText(output), "a\nb\nc\na\nb\nc\n");
+  EXPECT_EQ(FolderNames(tree.Root()),
+            (std::vector<std::string>{"lines.txt", "out.txt", "scratch"}));
 }
 
 // --- Errors ------------------------------------------------------------------------------------
 
 struct SErrorCase {
   const char* name;
-  int broken;  // which argument is broken, see the switch below
-  bool win32;
-  int code;
-  const char* message;  // the raising place's text; {in}, {out}, {scratch} are replaced
+  char broken;          // the argument given `path`: 'i' input, 'o' output, 's' scratch folder
+  std::string path;     // '@' stands for the tree's root
+  const char* code;     // see ErrorCode
+  const char* message;  // the raising place's text, '@' as in `path`; "..." at the end: a prefix
 };
-void PrintTo(const SErrorCase& c, std::ostream* os) { *os << c.name; }
-
-
 class BatchSortError : public ::testing::TestWithParam<SErrorCase> {};
-
-std::string Fill(std::string text, const std::string& in, const std::string& out,
-                 const std::string& scratch, const std::string& outFolder) {
-  auto replace = [&text](const std::string& key, const std::string& value) {
-    for (size_t pos; (pos = text.find(key)) != std::string::npos;) text.replace(pos, key.size(), value);
-  };
-  replace("{in}", in);
-  replace("{out}", out);
-  replace("{scratch}", scratch);
-  replace("{outFolder}", outFolder);
-  return text;
-}
 
 TEST_P(BatchSortError, FailsClearlyAndLeavesNothingBehind) {
   const SErrorCase& c = GetParam();
   CTempTree tree;
+  tree.MakeDir("a-folder");
   std::string input = tree.MakeFile("in.txt", PathLines(2000, 1));
-  std::string outFolder = tree.MakeDir("out");
   std::string output = tree.MakeFile("out/sorted.txt", "previous output\n");
   std::string scratch = tree.MakeDir("scratch");
-  switch (c.broken) {
-    case 0: input = tree.Path("missing.txt"); break;
-    case 1: input = tree.MakeDir("a-folder"); break;
-    case 2: scratch = tree.Path("no-scratch"); break;
-    case 3: scratch = tree.MakeFile("scratch-file"); break;
-    case 4: output = tree.Path("no-folder/sorted.txt"); outFolder = tree.Path("no-folder"); break;
-    case 5: input.clear(); break;
-    case 6: output = std::string("/tmp/a\0b", 8); break;
-    case 7: scratch.assign(1, '/').append(PATH_MAX, 's'); break;
-  }
+  (c.broken == 'i' ? input : c.broken == 'o' ? output : scratch) = Expand(c.path, tree.Root());
   BBatchSortOptions options;
   options.uMemoryBytes = kSmall;  // would need runs
   CQiError error = BatchSort(input, output, scratch, options);
-  ASSERT_TRUE(error.IsError());
-  if (c.win32) {
-    EXPECT_TRUE(error.IsWin32(static_cast<uint32_t>(c.code))) << error.AsString();
-  } else {
-    EXPECT_TRUE(error.IsErrNo(c.code)) << error.AsString();
-  }
-  if (c.broken != 7) {
-    EXPECT_EQ(error.GetMessage(), Fill(c.message, input, output, scratch, outFolder));
-  } else {
-    EXPECT_EQ(error.GetMessage().rfind(c.message, 0), 0u) << error.GetMessage();
-  }
+  EXPECT_EQ(ErrorCode(error), c.code) << error.AsString();
+  std::string message = Expand(c.message, tree.Root()), got = error.GetMessage();
+  if (message.ends_with("...")) message.resize(message.size() - 3), got.resize(message.size());
+  EXPECT_EQ(got, message);
   EXPECT_NE(error.AsString().find("Unable to sort ["), std::string::npos);
   EXPECT_EQ(ReadFileText(tree.Path("out/sorted.txt")), "previous output\n");
-  EXPECT_EQ(ListFolder(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
-  EXPECT_TRUE(ListFolder(tree.Path("scratch")).empty());
+  EXPECT_EQ(FolderNames(tree.Path("out")), std::vector<std::string>{"sorted.txt"});
+  EXPECT_TRUE(FolderNames(tree.Path("scratch")).empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Arguments, BatchSortError,
-    ::testing::Values(
-        SErrorCase{"InputMissing", 0, false, ENOENT, "Unable to open sort input [{in}]"},
-        SErrorCase{"InputIsAFolder", 1, false, EISDIR, "Sort input [{in}] is a folder"},
-        SErrorCase{"ScratchMissing", 2, false, ENOENT, "Sort scratch folder [{scratch}] cannot be used"},
-        SErrorCase{"ScratchIsAFile", 3, false, ENOTDIR, "Sort scratch folder [{scratch}] is not a folder"},
-        SErrorCase{"OutputFolderMissing", 4, false, ENOENT,
-                   "Unable to create a temporary sort output in [{outFolder}]"},
-        SErrorCase{"EmptyInputPath", 5, true, QiErrorCode::InvalidParameter, "Empty path"},
-        SErrorCase{"NulInOutputPath", 6, true, QiErrorCode::InvalidParameter, "Path holds a NUL byte"},
-        SErrorCase{"ScratchPathTooLong", 7, false, ENAMETOOLONG,
-                   "Sort scratch folder path is longer than"}),
+    ::testing::Values(SErrorCase{"InputMissing", 'i', "@/missing.txt", "E2",
+                                 "Unable to open sort input [@/missing.txt]"},
+                      SErrorCase{"InputIsAFolder", 'i', "@/a-folder", "E21",
+                                 "Sort input [@/a-folder] is a folder"},
+                      SErrorCase{"ScratchMissing", 's', "@/no-scratch", "E2",
+                                 "Sort scratch folder [@/no-scratch] cannot be used"},
+                      SErrorCase{"ScratchIsAFile", 's', "@/in.txt", "E20",
+                                 "Sort scratch folder [@/in.txt] is not a folder"},
+                      SErrorCase{"OutputFolderMissing", 'o', "@/no-folder/sorted.txt", "E2",
+                                 "Unable to create a temporary sort output in [@/no-folder]"},
+                      SErrorCase{"EmptyInputPath", 'i', "", "W87", "Empty path"},
+                      SErrorCase{"NulInOutputPath", 'o', std::string("/tmp/a\0b", 8), "W87",
+                                 "Path holds a NUL byte"},
+                      SErrorCase{"ScratchPathTooLong", 's', "/" + std::string(PATH_MAX, 's'), "E36",
+                                 "Sort scratch folder path is longer than..."}),
     [](const ::testing::TestParamInfo<SErrorCase>& info) { return info.param.name; });
 
-struct SNobodyArgs {
-  std::string input;
-  std::string output;
-  std::string scratch;
-};
-
-TEST(BatchSort, UnwritableOutputFolderFailsBeforeAnyWork) {
+TEST(BatchSort, UnwritableOutputFolderOrScratchFailsAndLeavesNothing) {
   CTempTree tree;
-  SNobodyArgs args{tree.MakeFile("in.txt", "b\na\n"), tree.MakeDir("locked", 0555) + "/out.txt",
-                   tree.MakeDir("scratch", 0777)};
-  EXPECT_EQ(0, RunAsNobody([&args] {
-              CQiError error = BatchSort(args.input, args.output, args.scratch);
-              return error.IsErrNo(EACCES) &&
-                     error.GetMessage().find("Unable to create a temporary sort output in [") == 0;
-            }));
-  EXPECT_TRUE(ListFolder(tree.Path("locked")).empty());
-}
-
-TEST(BatchSort, UnwritableScratchFailsMidSortAndRemovesTheTemporaryOutput) {
-  CTempTree tree;
-  SNobodyArgs args{tree.MakeFile("in.txt", PathLines(20000, 2)), tree.MakeDir("out", 0777) + "/out.txt",
-                   tree.MakeDir("scratch", 0555)};
-  EXPECT_EQ(0, RunAsNobody([&args] {
+  const std::string input = tree.MakeFile("in.txt", PathLines(20000, 2));
+  const std::string locked = tree.MakeDir("locked", 0555) + "/out.txt";
+  const std::string output = tree.MakeDir("out", 0777) + "/out.txt";
+  const std::string scratch = tree.MakeDir("scratch", 0777), closed = tree.MakeDir("closed", 0555);
+  EXPECT_EQ(0, RunAsNobody([&]() -> int {
+              // The output folder is checked before any work; the scratch folder when a run is
+              // written, and the temporary output is removed then.
+              CQiError error = BatchSort(input, locked, scratch);
+              if (!error.IsErrNo(EACCES) ||
+                  error.GetMessage().find("Unable to create a temporary sort output in [") != 0)
+                return 1;
               BBatchSortOptions options;
               options.uMemoryBytes = kSmall;
-              CQiError error = BatchSort(args.input, args.output, args.scratch, options);
+              error = BatchSort(input, output, closed, options);
               return error.IsErrNo(EACCES) &&
-                     error.GetMessage() == "Unable to create a sort run in scratch folder [" + args.scratch + "]";
+                             error.GetMessage() ==
+                                 "Unable to create a sort run in scratch folder [" + closed + "]"
+                         ? 0
+                         : 2;
             }));
-  EXPECT_TRUE(ListFolder(tree.Path("out")).empty());
-  EXPECT_TRUE(ListFolder(tree.Path("scratch")).empty());
+  EXPECT_TRUE(FolderNames(tree.Path("locked")).empty());
+  EXPECT_TRUE(FolderNames(tree.Path("out")).empty());
+  EXPECT_TRUE(FolderNames(scratch).empty());
+  EXPECT_TRUE(FolderNames(closed).empty());
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 
 #include "Platform/FXFile.h"
 #include "Platform/FXString.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/RunAsNobody.h"
 
 namespace {
@@ -74,12 +75,6 @@ auto LstatFacts(const std::string& path, bool bAccessTime = true) {
       bool(S_ISLNK(st.st_mode)), S_ISLNK(st.st_mode) ? CFileData::kReparseTagSymlink : 0u, false);
 }
 
-// The expected message: "@" stands for the path with control bytes escaped.
-std::string Message(std::string text, const std::string& path) {
-  size_t at = text.find('@');
-  if (at != std::string::npos) text.replace(at, 1, FXString::EscapeControl(path));
-  return text;
-}
 const char* const kOpenFailed = "Failed to open folder for listing, Path=@";
 }  // namespace
 
@@ -294,7 +289,7 @@ TEST_P(FXFileOpenFailure, GivesTheErrnoAndAClosedHandle) {
   CFileData record;
   CQiError error = FXFile::ZRFindFirstFile(handle, path, record);
   EXPECT_TRUE(error.IsErrNo(GetParam().err)) << error.AsString();
-  EXPECT_EQ(error.GetMessage(), Message(GetParam().message, path));
+  EXPECT_EQ(error.GetMessage(), Expand(GetParam().message, FXString::EscapeControl(path)));
   EXPECT_FALSE(handle.is_open());
   EXPECT_TRUE(FXFile::ZRFindNextFile(handle, record).IsWin32(QiErrorCode::InvalidHandle));
 }
@@ -329,7 +324,7 @@ TEST(FXFileListing, PermissionFailuresSeenByAnUnprivilegedUser) {
               CFileData record;
               CQiError error = FXFile::ZRFindFirstFile(handle, locked, record);
               if (error.IsSuccess() || !error.IsErrNo(EACCES)) return 1;
-              if (error.GetMessage() != Message(kOpenFailed, locked)) return 2;
+              if (error.GetMessage() != Expand(kOpenFailed, locked)) return 2;
               int files = 0;
               for (error = FXFile::ZRFindFirstFile(handle, readonly, record); error.IsSuccess();
                    error = FXFile::ZRFindNextFile(handle, record)) {
@@ -527,7 +522,7 @@ TEST_P(FXFileFopen, FailsWithAClearError) {
   FXFile::FILEPtr file;
   CQiError error = FXFile::zrfopen(path, GetParam().mode, file);
   EXPECT_TRUE(error.IsErrNo(GetParam().err)) << error.AsString();
-  EXPECT_EQ(error.GetMessage(), Message(GetParam().message, path));
+  EXPECT_EQ(error.GetMessage(), Expand(GetParam().message, FXString::EscapeControl(path)));
   EXPECT_EQ(file, nullptr);
   errno = 0;
   EXPECT_EQ(FXFile::zrfopen(path, GetParam().mode), nullptr);
@@ -583,7 +578,7 @@ TEST_P(FXFileDeviceSize, AnswersForEachKindOfPath) {
   CQiError error = FXFile::GetDeviceSize(path, size);
   EXPECT_TRUE(GetParam().err ? error.IsErrNo(GetParam().err) : error.IsSuccess())
       << error.AsString();
-  EXPECT_EQ(error.GetMessage(), Message(GetParam().message, path));
+  EXPECT_EQ(error.GetMessage(), Expand(GetParam().message, FXString::EscapeControl(path)));
   EXPECT_EQ(size, GetParam().err == 0 ? 5000u : 7u);
 }
 

@@ -16,6 +16,7 @@
 
 #include "Platform/ZrProcess.h"
 #include "Support/FileText.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
@@ -54,12 +55,6 @@ bool WaitForLine(ZrProcess& process) {
 bool IsReapedByUs(pid_t pid) {
   errno = 0;
   return waitpid(pid, nullptr, WNOHANG) == -1 && errno == ECHILD;
-}
-
-// An error's code space and code in short: "ok", "W87" (Win32), "E2" (errno).
-std::string Code(const CQiError& error) {
-  if (error.IsSuccess()) return "ok";
-  return (error.IsWin32() ? "W" : error.IsErrNo() ? "E" : "?") + std::to_string(error.GetCode());
 }
 
 }  // namespace
@@ -189,7 +184,7 @@ TEST_P(ZrProcessBadOutput, FailsBeforeAnyChildStarts) {
   ZrProcess process;
   process.SetStderr(ZrProcess::EOutput::File, *r.relative ? tree.Path(r.relative) : "");
   CQiError error = process.Start("touch " + marker);
-  EXPECT_EQ(Code(error), r.code) << error.AsString();
+  EXPECT_EQ(ErrorCode(error), r.code) << error.AsString();
   EXPECT_NE(error.AsString().find(r.fragment), std::string::npos) << error.AsString();
   EXPECT_EQ(process.GetPid(), 0);
   EXPECT_FALSE(process.IsStarted());
@@ -225,7 +220,7 @@ TEST(ZrProcess, StartRejectsBadCommandLinesAndReportsAShellThatCannotStart) {
   std::string got;
   for (CQiError error : {empty.Start(""), nul.Start(std::string("echo a\0b", 8)),
                          noShell.Start("echo hi"), twice.Start("true")})
-    got += Code(error) + " " + error.GetMessage() + "\n";
+    got += ErrorCode(error) + " " + error.GetMessage() + "\n";
   EXPECT_EQ(got,
             "W87 Empty command line\n"
             "W87 Command line holds a NUL byte\n"
@@ -304,7 +299,7 @@ TEST(ZrProcess, KillPidsRefusesDangerousPidsAndReportsMissingOnes) {
   std::string got;
   // SIGCONT is harmless if a refusal ever failed to happen.
   for (pid_t pid : {pid_t(0), pid_t(-1), getpid(), pid_t(pidMax)})
-    got += Code(ZrProcess::KillPids({pid}, SIGCONT)) + " ";
+    got += ErrorCode(ZrProcess::KillPids({pid}, SIGCONT)) + " ";
   EXPECT_EQ(got, "W87 W87 W87 E3 ");
 }
 
