@@ -4,10 +4,11 @@
 #include <atomic>
 #include <cstdlib>
 #include <thread>
+#include <type_traits>
 
-#include "Platform/CaptureLogWriter.h"
 #include "Platform/ZRPlatformInfo.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
@@ -43,119 +44,81 @@ const std::string kSettings =
     "[broken\n"
     "sAfterBroken = still in Other Section\n";
 
-enum class EType { String, Bool, Int, UInt, Int64, UInt64 };
+// The value read as text; a refused read leaves the caller's value ("default", false, -7, 7).
+template <class T>
+std::string Read(const ZRPlatformInfo& info, const std::string& section, const std::string& key,
+                 T value, CQiError& error) {
+  error = info.GetValue(section, key, value);
+  if constexpr (std::is_same_v<T, std::string>)
+    return value;
+  else if constexpr (std::is_same_v<T, bool>)
+    return value ? "true" : "false";
+  else
+    return std::to_string(value);
+}
 
 struct SReadRow {
   const char* name;
   std::string section;
   std::string key;
-  EType type;
-  uint32_t code;         // 0 success, else the Win32 code
-  std::string expected;  // the value read, as text (the default "-7"/"default" when refused)
+  char type;  // 's' string, 'b' bool, 'i' int, 'u' unsigned, 'l' long long, 'L' unsigned long long
+  const char* code;  // see ErrorCode
+  std::string expected;
 };
-
-std::string Read(const ZRPlatformInfo& info, const SReadRow& row, CQiError& error) {
-  switch (row.type) {
-    case EType::String: {
-      std::string v = "default";
-      error = info.GetValue(row.section, row.key, v);
-      return v;
-    }
-    case EType::Bool: {
-      bool v = false;
-      error = info.GetValue(row.section, row.key, v);
-      return v ? "true" : "false";
-    }
-    case EType::Int: {
-      int v = -7;
-      error = info.GetValue(row.section, row.key, v);
-      return std::to_string(v);
-    }
-    case EType::UInt: {
-      unsigned v = 7;
-      error = info.GetValue(row.section, row.key, v);
-      return std::to_string(v);
-    }
-    case EType::Int64: {
-      long long v = -7;
-      error = info.GetValue(row.section, row.key, v);
-      return std::to_string(v);
-    }
-    case EType::UInt64: {
-      unsigned long long v = 7;
-      error = info.GetValue(row.section, row.key, v);
-      return std::to_string(v);
-    }
-  }
-  return "";
-}
 }  // namespace
 
-class PlatformInfoRead : public ::testing::TestWithParam<SReadRow> {
- protected:
-  static void SetUpTestSuite() {
-    s_pTree = new CTempTree();
-    s_pInfo = new ZRPlatformInfo();
-    CQiError error = s_pInfo->Load(s_pTree->MakeFile("settings.ini", kSettings));
-    ASSERT_TRUE(error.IsSuccess()) << error.AsString();
-  }
-  static void TearDownTestSuite() {
-    delete s_pInfo;
-    delete s_pTree;
-  }
-  static CTempTree* s_pTree;
-  static ZRPlatformInfo* s_pInfo;
-};
-CTempTree* PlatformInfoRead::s_pTree = nullptr;
-ZRPlatformInfo* PlatformInfoRead::s_pInfo = nullptr;
+class PlatformInfoRead : public ::testing::TestWithParam<SReadRow> {};
 
 TEST_P(PlatformInfoRead, TypedValuesAndRefusals) {
-  const SReadRow& row = GetParam();
+  const SReadRow& r = GetParam();
+  ZRPlatformInfo info;
+  info.LoadFromText(kSettings, "inline");
   CQiError error;
-  std::string value = Read(*s_pInfo, row, error);
-  if (row.code == 0) {
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-  } else {
-    EXPECT_TRUE(error.IsWin32(row.code)) << error.AsString();
-  }
-  EXPECT_EQ(value, row.expected);
+  std::string value = r.type == 's'   ? Read(info, r.section, r.key, std::string("default"), error)
+                      : r.type == 'b' ? Read(info, r.section, r.key, false, error)
+                      : r.type == 'i' ? Read(info, r.section, r.key, -7, error)
+                      : r.type == 'u' ? Read(info, r.section, r.key, 7u, error)
+                      : r.type == 'l' ? Read(info, r.section, r.key, -7LL, error)
+                                      : Read(info, r.section, r.key, 7ULL, error);
+  EXPECT_EQ(ErrorCode(error) + " " + value, std::string(r.code) + " " + r.expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Table, PlatformInfoRead,
     ::testing::Values(
-        SReadRow{"StringTrimmed", kSection, "sGpfsBin", EType::String, 0, "/usr/lpp/mmfs/bin"},
-        SReadRow{"SectionAndKeyIgnoreCase", "filesystemagent", "SGPFSBIN", EType::String, 0, "/usr/lpp/mmfs/bin"},
-        SReadRow{"OtherSectionTrimmed", "Other Section", "sGpfsBin", EType::String, 0, "elsewhere"},
-        SReadRow{"KeyBeforeAnySection", "", "globalKey", EType::String, 0, "top"},
-        SReadRow{"HashAndSemicolonInValue", kSection, "sPathWithHash", EType::String, 0, "/data/#1;x"},
-        SReadRow{"QuotesKeepBlanks", kSection, "sQuoted", EType::String, 0, "  keep blanks  "},
-        SReadRow{"EmptyValue", kSection, "sEmpty", EType::String, 0, ""},
-        SReadRow{"EqualsInValue", kSection, "sEquals", EType::String, 0, "a=b=c"},
-        SReadRow{"LaterDuplicateWins", kSection, "sDuplicate", EType::String, 0, "second"},
-        SReadRow{"BrokenSectionLineIgnored", "Other Section", "sAfterBroken", EType::String, 0,
+        SReadRow{"StringTrimmed", kSection, "sGpfsBin", 's', "ok", "/usr/lpp/mmfs/bin"},
+        SReadRow{"SectionAndKeyIgnoreCase", "filesystemagent", "SGPFSBIN", 's', "ok",
+                 "/usr/lpp/mmfs/bin"},
+        SReadRow{"OtherSectionTrimmed", "Other Section", "sGpfsBin", 's', "ok", "elsewhere"},
+        SReadRow{"KeyBeforeAnySection", "", "globalKey", 's', "ok", "top"},
+        SReadRow{"HashAndSemicolonInValue", kSection, "sPathWithHash", 's', "ok", "/data/#1;x"},
+        SReadRow{"QuotesKeepBlanks", kSection, "sQuoted", 's', "ok", "  keep blanks  "},
+        SReadRow{"EmptyValue", kSection, "sEmpty", 's', "ok", ""},
+        SReadRow{"EqualsInValue", kSection, "sEquals", 's', "ok", "a=b=c"},
+        SReadRow{"LaterDuplicateWins", kSection, "sDuplicate", 's', "ok", "second"},
+        SReadRow{"BrokenSectionLineIgnored", "Other Section", "sAfterBroken", 's', "ok",
                  "still in Other Section"},
-        SReadRow{"Int", kSection, "nGpfsTimeout", EType::Int, 0, "300"},
-        SReadRow{"NegativeInt", kSection, "LustreChangelogBatchSize", EType::Int, 0, "-20000"},
-        SReadRow{"Hex", kSection, "nGlusterTimeout", EType::UInt, 0, "30"},
-        SReadRow{"LeadingZeroIsDecimal", kSection, "nLeadingZero", EType::Int64, 0, "10"},
-        SReadRow{"Int64", kSection, "nHuge", EType::Int64, 0, "99999999999"},
-        SReadRow{"UInt64", kSection, "nHuge", EType::UInt64, 0, "99999999999"},
-        SReadRow{"BoolAnyCase", kSection, "nDisableScanChangeToFull", EType::Bool, 0, "true"},
-        SReadRow{"BoolOff", kSection, "bOff", EType::Bool, 0, "false"},
-        SReadRow{"BoolFromNumber", kSection, "nGpfsTimeout", EType::Bool, 13, "false"},
-        SReadRow{"IntOverflow", kSection, "nHuge", EType::Int, 13, "-7"},
-        SReadRow{"NegativeUnsigned", kSection, "nNegative", EType::UInt, 13, "7"},
-        SReadRow{"NegativeUInt64", kSection, "nNegative", EType::UInt64, 13, "7"},
-        SReadRow{"WordAsInt", kSection, "sWord", EType::Int, 13, "-7"},
-        SReadRow{"WordAsBool", kSection, "sWord", EType::Bool, 13, "false"},
-        SReadRow{"PathAsInt", kSection, "sGpfsBin", EType::Int64, 13, "-7"},
-        SReadRow{"EmptyAsInt", kSection, "sEmpty", EType::Int, 13, "-7"},
-        SReadRow{"MissingKey", kSection, "nGpfsFailOnScanError", EType::Int, 1168, "-7"},
-        SReadRow{"MissingKeyString", kSection, "sGpfsTemp", EType::String, 1168, "default"},
-        SReadRow{"MissingSection", "NoSuchSection", "sGpfsBin", EType::String, 1168, "default"},
-        SReadRow{"KeyOfAnotherSection", kSection, "sAfterBroken", EType::String, 1168, "default"},
-        SReadRow{"EmptyKey", kSection, "", EType::String, 87, "default"}),
+        SReadRow{"Int", kSection, "nGpfsTimeout", 'i', "ok", "300"},
+        SReadRow{"NegativeInt", kSection, "LustreChangelogBatchSize", 'i', "ok", "-20000"},
+        SReadRow{"Hex", kSection, "nGlusterTimeout", 'u', "ok", "30"},
+        SReadRow{"LeadingZeroIsDecimal", kSection, "nLeadingZero", 'l', "ok", "10"},
+        SReadRow{"Int64", kSection, "nHuge", 'l', "ok", "99999999999"},
+        SReadRow{"UInt64", kSection, "nHuge", 'L', "ok", "99999999999"},
+        SReadRow{"BoolAnyCase", kSection, "nDisableScanChangeToFull", 'b', "ok", "true"},
+        SReadRow{"BoolOff", kSection, "bOff", 'b', "ok", "false"},
+        SReadRow{"BoolFromNumber", kSection, "nGpfsTimeout", 'b', "W13", "false"},
+        SReadRow{"IntOverflow", kSection, "nHuge", 'i', "W13", "-7"},
+        SReadRow{"NegativeUnsigned", kSection, "nNegative", 'u', "W13", "7"},
+        SReadRow{"NegativeUInt64", kSection, "nNegative", 'L', "W13", "7"},
+        SReadRow{"WordAsInt", kSection, "sWord", 'i', "W13", "-7"},
+        SReadRow{"WordAsBool", kSection, "sWord", 'b', "W13", "false"},
+        SReadRow{"PathAsInt", kSection, "sGpfsBin", 'l', "W13", "-7"},
+        SReadRow{"EmptyAsInt", kSection, "sEmpty", 'i', "W13", "-7"},
+        SReadRow{"MissingKey", kSection, "nGpfsFailOnScanError", 'i', "W1168", "-7"},
+        SReadRow{"MissingKeyString", kSection, "sGpfsTemp", 's', "W1168", "default"},
+        SReadRow{"MissingSection", "NoSuchSection", "sGpfsBin", 's', "W1168", "default"},
+        SReadRow{"KeyOfAnotherSection", kSection, "sAfterBroken", 's', "W1168", "default"},
+        SReadRow{"EmptyKey", kSection, "", 's', "W87", "default"}),
     [](const ::testing::TestParamInfo<SReadRow>& info) { return std::string(info.param.name); });
 
 TEST(PlatformInfo, ErrorMessagesNameTheSetting) {
@@ -163,8 +126,9 @@ TEST(PlatformInfo, ErrorMessagesNameTheSetting) {
   info.LoadFromText("[FileSystemAgent]\nnGpfsTimeout = soon\n", "inline");
   int value = 5;
   CQiError error = info.GetValue(kSection, "nGpfsTimeout", value);
-  EXPECT_EQ(error.GetMessage(),
-            "Setting is not a valid number, Section=[FileSystemAgent], Key=[nGpfsTimeout], Value=[soon]");
+  EXPECT_EQ(
+      error.GetMessage(),
+      "Setting is not a valid number, Section=[FileSystemAgent], Key=[nGpfsTimeout], Value=[soon]");
   error = info.GetValue(kSection, "nMissing", value);
   EXPECT_EQ(error.GetMessage(), "Setting not found, Section=[FileSystemAgent], Key=[nMissing]");
   EXPECT_EQ(value, 5);
@@ -178,9 +142,14 @@ TEST(PlatformInfo, MalformedLinesAreLoggedAndSkipped) {
   CLogCapture log;
   ZRPlatformInfo info;
   ASSERT_TRUE(info.Load(path).IsSuccess());
-  EXPECT_EQ(log->Count("Ignoring malformed line 22 in settings file " + path + ": this line is garbage", -1), 1u);
-  EXPECT_EQ(log->Count("Ignoring malformed line 23 in settings file " + path + ": = no key", -1), 1u);
-  EXPECT_EQ(log->Count("Ignoring malformed line 26 in settings file " + path + ": [broken", -1), 1u);
+  EXPECT_EQ(
+      log->Count("Ignoring malformed line 22 in settings file " + path + ": this line is garbage",
+                 -1),
+      1u);
+  EXPECT_EQ(log->Count("Ignoring malformed line 23 in settings file " + path + ": = no key", -1),
+            1u);
+  EXPECT_EQ(log->Count("Ignoring malformed line 26 in settings file " + path + ": [broken", -1),
+            1u);
   EXPECT_EQ(log->CountContaining("Ignoring malformed line"), 3u);
 }
 
@@ -197,12 +166,9 @@ TEST(PlatformInfo, MissingFileIsAClearErrorAndLeavesNothingBehind) {
   EXPECT_FALSE(info.Contains(kSection, "sKey"));
   EXPECT_EQ(info.GetSource(), missing);
 
-  error = info.Load(tree.MakeDir("folder.ini"));
-  EXPECT_TRUE(error.IsErrNo(EISDIR));
-  error = info.Load("");
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
-  error = info.Load(std::string("/etc/x\0y", 8));
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
+  EXPECT_EQ(ErrorCode(info.Load(tree.MakeDir("folder.ini"))) + ErrorCode(info.Load("")) +
+                ErrorCode(info.Load(std::string("/etc/x\0y", 8))),
+            "E21W87W87");
 }
 
 TEST(PlatformInfo, UnreadableFileIsAnErrnoError) {
