@@ -6,8 +6,9 @@
 #include "Platform/FXFolder.h"
 #include "Platform/FXString.h"
 #include "Platform/VolumeIdentity.h"
-#include "Support/TempTree.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
+#include "Support/TempTree.h"
 
 namespace {
 // A fake kernel tree:
@@ -40,7 +41,8 @@ class CFakeKernelTree {
     Slave("virtual/block/dm-2", "dm-3", "../../dm-3");
     Slave("virtual/block/dm-3", "dm-2", "../../dm-2");
 
-    for (const char* node : {"sda1", "sda2", "dm-0", "dm-1"}) m_tree.MakeFile(std::string("dev/") + node);
+    for (const char* node : {"sda1", "sda2", "dm-0", "dm-1"})
+      m_tree.MakeFile(std::string("dev/") + node);
     m_tree.MakeSymlink("dev/disk/by-uuid/1111-aaaa", "../../sda1");
     m_tree.MakeSymlink("dev/disk/by-uuid/2222-bbbb", "../../dm-1");
     m_tree.MakeSymlink("dev/mapper/vg-lv", "../dm-1");
@@ -79,72 +81,104 @@ SLogicalVolume Volume(const std::string& line) {
 
 struct SIdentityRow {
   const char* name;
-  std::string line;
-  std::string uniqueId;
-  std::string physicalMediaId;
+  std::string volume;    // a mountinfo line, or a volume name looked up in the mount table
+  std::string expected;  // unique id and physical media id
 };
 }  // namespace
 
-class VolumeIdentityTable : public ::testing::TestWithParam<SIdentityRow> {
+// The fake kernel, and a mount table that the lookups by name read.
+class VolumeIdentityByName : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { s_pKernel = new CFakeKernelTree(); }
-  static void TearDownTestSuite() {
-    delete s_pKernel;
-    s_pKernel = nullptr;
+  void SetUp() override {
+    FXFolder::SetMountInfoPath(
+        m_kernel.Tree().MakeFile("mountinfo",
+                                 "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                                 "2 1 8:2 / /var rw - xfs /dev/sda2 rw\n"
+                                 "3 1 0:60 / /fsscan-test-net rw - nfs4 srv:/export rw\n"
+                                 "4 1 9:0 / /fsscan-test-raid rw - ext4 /dev/md0 rw\n"));
   }
-  static CFakeKernelTree* s_pKernel;
+  void TearDown() override { FXFolder::SetMountInfoPath(""); }
+  CFakeKernelTree m_kernel;
 };
-CFakeKernelTree* VolumeIdentityTable::s_pKernel = nullptr;
+
+class VolumeIdentityTable : public VolumeIdentityByName,
+                            public ::testing::WithParamInterface<SIdentityRow> {};
 
 TEST_P(VolumeIdentityTable, UniqueAndPhysicalMediaIds) {
-  CVolumeIdentity identity(s_pKernel->SysRoot(), s_pKernel->DevRoot());
-  SLogicalVolume volume = Volume(GetParam().line);
+  CVolumeIdentity identity(m_kernel.SysRoot(), m_kernel.DevRoot());
+  const std::string& given = GetParam().volume;
   std::string uniqueId, mediaId;
-  ASSERT_TRUE(identity.GetVolumeUniqueId(volume, uniqueId).IsSuccess());
-  ASSERT_TRUE(identity.GetPhysicalMediaId(volume, mediaId).IsSuccess());
-  EXPECT_EQ(uniqueId, GetParam().uniqueId);
-  EXPECT_EQ(mediaId, GetParam().physicalMediaId);
+  CQiError error;
+  if (given[0] == '/') {
+    error = identity.GetVolumeUniqueId(given, uniqueId);
+    if (error.IsSuccess()) error = identity.GetPhysicalMediaId(given, mediaId);
+  } else {
+    error = identity.GetVolumeUniqueId(Volume(given), uniqueId);
+    if (error.IsSuccess()) error = identity.GetPhysicalMediaId(Volume(given), mediaId);
+  }
+  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+  EXPECT_EQ(uniqueId + " " + mediaId, GetParam().expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     FakeKernel, VolumeIdentityTable,
     ::testing::Values(
         // Two partitions of one disk share the medium; the UUID is used where a link names it.
-        SIdentityRow{"PartitionWithUuid", "1 0 8:1 / / rw - ext4 /dev/sda1 rw", "1111-aaaa", "/dev/sda"},
-        SIdentityRow{"PartitionWithoutUuid", "2 1 8:2 / /var rw - xfs /dev/sda2 rw", "dev-8:2", "/dev/sda"},
-        SIdentityRow{"BindOfASubfolder", "3 1 8:2 /lib /srv/lib rw - xfs /dev/sda2 rw", "dev-8:2:/lib",
-                     "/dev/sda"},
+        SIdentityRow{"PartitionWithUuid", "1 0 8:1 / / rw - ext4 /dev/sda1 rw",
+                     "1111-aaaa /dev/sda"},
+        SIdentityRow{"PartitionWithoutUuid", "2 1 8:2 / /var rw - xfs /dev/sda2 rw",
+                     "dev-8:2 /dev/sda"},
+        SIdentityRow{"BindOfASubfolder", "3 1 8:2 /lib /srv/lib rw - xfs /dev/sda2 rw",
+                     "dev-8:2:/lib /dev/sda"},
         // A logical volume on a crypt device on sda2 lies on sda too.
         SIdentityRow{"StackedDeviceMapper", "4 1 253:1 / /home rw - ext4 /dev/mapper/vg-lv rw",
-                     "2222-bbbb", "/dev/sda"},
-        SIdentityRow{"DeviceMapperOnAPartition", "5 1 253:0 / /crypt rw - ext4 /dev/dm-0 rw", "dev-253:0",
-                     "/dev/sda"},
+                     "2222-bbbb /dev/sda"},
+        SIdentityRow{"DeviceMapperOnAPartition", "5 1 253:0 / /crypt rw - ext4 /dev/dm-0 rw",
+                     "dev-253:0 /dev/sda"},
         // RAID over sdd1 and sdb1: the disk with the lowest number, whatever the listing order.
-        SIdentityRow{"RaidOverTwoDisks", "6 1 9:0 / /raid rw - ext4 /dev/md0 rw", "dev-9:0", "/dev/sdb"},
-        SIdentityRow{"WholeDisk", "7 1 8:32 / /whole rw - ext4 /dev/sdc rw", "dev-8:32", "/dev/sdc"},
+        SIdentityRow{"RaidOverTwoDisks", "6 1 9:0 / /raid rw - ext4 /dev/md0 rw",
+                     "dev-9:0 /dev/sdb"},
+        SIdentityRow{"WholeDisk", "7 1 8:32 / /whole rw - ext4 /dev/sdc rw", "dev-8:32 /dev/sdc"},
         // btrfs reports an anonymous device number; the source names the device node.
-        SIdentityRow{"AnonymousNumberSourceNode", "8 1 0:50 /@data /btr rw - btrfs /dev/mapper/vg-lv rw",
-                     "2222-bbbb:/@data", "/dev/sda"},
-        SIdentityRow{"NetworkNfs", "9 1 0:60 / /net rw - nfs4 srv:/export rw", "nfs4:srv:/export", "UNC"},
-        SIdentityRow{"NetworkSshfs", "10 1 0:61 / /ssh rw - fuse.sshfs u@h:/home rw", "fuse.sshfs:u@h:/home",
-                     "UNC"},
-        SIdentityRow{"Tmpfs", "11 1 0:24 / /run rw - tmpfs tmpfs rw", "dev-0:24", "dev-0:24"},
-        SIdentityRow{"Overlay", "12 1 0:70 / /ovl rw - overlay overlay rw", "dev-0:70", "dev-0:70"},
-        SIdentityRow{"UnknownBlockNumber", "13 1 8:99 / /odd rw - ext4 /dev/sdz rw", "dev-8:99", "dev-8:99"}),
-    [](const ::testing::TestParamInfo<SIdentityRow>& info) { return std::string(info.param.name); });
+        SIdentityRow{"AnonymousNumberSourceNode",
+                     "8 1 0:50 /@data /btr rw - btrfs /dev/mapper/vg-lv rw",
+                     "2222-bbbb:/@data /dev/sda"},
+        SIdentityRow{"NetworkNfs", "9 1 0:60 / /net rw - nfs4 srv:/export rw",
+                     "nfs4:srv:/export UNC"},
+        SIdentityRow{"NetworkSshfs", "10 1 0:61 / /ssh rw - fuse.sshfs u@h:/home rw",
+                     "fuse.sshfs:u@h:/home UNC"},
+        SIdentityRow{"Tmpfs", "11 1 0:24 / /run rw - tmpfs tmpfs rw", "dev-0:24 dev-0:24"},
+        SIdentityRow{"Overlay", "12 1 0:70 / /ovl rw - overlay overlay rw", "dev-0:70 dev-0:70"},
+        SIdentityRow{"UnknownBlockNumber", "13 1 8:99 / /odd rw - ext4 /dev/sdz rw",
+                     "dev-8:99 dev-8:99"},
+        // By volume name, through the mount table.
+        SIdentityRow{"ByNameRoot", "/", "1111-aaaa /dev/sda"},
+        SIdentityRow{"ByNameTrailingDelimiter", "/var/", "dev-8:2 /dev/sda"},
+        SIdentityRow{"ByNamePathInsideAVolume", "/var/tmp/x/y", "dev-8:2 /dev/sda"},
+        SIdentityRow{"ByNameNetwork", "/fsscan-test-net/", "nfs4:srv:/export UNC"},
+        SIdentityRow{"ByNameMissingPathOnANetworkVolume", "/fsscan-test-net/a/b",
+                     "nfs4:srv:/export UNC"},
+        SIdentityRow{"ByNameRaid", "/fsscan-test-raid", "dev-9:0 /dev/sdb"}),
+    [](const ::testing::TestParamInfo<SIdentityRow>& info) {
+      return std::string(info.param.name);
+    });
 
 TEST(VolumeIdentity, LoopingSlavesFallBackToTheDeviceItself) {
   CFakeKernelTree kernel;
   CVolumeIdentity identity(kernel.SysRoot(), kernel.DevRoot());
   CLogCapture writer;
   std::string mediaId;
-  ASSERT_TRUE(identity.GetPhysicalMediaId(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), mediaId)
-                  .IsSuccess());
+  ASSERT_TRUE(
+      identity.GetPhysicalMediaId(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), mediaId)
+          .IsSuccess());
   EXPECT_EQ(mediaId, "/dev/dm-2");
-  EXPECT_EQ(writer->CountContaining("Cannot find the disk under block device dm-2 of volume [/loop]", 1), 1u);
+  EXPECT_EQ(
+      writer->CountContaining("Cannot find the disk under block device dm-2 of volume [/loop]", 1),
+      1u);
 
   CVolumeIdentity::SBlockDevice device;
-  ASSERT_TRUE(identity.FindBlockDevice(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), device).IsSuccess());
+  ASSERT_TRUE(identity.FindBlockDevice(Volume("1 0 253:2 / /loop rw - ext4 /dev/dm-2 rw"), device)
+                  .IsSuccess());
   std::vector<CVolumeIdentity::SBlockDevice> disks;
   CQiError error = identity.FindWholeDisks(device, disks);
   EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidData));
@@ -162,66 +196,17 @@ TEST(VolumeIdentity, WithoutSysAndDevEveryBlockVolumeUsesItsNumber) {
   EXPECT_EQ(mediaId, "dev-8:1");
 }
 
-// ---- by volume name, through the mount table ---------------------------------------------------
-
-class VolumeIdentityByName : public ::testing::Test {
- protected:
-  void SetUp() override {
-    FXFolder::SetMountInfoPath(m_kernel.Tree().MakeFile(
-        "mountinfo",
-        "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
-        "2 1 8:2 / /var rw - xfs /dev/sda2 rw\n"
-        "3 1 0:60 / /fsscan-test-net rw - nfs4 srv:/export rw\n"
-        "4 1 9:0 / /fsscan-test-raid rw - ext4 /dev/md0 rw\n"));
-  }
-  void TearDown() override { FXFolder::SetMountInfoPath(""); }
-  CFakeKernelTree m_kernel;
-};
-
-struct SByNameRow {
-  const char* name;
-  std::string volumeName;
-  std::string uniqueId;
-  std::string physicalMediaId;
-};
-
-class VolumeIdentityByNameTable : public VolumeIdentityByName,
-                                  public ::testing::WithParamInterface<SByNameRow> {};
-
-TEST_P(VolumeIdentityByNameTable, LooksUpTheMountOfTheName) {
-  CVolumeIdentity identity(m_kernel.SysRoot(), m_kernel.DevRoot());
-  std::string uniqueId, mediaId;
-  CQiError error = identity.GetVolumeUniqueId(GetParam().volumeName, uniqueId);
-  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
-  ASSERT_TRUE(identity.GetPhysicalMediaId(GetParam().volumeName, mediaId).IsSuccess());
-  EXPECT_EQ(uniqueId, GetParam().uniqueId);
-  EXPECT_EQ(mediaId, GetParam().physicalMediaId);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, VolumeIdentityByNameTable,
-    ::testing::Values(SByNameRow{"Root", "/", "1111-aaaa", "/dev/sda"},
-                      SByNameRow{"TrailingDelimiter", "/var/", "dev-8:2", "/dev/sda"},
-                      SByNameRow{"PathInsideAVolume", "/var/tmp/x/y", "dev-8:2", "/dev/sda"},
-                      SByNameRow{"Network", "/fsscan-test-net/", "nfs4:srv:/export", "UNC"},
-                      SByNameRow{"MissingPathOnANetworkVolume", "/fsscan-test-net/a/b",
-                                 "nfs4:srv:/export", "UNC"},
-                      SByNameRow{"Raid", "/fsscan-test-raid", "dev-9:0", "/dev/sdb"}),
-    [](const ::testing::TestParamInfo<SByNameRow>& info) { return std::string(info.param.name); });
-
 TEST_F(VolumeIdentityByName, BadNamesAreClearErrors) {
   CVolumeIdentity identity(m_kernel.SysRoot(), m_kernel.DevRoot());
-  std::string id = "keep";
-  CQiError error = identity.GetVolumeUniqueId("", id);
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
-  EXPECT_EQ(error.GetMessage(), "Empty path");
-  error = identity.GetPhysicalMediaId("var", id);
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
-  EXPECT_EQ(error.GetMessage(), "Path is not absolute, Path=var");
-  error = identity.GetPhysicalMediaId(std::string("/var\0x", 6), id);
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
-  error = identity.GetVolumeUniqueId("/" + std::string(5000, 'v'), id);
-  EXPECT_TRUE(error.IsErrNo(ENAMETOOLONG));
+  std::string id = "keep", got;
+  for (CQiError error : {identity.GetVolumeUniqueId("", id), identity.GetPhysicalMediaId("var", id),
+                         identity.GetPhysicalMediaId(std::string("/var\0x", 6), id),
+                         identity.GetVolumeUniqueId("/" + std::string(5000, 'v'), id)})
+    got += ErrorCode(error) + " " + error.GetMessage() + "\n";
+  EXPECT_EQ(got,
+            "W87 Empty path\nW87 Path is not absolute, Path=var\nW87 Path holds a NUL byte\n"
+            "E36 Path is longer than PATH_MAX (4096 bytes), Length=5001, Path=/" +
+                std::string(63, 'v') + "...\n");
   EXPECT_EQ(id, "keep");
   // A name whose volume is found through a non-UTF-8 path works like any other.
   ASSERT_TRUE(identity.GetVolumeUniqueId("/var/\xff\xfe", id).IsSuccess());
