@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -16,63 +17,43 @@ using EMode = FXEvent::EResetMode;
 using EWait = FXEvent::EWaitResult;
 }  // namespace
 
-struct ResetRow {
+// A script of steps on one event and what the waits and probes answered: 'S' Set, 'R' Reset,
+// 'w' Wait(0), 't' Wait(20 ms), 'W' Wait(infinite) give '1' signalled or '0' timed out; '?'
+// gives IsSet() as '1' or '0'.
+struct SScriptRow {
   EMode eMode;
   bool bInitiallySet;
-  bool bSetBeforeWait;
-  EWait eFirst;    // first Wait(0)
-  EWait eSecond;   // second Wait(0)
-  bool bSetAfter;  // IsSet() after both waits
+  const char* script;
+  const char* expected;
 };
+class EventScript : public ::testing::TestWithParam<SScriptRow> {};
 
-class EventResetModes : public ::testing::TestWithParam<ResetRow> {};
-
-TEST_P(EventResetModes, WaitPassesAsTheModeAllows) {
-  const ResetRow& row = GetParam();
-  FXEvent event(row.eMode, row.bInitiallySet);
-  if (row.bSetBeforeWait) event.Set();
-  EXPECT_EQ(event.Wait(0), row.eFirst);
-  EXPECT_EQ(event.Wait(0), row.eSecond);
-  EXPECT_EQ(event.IsSet(), row.bSetAfter);
+TEST_P(EventScript, WaitPassesAsTheModeAllows) {
+  FXEvent event(GetParam().eMode, GetParam().bInitiallySet);
+  std::string got;
+  for (const char* step = GetParam().script; *step != '\0'; ++step) {
+    const uint32_t ms = *step == 'w' ? 0 : *step == 't' ? 20 : FXEvent::kInfinite;
+    if (*step == 'S') event.Set();
+    if (*step == 'R') event.Reset();
+    if (*step == '?') got += event.IsSet() ? '1' : '0';
+    if (*step == 'w' || *step == 't' || *step == 'W')
+      got += event.Wait(ms) == EWait::Signalled ? '1' : '0';
+  }
+  EXPECT_EQ(got, GetParam().expected) << GetParam().script;
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Table, EventResetModes,
+    Table, EventScript,
     ::testing::Values(
         // manual: stays set for every waiter until Reset
-        ResetRow{EMode::Manual, false, true, EWait::Signalled, EWait::Signalled, true},
-        ResetRow{EMode::Manual, true, false, EWait::Signalled, EWait::Signalled, true},
-        ResetRow{EMode::Manual, false, false, EWait::TimedOut, EWait::TimedOut, false},
+        SScriptRow{EMode::Manual, false, "Sww?", "111"},
+        SScriptRow{EMode::Manual, true, "ww?", "111"},
+        SScriptRow{EMode::Manual, false, "ww?", "000"},
+        SScriptRow{EMode::Manual, true, "R?t", "00"},
         // auto: one wait passes per Set, then the event is clear
-        ResetRow{EMode::Auto, false, true, EWait::Signalled, EWait::TimedOut, false},
-        ResetRow{EMode::Auto, true, false, EWait::Signalled, EWait::TimedOut, false},
-        ResetRow{EMode::Auto, false, false, EWait::TimedOut, EWait::TimedOut, false}));
-
-TEST(EventTest, SetTwiceOnAnAutoEventLetsOneWaitPass) {
-  FXEvent event(EMode::Auto);
-  event.Set();
-  event.Set();
-  EXPECT_EQ(event.Wait(0), EWait::Signalled);
-  EXPECT_EQ(event.Wait(0), EWait::TimedOut);
-}
-
-TEST(EventTest, ResetClearsAManualEvent) {
-  FXEvent event(EMode::Manual, true);
-  event.Reset();
-  EXPECT_FALSE(event.IsSet());
-  EXPECT_EQ(event.Wait(5), EWait::TimedOut);
-}
-
-TEST(EventTest, WaitWithTimeOutReturnsTimedOut) {
-  FXEvent event(EMode::Auto);
-  EXPECT_EQ(event.Wait(20), EWait::TimedOut);
-}
-
-TEST(EventTest, SetBeforeAnInfiniteWaitIsKept) {
-  FXEvent event(EMode::Auto);
-  event.Set();
-  EXPECT_EQ(event.Wait(FXEvent::kInfinite), EWait::Signalled);
-}
+        SScriptRow{EMode::Auto, false, "Sww?", "100"}, SScriptRow{EMode::Auto, true, "ww?", "100"},
+        SScriptRow{EMode::Auto, false, "ww?", "000"}, SScriptRow{EMode::Auto, false, "SSww", "10"},
+        SScriptRow{EMode::Auto, false, "t", "0"}, SScriptRow{EMode::Auto, false, "SW", "1"}));
 
 TEST(EventTest, SetFromAnotherThreadWakesABlockedWaiter) {
   for (EMode eMode : {EMode::Auto, EMode::Manual}) {
@@ -156,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(Table, EventWaitAny,
                                            WaitAnyRow{{2}, 2}, WaitAnyRow{{1, 2}, 1},
                                            WaitAnyRow{{0, 1, 2}, 0}, WaitAnyRow{{2, 0}, 0}));
 
-TEST(EventTest, WaitAnyWakesWhenAnyEventIsSetLater) {
+TEST(EventTest, WaitAnyWakesWhenAnyEventIsSetLaterAndIgnoresNullEntries) {
   for (int iTarget = 0; iTarget < 3; ++iTarget) {
     FXEvent a(EMode::Auto), b(EMode::Manual), c(EMode::Auto);
     FXEvent* events[] = {&a, &b, &c};
@@ -166,9 +147,6 @@ TEST(EventTest, WaitAnyWakesWhenAnyEventIsSetLater) {
     waiter.join();
     EXPECT_EQ(iResult, iTarget);
   }
-}
-
-TEST(EventTest, WaitAnyTimesOutAndIgnoresNullEntries) {
   FXEvent a(EMode::Auto);
   EXPECT_EQ(FXEvent::WaitAny({nullptr, &a}, 10), FXEvent::kWaitTimedOut);
   a.Set();
