@@ -35,10 +35,10 @@ TEST(PerformanceCounterNamesTest, All29NamesAreDistinctAndFound) {
   for (size_t i = 0; i < kScanPerfCounterTypeCount; ++i) {
     const auto eType = static_cast<EType>(i);
     const std::string strName = CScanPerformanceCounter::GetTypeName(eType);
-    EXPECT_EQ(strName.rfind("TIME_", 0), 0u) << strName;
     EType eFound = EType::TIME_TOTAL_SCAN;
-    EXPECT_TRUE(CScanPerformanceCounter::FindType(strName, eFound));
-    EXPECT_EQ(eFound, eType);
+    EXPECT_TRUE(strName.starts_with("TIME_") &&
+                CScanPerformanceCounter::FindType(strName, eFound) && eFound == eType)
+        << strName;
     setNames.insert(strName);
   }
   EXPECT_EQ(setNames.size(), 29u);
@@ -73,9 +73,7 @@ TEST_F(PerformanceCounterTest, AutoTimeCounterAddsOneSampleOnce) {
     timer.Stop();
     timer.Stop();
   }  // nothing more at scope exit
-  EXPECT_EQ(counter.GetSamples(), 1u);
   { CAutoTimeCounter timer(counter); }
-  EXPECT_EQ(counter.GetSamples(), 2u);
   { CAutoTimeCounter noOp(static_cast<CScanPerformanceCounter*>(nullptr)); }
   EXPECT_EQ(counter.GetSamples(), 2u);
 }
@@ -104,7 +102,7 @@ TEST_F(PerformanceCounterTest, ThreadSetsAreSeparatePerThreadAndVolume) {
   EXPECT_EQ(CScanPerformanceCounter::GetCounter(EType::TIME_FINDFIRST).GetSamples(), 0u);
 }
 
-TEST_F(PerformanceCounterTest, LogAllCountersWritesOneLinePerUsedTimer) {
+TEST_F(PerformanceCounterTest, LogAllCountersWritesOneLinePerUsedTimerUntilReset) {
   CScanPerformanceCounter::GetCounter(EType::TIME_ADD_TO_COLLECT).Add(1000000, 1);
   CScanPerformanceCounter::GetCounter(EType::TIME_ADD_TO_COLLECT).Add(2000000, 1);
   CScanPerformanceCounter::GetCounter(EType::TIME_SCANNER_RUN).Add(4500000000ULL, 1);
@@ -115,6 +113,15 @@ TEST_F(PerformanceCounterTest, LogAllCountersWritesOneLinePerUsedTimer) {
                          "Counter=TIME_STAT, Total=0 ms, Samples=3, Average=0 us",
                          "Counter=TIME_ADD_TO_COLLECT, Total=3 ms, Samples=2, Average=1500 us"}));
   for (const auto& e : writer->GetEntries()) EXPECT_EQ(e.level, 1);
+  // ResetAll zeroes the scan's and the threads' timers.
+  CScanPerformanceCounterSet& set = CScanPerformanceCounter::GetThreadCounter("/vol");
+  set[EType::TIME_DB_INSERT].Add(10);
+  CScanPerformanceCounter::ResetAll();
+  EXPECT_EQ(set.Get(EType::TIME_DB_INSERT).GetTotalNanoseconds(), 0u);
+  writer->Clear();
+  CScanPerformanceCounter::LogAllCounters();
+  CScanPerformanceCounter::LogThreadCounters();
+  EXPECT_TRUE(Texts().empty());
 }
 
 TEST_F(PerformanceCounterTest, LogThreadCountersNamesVolumeAndThread) {
@@ -148,16 +155,4 @@ TEST_F(PerformanceCounterTest, LogThreadCountersNamesVolumeAndThread) {
   writer->Clear();
   CScanPerformanceCounter::LogThreadCounters();
   EXPECT_EQ(Texts(), (std::vector<std::string>{szMain}));
-}
-
-TEST_F(PerformanceCounterTest, ResetAllZeroesScanAndThreadTimers) {
-  CScanPerformanceCounter::GetCounter(EType::TIME_DB_LOOKUP).Add(10);
-  CScanPerformanceCounterSet& set = CScanPerformanceCounter::GetThreadCounter("/vol");
-  set[EType::TIME_DB_INSERT].Add(10);
-  CScanPerformanceCounter::ResetAll();
-  EXPECT_EQ(CScanPerformanceCounter::GetCounter(EType::TIME_DB_LOOKUP).GetSamples(), 0u);
-  EXPECT_EQ(set.Get(EType::TIME_DB_INSERT).GetTotalNanoseconds(), 0u);
-  CScanPerformanceCounter::LogAllCounters();
-  CScanPerformanceCounter::LogThreadCounters();
-  EXPECT_TRUE(Texts().empty());
 }

@@ -9,11 +9,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <thread>
 
 #include "Platform/ZrGrEnt.h"
 #include "Platform/ZrPwEnt.h"
+#include "Support/FileText.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -113,77 +113,51 @@ TEST(UserGroup, ManyThreadsAtOnce) {
 // and the right to create mount namespaces; skipped otherwise.
 constexpr int kSkip = 250;
 
-bool WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  return static_cast<bool>(out);
-}
-
-struct SDatabaseFiles {
-  std::string passwd;
-  std::string group;
-};
-
 // Runs in the child. Returns 0, kSkip, or the number of the first failed check.
-int CheckAgainstOwnDatabase(const SDatabaseFiles& files) {
-  int check = 0;
-#define CHECK_OR_RETURN(condition) \
-  ++check;                         \
-  if (!(condition)) return check
+int CheckAgainstOwnDatabase(const std::string& passwdPath, const std::string& groupPath) {
   if (unshare(CLONE_NEWNS) != 0) return kSkip;
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return kSkip;
-
   // Entries larger than the first buffer: a user with a 200 KB comment field and a group with
   // 3000 members (about 90 KB) make the look-ups grow their buffers.
-  std::string passwd = "root:x:0:0:root:/root:/bin/sh\nbiggecos:x:4243:4243:" +
-                       std::string(200000, 'g') + ":/home/b:/bin/sh\n";
   std::string group = "root:x:0:\nbigteam:x:4242:";
   for (int i = 0; i < 3000; ++i) group += "member_with_a_long_name_" + std::to_string(i) + ",";
-  group += "last\n";
-  CHECK_OR_RETURN(WriteFile(files.passwd, passwd));
-  CHECK_OR_RETURN(WriteFile(files.group, group));
-  if (mount(files.passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) return kSkip;
-  if (mount(files.group.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) return kSkip;
-
+  if (!WriteFileText(passwdPath, "root:x:0:0:root:/root:/bin/sh\nbiggecos:x:4243:4243:" +
+                                     std::string(200000, 'g') + ":/home/b:/bin/sh\n") ||
+      !WriteFileText(groupPath, group + "last\n"))
+    return 1;
+  if (mount(passwdPath.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) return kSkip;
+  if (mount(groupPath.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) return kSkip;
+  auto names = [] {
+    return ZrPwEnt::GetUserName(4243) + "," + ZrGrEnt::GetGroupName(4242) + "," +
+           ZrPwEnt::GetUserName(4244) + "," + ZrGrEnt::GetGroupName(4244);
+  };
   ZrPwEnt::ClearCache();
   ZrGrEnt::ClearCache();
-  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4243) == "biggecos");
-  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4242) == "bigteam");
-  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4244) == "");
-  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4244) == "");
-
-  // The database changes under the cache (same files, rewritten in place).
-  CHECK_OR_RETURN(WriteFile(files.passwd, "renamed:x:4243:1::/:/bin/sh\nlate:x:4244:1::/:/bin/sh\n"));
-  CHECK_OR_RETURN(WriteFile(files.group, "renamed:x:4242:\nlate:x:4244:\n"));
-  // Names and misses alike are answered from the cache...
-  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4243) == "biggecos");
-  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4242) == "bigteam");
-  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4244) == "");
-  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4244) == "");
-  // ...until it is emptied.
+  if (names() != "biggecos,bigteam,,") return 2;
+  // The database changes under the cache (same files, rewritten in place): names and misses
+  // alike are answered from the cache until it is emptied.
+  if (!WriteFileText(passwdPath, "renamed:x:4243:1::/:/bin/sh\nlate:x:4244:1::/:/bin/sh\n") ||
+      !WriteFileText(groupPath, "renamed:x:4242:\nlate:x:4244:\n"))
+    return 3;
+  if (names() != "biggecos,bigteam,,") return 4;
   ZrPwEnt::ClearCache();
   ZrGrEnt::ClearCache();
-  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4243) == "renamed");
-  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4242) == "renamed");
-  CHECK_OR_RETURN(ZrPwEnt::GetUserName(4244) == "late");
-  CHECK_OR_RETURN(ZrGrEnt::GetGroupName(4244) == "late");
-  return 0;
-#undef CHECK_OR_RETURN
+  return names() == "renamed,renamed,late,late" ? 0 : 5;
 }
 
 TEST(UserGroup, LargeEntriesAndCachingAgainstOwnDatabase) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to lay files over /etc/passwd";
   CTempTree tree;
-  SDatabaseFiles files{tree.MakeFile("passwd"), tree.MakeFile("group")};
+  const std::string passwd = tree.MakeFile("passwd"), group = tree.MakeFile("group");
   pid_t pid = fork();
   ASSERT_GE(pid, 0);
-  if (pid == 0) _exit(CheckAgainstOwnDatabase(files));
+  if (pid == 0) _exit(CheckAgainstOwnDatabase(passwd, group));
   int status = 0;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   ASSERT_TRUE(WIFEXITED(status)) << "child ended by signal " << WTERMSIG(status);
   if (WEXITSTATUS(status) == kSkip) GTEST_SKIP() << "mount namespaces are not available";
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "check number " << WEXITSTATUS(status)
-                                    << " of CheckAgainstOwnDatabase failed";
+  EXPECT_EQ(WEXITSTATUS(status), 0)
+      << "check number " << WEXITSTATUS(status) << " of CheckAgainstOwnDatabase failed";
 }
 
 }  // namespace
