@@ -13,6 +13,7 @@
 #include "Platform/PrefixContentMapper.h"
 #include "Platform/SkipFS.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/RunAsNobody.h"
 #include "Support/TempTree.h"
 
@@ -30,6 +31,19 @@ std::vector<SLogicalVolume> Parse(const std::string& text) {
   std::vector<SLogicalVolume> volumes;
   FXFolder::ParseMountInfo(text, volumes);
   return volumes;
+}
+
+// Content entries in one text: local mount paths, own entry first, each with " on <volume>" when
+// the volume is not the path itself and " from <source>" when the source path differs.
+std::string Entries(const std::vector<SContentEntry>& entries) {
+  std::string out;
+  for (const auto& e : entries) {
+    out += (out.empty() ? "" : " | ") + e.m_strLocalMountPath;
+    if (e.m_strVolumeName != e.m_strLocalMountPath) out += " on " + e.m_strVolumeName;
+    if (e.m_strSourceMountPath != e.m_strLocalMountPath) out += " from " + e.m_strSourceMountPath;
+    if (e.m_bContentPath != (&e == &entries[0])) out += " (content flag wrong)";
+  }
+  return out;
 }
 
 std::vector<std::string> MountPoints(const std::vector<SLogicalVolume>& volumes) {
@@ -201,8 +215,7 @@ const char* const kRecordedTable =
 struct SExpandRow {
   const char* name;
   std::string content;
-  // local mount paths, own entry first, each with "@volume" when that is not the path itself
-  std::string expected;
+  std::string expected;  // see Entries
 };
 }  // namespace
 
@@ -214,28 +227,22 @@ TEST_P(ExpandContent, OwnEntryFirstThenNestedMountsInPathOrder) {
   CQiError error =
       MountPathInfo::expandContentPathByVolumes(row.content, Parse(kRecordedTable), entries);
   ASSERT_TRUE(error.IsSuccess()) << error.AsString();
-  std::string got;
-  for (const auto& e : entries) {
-    got += (got.empty() ? "" : " | ") + e.m_strLocalMountPath;
-    if (e.m_strVolumeName != e.m_strLocalMountPath) got += "@" + e.m_strVolumeName;
-    if (e.m_strSourceMountPath != e.m_strLocalMountPath) got += " (source differs)";
-    if (e.m_bContentPath != (&e == &entries[0])) got += " (content flag wrong)";
-  }
-  EXPECT_EQ(got, row.expected);
+  EXPECT_EQ(Entries(entries), row.expected);
 }
 
 const char* const kDataMounts =
     "/data | /data/a | /data/a/deep | /data/a-net | /data/b | /data/my space | /data/\xff";
 INSTANTIATE_TEST_SUITE_P(
     Recorded, ExpandContent,
-    ::testing::Values(SExpandRow{"Folder", "/data", kDataMounts},
-                      SExpandRow{"TrailingDelimiters", "/data/a//", "/data/a | /data/a/deep"},
-                      SExpandRow{"PlainFolderInsideAVolume", "/data/a/x", "/data/a/x@/data/a"},
-                      SExpandRow{"Root", "/", "/ | " + std::string(kDataMounts) + " | /tmp"},
-                      SExpandRow{"PseudoFileSystemAsContent", "/proc", "/proc"},
-                      SExpandRow{"ComponentBoundary", "/dat", "/dat@/"},
-                      SExpandRow{"NetworkVolume", "/data/a-net/sub", "/data/a-net/sub@/data/a-net"},
-                      SExpandRow{"NonUtf8Name", "/data/\xff/x\xfe", "/data/\xff/x\xfe@/data/\xff"}),
+    ::testing::Values(
+        SExpandRow{"Folder", "/data", kDataMounts},
+        SExpandRow{"TrailingDelimiters", "/data/a//", "/data/a | /data/a/deep"},
+        SExpandRow{"PlainFolderInsideAVolume", "/data/a/x", "/data/a/x on /data/a"},
+        SExpandRow{"Root", "/", "/ | " + std::string(kDataMounts) + " | /tmp"},
+        SExpandRow{"PseudoFileSystemAsContent", "/proc", "/proc"},
+        SExpandRow{"ComponentBoundary", "/dat", "/dat on /"},
+        SExpandRow{"NetworkVolume", "/data/a-net/sub", "/data/a-net/sub on /data/a-net"},
+        SExpandRow{"NonUtf8Name", "/data/\xff/x\xfe", "/data/\xff/x\xfe on /data/\xff"}),
     [](const ::testing::TestParamInfo<SExpandRow>& info) { return std::string(info.param.name); });
 
 struct SBadPathRow {
@@ -303,30 +310,22 @@ class ExpandRealTree : public ::testing::Test {
   std::unique_ptr<CMountInfoFile> m_pTable;
 };
 
-TEST_F(ExpandRealTree, LinkedContentKeepsTheCallersForm) {
+// Linked content keeps the caller's form; a mapper gives the source paths, and its refusal is 87.
+TEST_F(ExpandRealTree, LinkedContentKeepsTheCallersFormAndMapsSources) {
   std::vector<SContentEntry> entries;
   ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes(m_tree.Path("link/"), entries).IsSuccess());
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[0].m_strLocalMountPath, m_tree.Path("link"));
-  EXPECT_EQ(entries[0].m_strVolumeName, "/");
-  EXPECT_EQ(entries[1].m_strLocalMountPath, m_tree.Path("link/sub"));
-  EXPECT_EQ(entries[1].m_strVolumeName, m_tree.Path("real/sub"));
-
+  EXPECT_EQ(Entries(entries), Expand("@/link on / | @/link/sub on @/real/sub", m_tree.Root()));
   std::string volume;
   ASSERT_TRUE(MountPathInfo::GetVolumeName(m_tree.Path("link/sub/f"), volume).IsSuccess());
   EXPECT_EQ(volume, m_tree.Path("real/sub"));
-}
 
-TEST_F(ExpandRealTree, MapperGivesSourcePathsAndItsRefusalIs87) {
   CPrefixContentMapper mapper;
   ASSERT_TRUE(mapper.AddMapping("/host/share", m_tree.Path("link")).IsSuccess());
-  std::vector<SContentEntry> entries;
   ASSERT_TRUE(
       MountPathInfo::expandContentPathByVolumes(m_tree.Path("link"), entries, &mapper).IsSuccess());
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[0].m_strSourceMountPath, "/host/share");
-  EXPECT_EQ(entries[1].m_strSourceMountPath, "/host/share/sub");
-
+  EXPECT_EQ(Entries(entries), Expand("@/link on / from /host/share | @/link/sub on @/real/sub from "
+                                     "/host/share/sub",
+                                     m_tree.Root()));
   CQiError error = MountPathInfo::expandContentPathByVolumes(m_tree.Path("real"), entries, &mapper);
   EXPECT_TRUE(error.IsWin32(QiErrorCode::InvalidParameter));
   EXPECT_EQ(error.GetMessage(),
@@ -344,32 +343,30 @@ TEST_F(ExpandRealTree, UnreadableFolderOnTheWayIsAnErrnoError) {
 }
 
 TEST(SkipFSTypes, WholeNamesAndSubstringSearch) {
+  // Pseudo file systems are skipped; real file systems never match, not even as a substring of
+  // the list (the engines search it so); "tmpfs" is a known overlap of that search.
   const std::string& ignored = skipFS::GetIgnoreFSTypes();
+  std::string wrong;
   for (const char* type :
        {"proc",      "sysfs",       "devpts", "devtmpfs",   "cgroup",   "cgroup2", "securityfs",
         "debugfs",   "tracefs",     "pstore", "bpf",        "configfs", "fusectl", "mqueue",
-        "hugetlbfs", "binfmt_misc", "autofs", "rpc_pipefs", "nsfs",     "efivarfs"}) {
-    EXPECT_TRUE(skipFS::IsIgnoredFSType(type)) << type;
-    EXPECT_NE(ignored.find(type), std::string::npos) << type;
-  }
-  // Real file systems never match as a substring, so the engines' search keeps them.
+        "hugetlbfs", "binfmt_misc", "autofs", "rpc_pipefs", "nsfs",     "efivarfs"})
+    if (!skipFS::IsIgnoredFSType(type) || ignored.find(type) == std::string::npos) wrong += type;
   for (const char* type :
-       {"ext2",    "ext3",     "ext4",   "xfs",      "btrfs",      "zfs",
-        "jfs",     "reiserfs", "nfs",    "nfs4",     "cifs",       "smb3",
-        "smbfs",   "vfat",     "msdos",  "exfat",    "ntfs",       "ntfs3",
-        "fuseblk", "iso9660",  "udf",    "hfs",      "hfsplus",    "f2fs",
-        "ocfs2",   "gfs2",     "gpfs",   "lustre",   "ceph",       "glusterfs",
-        "overlay", "squashfs", "erofs",  "ramfs",    "romfs",      "ufs",
-        "9p",      "virtiofs", "nilfs2", "bcachefs", "fuse.sshfs", "fuse.glusterfs"}) {
-    EXPECT_FALSE(skipFS::IsIgnoredFSType(type)) << type;
-    EXPECT_EQ(ignored.find(type), std::string::npos) << type;
-  }
-  // Known overlaps of the substring search, kept on purpose (see SkipFS.h).
-  EXPECT_NE(ignored.find("tmpfs"), std::string::npos);
-  EXPECT_FALSE(skipFS::IsIgnoredFSType("tmpfs"));
-  EXPECT_FALSE(skipFS::IsIgnoredFSType(""));
-  EXPECT_TRUE(skipFS::IsNetworkFSType("nfs4"));
-  EXPECT_TRUE(skipFS::IsNetworkFSType("fuse.sshfs"));
-  EXPECT_FALSE(skipFS::IsNetworkFSType("nfsd"));
-  EXPECT_FALSE(skipFS::IsNetworkFSType("ext4"));
+       {"ext2",     "ext3",      "ext4",     "xfs",      "btrfs",    "zfs",        "jfs",
+        "reiserfs", "nfs",       "nfs4",     "cifs",     "smb3",     "smbfs",      "vfat",
+        "msdos",    "exfat",     "ntfs",     "ntfs3",    "fuseblk",  "iso9660",    "udf",
+        "hfs",      "hfsplus",   "f2fs",     "ocfs2",    "gfs2",     "gpfs",       "lustre",
+        "ceph",     "glusterfs", "overlay",  "squashfs", "erofs",    "ramfs",      "romfs",
+        "ufs",      "9p",        "virtiofs", "nilfs2",   "bcachefs", "fuse.sshfs", "fuse.glusterfs",
+        "tmpfs",    ""})
+    if (skipFS::IsIgnoredFSType(type) ||
+        (ignored.find(type) != std::string::npos) != (std::string(type) == "tmpfs" || !*type))
+      wrong += type;
+  EXPECT_EQ(wrong, "");
+  EXPECT_EQ(std::string(skipFS::IsNetworkFSType("nfs4") ? "n" : "-") +
+                (skipFS::IsNetworkFSType("fuse.sshfs") ? "n" : "-") +
+                (skipFS::IsNetworkFSType("nfsd") ? "n" : "-") +
+                (skipFS::IsNetworkFSType("ext4") ? "n" : "-"),
+            "nn--");
 }
