@@ -4,8 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
+#include <cstring>
 #include <string>
 
 #include "Platform/BackgroundWriter.h"

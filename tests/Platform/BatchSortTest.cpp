@@ -1,13 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <fstream>
 #include <random>
 #include <string>
 #include <vector>

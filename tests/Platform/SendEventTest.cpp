@@ -59,42 +59,29 @@ void PrintTo(const SEventCase& c, std::ostream* out) { *out << c.name; }
 
 class SendEventTable : public SendEventFixture, public ::testing::WithParamInterface<SEventCase> {};
 
-CQiError BuildEvent(const SEventCase& c) {
-  CQiError event = QI_ERROR_EVENT(c.id);
-  if (c.appendedText[0] != '\0') event.AppendText("%s", c.appendedText);
-  return event;
-}
-
-TEST_P(SendEventTable, IdArgumentsAndTextReachTheSetSink) {
+// Without a sink of the job's the event is logged at level -1 with its origin; a sink set for
+// the job gets the id, the arguments and the text, and nothing reaches the log.
+TEST_P(SendEventTable, DefaultSinkLogsTheEventAndASetSinkGetsIt) {
   const SEventCase& c = GetParam();
   auto sink = std::make_shared<CRecordingSink>();
-  ISendEventInterface::SetProcessEventSink(sink);
-
-  CQiError event = BuildEvent(c);
-  ASSERT_TRUE(event.IsEvent(c.id));
-  ASSERT_TRUE(ISendEventInterface::SendEventMessage(event, c.args).IsSuccess());
-
+  for (bool bOwnSink : {false, true}) {
+    if (bOwnSink) ISendEventInterface::SetProcessEventSink(sink);
+    int line = __LINE__ + 1;
+    CQiError event = QI_ERROR_EVENT(c.id);
+    if (c.appendedText[0] != '\0') event.AppendText("%s", c.appendedText);
+    ASSERT_TRUE(event.IsEvent(c.id));
+    ASSERT_TRUE(ISendEventInterface::SendEventMessage(event, c.args).IsSuccess());
+    if (bOwnSink) break;
+    const std::string expected = std::string(c.expectedLogLine) +
+                                 ", Origin=[SendEventTest.cpp:" + std::to_string(line) + "]";
+    ASSERT_EQ(m_pCapture->GetEntries().size(), 1u);
+    EXPECT_EQ(m_pCapture->Count(expected, -1), 1u) << m_pCapture->GetEntries()[0].text;
+  }
   std::vector<CRecordingSink::SEvent> events = sink->Events();
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].id, c.id);
   EXPECT_EQ(events[0].message, c.appendedText);
   EXPECT_EQ(events[0].args, c.args);
-  // Nothing reaches the log when the job has its own sink.
-  EXPECT_TRUE(m_pCapture->GetEntries().empty());
-}
-
-TEST_P(SendEventTable, DefaultSinkLogsTheEventAtLevelMinusOne) {
-  const SEventCase& c = GetParam();
-  int line = __LINE__ + 1;
-  CQiError event = QI_ERROR_EVENT(c.id);
-  if (c.appendedText[0] != '\0') event.AppendText("%s", c.appendedText);
-  ASSERT_TRUE(ISendEventInterface::SendEventMessage(event, c.args).IsSuccess());
-
-  std::string expected =
-      std::string(c.expectedLogLine) + ", Origin=[SendEventTest.cpp:" + std::to_string(line) + "]";
-  EXPECT_EQ(m_pCapture->Count(expected, -1), 1u) << (m_pCapture->GetEntries().empty()
-                                                          ? std::string("nothing logged")
-                                                          : m_pCapture->GetEntries()[0].text);
   EXPECT_EQ(m_pCapture->GetEntries().size(), 1u);
 }
 
@@ -119,10 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(SendEventFixture, EventRendersItsIdAndTextInAsString) {
   CQiError event = QI_ERROR_EVENT(0x11000002, "File Scan: %s", "No space left on device");
-  EXPECT_TRUE(event.IsError());
-  EXPECT_FALSE(event.IsWin32());
-  EXPECT_FALSE(event.IsEvent(0x11000003));
-  EXPECT_EQ(event.CodeAsString(), "Event 0x11000002");
+  EXPECT_TRUE(event.IsError() && !event.IsWin32() && !event.IsEvent(0x11000003));
   std::string text = event.AsString();
   EXPECT_EQ(text.rfind("Event 0x11000002 <- [SendEventTest.cpp:", 0), 0u) << text;
   EXPECT_NE(text.find("File Scan: No space left on device"), std::string::npos) << text;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sched.h>

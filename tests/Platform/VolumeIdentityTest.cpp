@@ -1,7 +1,6 @@
 // Volume unique ids and physical-media ids over a fake /sys and /dev tree.
 #include <gtest/gtest.h>
 
-#include <memory>
 
 #include "Platform/FXFolder.h"
 #include "Platform/FXString.h"
