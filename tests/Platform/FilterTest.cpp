@@ -51,6 +51,13 @@ std::string RowName(const ::testing::TestParamInfo<Row>& info) {
 // IsMatchPossibleInFolder ('p': could something at or below the folder be in the set?) and
 // IsMatchEntireFolder ('e': is the folder and everything below it in the set?).
 
+// "/d0/d1/..." with n levels; past "/d39" the names start again at "/d0".
+std::string Deep(int n) {
+  std::string path;
+  for (int i = 0; i < n; ++i) path += "/d" + std::to_string(i % 40);
+  return path;
+}
+
 struct SRow {
   const char* name;
   std::vector<SItem> items;
@@ -172,7 +179,16 @@ INSTANTIATE_TEST_SUITE_P(
              "e/data/a=1 "
              "e/data/xa=0"},
         SRow{"fold_on", {{I, "/DATA/**"}}, "e/data/x=1", true},
-        SRow{"fold_off", {{I, "/DATA/**"}}, "e/data/x=0"}),
+        SRow{"fold_off", {{I, "/DATA/**"}}, "e/data/x=0"},
+        // Deeper than the inline levels; past 64 levels every depth shares one bit of the depth
+        // mask, and lookups must still happen.
+        SRow{"deep",
+             {{I, Deep(31)}, {E, Deep(40) + "/skip"}, {I, "*.deep"}},
+             "i" + Deep(40) + "=1 i" + Deep(40) + "/skip/x=0 i/x" + Deep(40) + "/a.deep=1 i" +
+                 Deep(30) + "=0 p" + Deep(31).substr(0, 50) + "=1 e" + Deep(40) + "=0"},
+        SRow{"deeper",
+             {{I, Deep(70)}},
+             "i" + Deep(80) + "=1 i" + Deep(70) + "=1 i" + Deep(69) + "=0"}),
     RowName<SRow>);
 
 // ---------------------------------------------------------------------------------------------
@@ -373,27 +389,6 @@ TEST(FilterTermTestString, LevelsNamesAndLogForm) {
   EXPECT_EQ(CFilterTermTestString("/a//b/").GetStringWithLeadingBackslash(), "\\/a/b");
   EXPECT_EQ(CFilterTermTestString("/d/new\nline\\x").GetStringWithLeadingBackslash(),
             "\\/d/new\\nline\\\\x");
-}
-
-TEST(FilterSet, DeepPathsBeyondTheInlineLevels) {
-  std::string deep;
-  for (int i = 0; i < 40; ++i) deep += "/d" + std::to_string(i);
-  std::string item = deep.substr(0, deep.find("/d31"));  // 31 levels down
-  CFilterSetPtr set = MakeSet({{I, item}, {E, deep + "/skip"}, {I, "*.deep"}});
-  EXPECT_TRUE(set->IsIn(CFilterTermTestString(deep)));
-  EXPECT_FALSE(set->IsIn(CFilterTermTestString(deep + "/skip/x")));
-  EXPECT_TRUE(set->IsIn(CFilterTermTestString("/x" + deep + "/a.deep")));
-  EXPECT_FALSE(set->IsIn(CFilterTermTestString(item.substr(0, item.rfind('/')))));
-  EXPECT_TRUE(set->IsMatchPossibleInFolder(CFilterTermTestString(item.substr(0, 50))));
-  EXPECT_FALSE(set->IsMatchEntireFolder(CFilterTermTestString(deep)));
-
-  // Past 64 levels every depth shares one bit of the depth mask; lookups must still happen.
-  std::string deeper = deep + deep;  // 80 levels
-  std::string item70 = deeper.substr(0, deeper.find("/d30", deep.size()));
-  CFilterSetPtr deepSet = MakeSet({{I, item70}});
-  EXPECT_TRUE(deepSet->IsIn(CFilterTermTestString(deeper)));
-  EXPECT_TRUE(deepSet->IsIn(CFilterTermTestString(item70)));
-  EXPECT_FALSE(deepSet->IsIn(CFilterTermTestString(item70.substr(0, item70.rfind('/')))));
 }
 
 // ---------------------------------------------------------------------------------------------
