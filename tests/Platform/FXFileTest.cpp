@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <set>
@@ -107,24 +106,27 @@ TEST(FXFileListing, ListsEveryKindAndNameAsBytesWithLstatData) {
     if (e.kind == 'l') tree.MakeSymlink(e.name, e.content);
     expected[e.name] = e.direntType;
   }
-  SListing listing = ListFolder(tree.Root());
-  EXPECT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles)) << listing.end.AsString();
-  EXPECT_EQ(listing.records.size(), expected.size());
-  for (CFileData r : listing.records) {
-    const std::string& name = r.getFileNameAsString();
-    types[name] = r.getRawDirent().d_type;
-    EXPECT_EQ(r.getParentDirectoryName(), tree.Root());
-    EXPECT_EQ(r.getFileNameMode(), CFileData::kModeFullPath);
-    EXPECT_EQ(r.getFullPath(), tree.Root() + "/" + name);
-    EXPECT_EQ(std::string(r.getRawDirent().d_name), name);
-    // "." and ".." are listed without status (no fstatat); good() reads it from the full path.
-    EXPECT_EQ(r.getStatusState(),
-              r.isRelativeFolder() ? CFileData::kStatusNotRead : CFileData::kStatusValid);
-    EXPECT_TRUE(r.good());
-    EXPECT_EQ(r.getRawDirent().d_ino, r.getRawData().st_ino);
-    EXPECT_EQ(Facts(r, !r.isDirectory()), LstatFacts(r.getFullPath(), !r.isDirectory())) << name;
+  // Every form of the pattern lists the same folder, which is the records' parent.
+  for (const char* suffix : {"", "/", "/*", "//"}) {
+    SListing listing = ListFolder(tree.Root() + suffix);
+    EXPECT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles)) << listing.end.AsString();
+    EXPECT_EQ(listing.records.size(), expected.size());
+    for (CFileData r : listing.records) {
+      const std::string& name = r.getFileNameAsString();
+      types[name] = r.getRawDirent().d_type;
+      EXPECT_EQ(r.getParentDirectoryName(), tree.Root());
+      EXPECT_EQ(r.getFileNameMode(), CFileData::kModeFullPath);
+      EXPECT_EQ(r.getFullPath(), tree.Root() + "/" + name);
+      EXPECT_EQ(std::string(r.getRawDirent().d_name), name);
+      // "." and ".." are listed without status (no fstatat); good() reads it from the full path.
+      EXPECT_EQ(r.getStatusState(),
+                r.isRelativeFolder() ? CFileData::kStatusNotRead : CFileData::kStatusValid);
+      EXPECT_TRUE(r.good());
+      EXPECT_EQ(r.getRawDirent().d_ino, r.getRawData().st_ino);
+      EXPECT_EQ(Facts(r, !r.isDirectory()), LstatFacts(r.getFullPath(), !r.isDirectory())) << name;
+    }
+    EXPECT_EQ(types, expected) << suffix;
   }
-  EXPECT_EQ(types, expected);
 }
 
 TEST(FXFileListing, FolderLargerThanOneBufferIsListedCompletely) {
@@ -137,57 +139,48 @@ TEST(FXFileListing, FolderLargerThanOneBufferIsListedCompletely) {
   EXPECT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles)) << listing.end.AsString();
   EXPECT_EQ(listing.records.size(), created.size() + 2);
   EXPECT_EQ(NamesOf(listing.records), created);
-  for (const CFileData& r : listing.records)
-    EXPECT_EQ(r.getStatusState(),
-              r.isRelativeFolder() ? CFileData::kStatusNotRead : CFileData::kStatusValid);
 }
 
-TEST(FXFileListing, EntryRemovedBeforeItsStatusIsNotGoodWithENOENT) {
+// Entries removed after the kernel listed them come back not good with ENOENT; with the
+// no-status option nothing is read until the record is asked.
+TEST(FXFileListing, StatusOfRemovedEntriesAndTheNoStatusOption) {
   CTempTree tree;
   std::vector<std::string> paths;
-  for (int i = 0; i < 5; ++i) paths.push_back(tree.MakeFile(FXString::Format("file%d", i)));
+  for (int i = 0; i < 5; ++i) paths.push_back(tree.MakeFile(FXString::Format("file%d", i), "12"));
+  SListing lazy = ListFolder(tree.Root(), FXFile::kFindOptionNoStatus);
   FXFile::auto_find_handle handle;
   CFileData record;
   ASSERT_TRUE(FXFile::ZRFindFirstFile(handle, tree.Root(), record).IsSuccess());
-  // The kernel has handed over every entry already; remove the files before they are returned.
-  const bool bFirstWasFile = record.getFileNameAsString().rfind("file", 0) == 0;
-  for (const std::string& path : paths) ASSERT_EQ(unlink(path.c_str()), 0);
+  // The kernel has handed over every entry already; remove all files but file0 before they are
+  // returned.
+  const std::string first = record.getFileNameAsString();
+  for (size_t i = 1; i < paths.size(); ++i) ASSERT_EQ(unlink(paths[i].c_str()), 0);
   int removed = 0;
   CQiError error;
   while ((error = FXFile::ZRFindNextFile(handle, record)).IsSuccess()) {
-    if (record.isRelativeFolder()) {
+    if (record.isRelativeFolder() || record.getFileNameAsString() == "file0") {
       EXPECT_TRUE(record.good());
       continue;
     }
     ++removed;
-    EXPECT_EQ(record.getStatusState(), CFileData::kStatusFailed);
-    EXPECT_FALSE(record.good());
-    EXPECT_EQ(record.getLastError(), ENOENT);
-    EXPECT_EQ(record.getAttributes(), CFileData::kAttributesUnknown);
-    EXPECT_EQ(record.getSize(), 0u);
+    EXPECT_EQ(std::make_tuple(record.getStatusState(), record.good(), record.getLastError(),
+                              record.getAttributes(), record.getSize()),
+              std::make_tuple(int32_t(CFileData::kStatusFailed), false, ENOENT,
+                              CFileData::kAttributesUnknown, uint64_t(0)));
   }
   EXPECT_TRUE(error.IsWin32(QiErrorCode::NoMoreFiles)) << error.AsString();
-  EXPECT_EQ(removed, bFirstWasFile ? 4 : 5);
-}
+  EXPECT_EQ(removed, first.rfind("file", 0) == 0 && first != "file0" ? 3 : 4);
 
-TEST(FXFileListing, NoStatusOptionLeavesStatusToALazyLstat) {
-  CTempTree tree;
-  tree.MakeFile("kept", "12345");
-  const std::string gone = tree.MakeFile("gone");
-  SListing listing = ListFolder(tree.Root(), FXFile::kFindOptionNoStatus);
-  ASSERT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles));
-  ASSERT_EQ(listing.records.size(), 4u);
-  for (const CFileData& r : listing.records) {
+  ASSERT_EQ(lazy.records.size(), 7u);
+  for (const CFileData& r : lazy.records) {
     EXPECT_EQ(r.getStatusState(), CFileData::kStatusNotRead);
     EXPECT_EQ(r.getAttributes(), CFileData::kAttributesUnknown);
   }
-  ASSERT_EQ(unlink(gone.c_str()), 0);
-  CFileData kept = *FindRecord(listing.records, "kept"),
-            removed = *FindRecord(listing.records, "gone");
+  CFileData kept = *FindRecord(lazy.records, "file0"), gone = *FindRecord(lazy.records, "file1");
   EXPECT_TRUE(kept.good());
-  EXPECT_EQ(Facts(kept), LstatFacts(tree.Path("kept")));
-  EXPECT_FALSE(removed.good());
-  EXPECT_EQ(removed.getLastError(), ENOENT);
+  EXPECT_EQ(Facts(kept), LstatFacts(paths[0]));
+  EXPECT_FALSE(gone.good());
+  EXPECT_EQ(gone.getLastError(), ENOENT);
 }
 
 TEST(FXFileListing, OneHandleListsFolderAfterFolderAndItsEndStays) {
@@ -219,9 +212,6 @@ TEST(FXFileListing, OneHandleListsFolderAfterFolderAndItsEndStays) {
   EXPECT_EQ(error.GetMessage(), "Find handle is not open");
 }
 
-// ---------------------------------------------------------------------------------------------
-// Patterns.
-
 struct SPatternRow {
   const char* pattern;
   const char* folder;
@@ -239,57 +229,77 @@ INSTANTIATE_TEST_SUITE_P(
                       SPatternRow{"/", "/"}, SPatternRow{"/*", "/"}, SPatternRow{"*", "."},
                       SPatternRow{"/a/*/", "/a/*"}, SPatternRow{"/a/b*", "/a/b*"}));
 
-TEST(FXFileListing, PatternFormsListTheSameFolderWithTheSameParent) {
-  CTempTree tree;
-  tree.MakeFile("dir/one");
-  tree.MakeFile("dir/two");
-  for (const char* suffix : {"", "/", "/*", "//"}) {
-    SListing listing = ListFolder(tree.Path("dir") + suffix);
-    EXPECT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles)) << suffix;
-    EXPECT_EQ(NamesOf(listing.records), (std::set<std::string>{"one", "two"})) << suffix;
-    for (const CFileData& r : listing.records)
-      EXPECT_EQ(r.getParentDirectoryName(), tree.Path("dir")) << suffix;
-  }
-}
-
 // ---------------------------------------------------------------------------------------------
-// Open failures.
+// Failures of opening a folder for listing ("list"), of zrfopen ("fopen <mode>") and answers of
+// GetDeviceSize ("size", success with the size of the 5000-byte image).
 
-struct SOpenFailureRow {
-  std::string rel;  // appended to the tree's root; "" for the empty path
-  int err;
-  const char* message;
+struct SFailureRow {
+  const char* op;
+  std::string path;     // '@' stands for the tree's root
+  const char* code;     // see ErrorCode
+  const char* message;  // '@' stands for the path with control bytes escaped
 };
-class FXFileOpenFailure : public ::testing::TestWithParam<SOpenFailureRow> {};
+class FXFileFailure : public ::testing::TestWithParam<SFailureRow> {};
 
-TEST_P(FXFileOpenFailure, GivesTheErrnoAndAClosedHandle) {
+TEST_P(FXFileFailure, GivesTheErrnoAndTheMessage) {
+  const SFailureRow& r = GetParam();
   CTempTree tree;
   tree.MakeFile("file");
-  const std::string path = GetParam().rel.empty() ? "" : tree.Root() + GetParam().rel;
-  FXFile::auto_find_handle handle;
-  CFileData record;
-  CQiError error = FXFile::ZRFindFirstFile(handle, path, record);
-  EXPECT_TRUE(error.IsErrNo(GetParam().err)) << error.AsString();
-  EXPECT_EQ(error.GetMessage(), Expand(GetParam().message, FXString::EscapeControl(path)));
-  EXPECT_FALSE(handle.is_open());
-  EXPECT_TRUE(FXFile::ZRFindNextFile(handle, record).IsWin32(QiErrorCode::InvalidHandle));
+  tree.MakeDir("folder");
+  tree.MakeFile("image", std::string(5000, 'z'));
+  tree.MakeSymlink("link", "image");
+  tree.MakeFifo("pipe");  // must not block
+  const std::string path = Expand(r.path, tree.Root()), op = r.op;
+  CQiError error;
+  if (op == "list") {
+    FXFile::auto_find_handle handle;
+    CFileData record;
+    error = FXFile::ZRFindFirstFile(handle, path, record);
+    EXPECT_FALSE(handle.is_open());
+    EXPECT_TRUE(FXFile::ZRFindNextFile(handle, record).IsWin32(QiErrorCode::InvalidHandle));
+  } else if (op == "size") {
+    uint64_t size = 7;
+    error = FXFile::GetDeviceSize(path, size);
+    EXPECT_EQ(size, error.IsSuccess() ? 5000u : 7u);
+  } else {
+    const std::string mode = op.substr(6);
+    FXFile::FILEPtr file;
+    error = FXFile::zrfopen(path, mode, file);
+    EXPECT_EQ(file, nullptr);
+    errno = 0;
+    EXPECT_EQ(FXFile::zrfopen(path, mode), nullptr);
+    EXPECT_EQ("E" + std::to_string(errno), ErrorCode(error));
+  }
+  EXPECT_EQ(ErrorCode(error), r.code) << error.AsString();
+  EXPECT_EQ(error.GetMessage(), Expand(r.message, FXString::EscapeControl(path)));
 }
 
+const char* const kNotBlock =
+    "Failed to get device size: not a block device or regular file, Path=@";
 INSTANTIATE_TEST_SUITE_P(
-    Table, FXFileOpenFailure,
+    Table, FXFileFailure,
     ::testing::Values(
-        SOpenFailureRow{"/missing", ENOENT, kOpenFailed},
-        SOpenFailureRow{"/no/such/folder", ENOENT, kOpenFailed},
-        SOpenFailureRow{"", ENOENT, "Failed to open folder for listing: empty path"},
-        SOpenFailureRow{std::string("/a\0b", 4), EINVAL,
-                        "Failed to open folder for listing: path holds a NUL byte, Path=@"},
-        SOpenFailureRow{"/" + std::string(PATH_MAX + 10, 'x'), ENAMETOOLONG, kOpenFailed},
-        SOpenFailureRow{"/" + std::string(NAME_MAX + 1, 'x'), ENAMETOOLONG, kOpenFailed},
-        SOpenFailureRow{"/file", ENOTDIR, kOpenFailed},
-        SOpenFailureRow{"/file/below", ENOTDIR, kOpenFailed}),
-    [](const ::testing::TestParamInfo<SOpenFailureRow>& info) {
-      return std::to_string(info.index);
-    });
+        SFailureRow{"list", "@/missing", "E2", kOpenFailed},
+        SFailureRow{"list", "@/no/such/folder", "E2", kOpenFailed},
+        SFailureRow{"list", "", "E2", "Failed to open folder for listing: empty path"},
+        SFailureRow{"list", std::string("@/a\0b", 5), "E22",
+                    "Failed to open folder for listing: path holds a NUL byte, Path=@"},
+        SFailureRow{"list", "@/" + std::string(PATH_MAX + 10, 'x'), "E36", kOpenFailed},
+        SFailureRow{"list", "@/" + std::string(NAME_MAX + 1, 'x'), "E36", kOpenFailed},
+        SFailureRow{"list", "@/file", "E20", kOpenFailed},
+        SFailureRow{"list", "@/file/below", "E20", kOpenFailed},
+        SFailureRow{"fopen w", "", "E2", "Failed to open file: empty path"},
+        SFailureRow{"fopen w", std::string("@/f\0g", 5), "E22",
+                    "Failed to open file: path holds a NUL byte, Path=@"},
+        SFailureRow{"fopen ", "@/new", "E22", "Failed to open file: invalid mode [], Path=@"},
+        SFailureRow{"fopen r", "@/missing", "E2", "Failed to open file, Path=@, Mode=r"},
+        SFailureRow{"fopen w", "@/folder", "E21", "Failed to open file, Path=@, Mode=w"},
+        SFailureRow{"size", "@/image", "ok", ""}, SFailureRow{"size", "@/link", "ok", ""},
+        SFailureRow{"size", "/dev/null", "E15", kNotBlock},
+        SFailureRow{"size", "@", "E15", kNotBlock}, SFailureRow{"size", "@/pipe", "E15", kNotBlock},
+        SFailureRow{"size", "@/missing", "E2", "Failed to get device size: stat failed, Path=@"},
+        SFailureRow{"size", "", "E2", "Failed to get device size: empty path"}),
+    [](const ::testing::TestParamInfo<SFailureRow>& info) { return std::to_string(info.index); });
 
 // An unreadable folder fails to open with EACCES; the entries of a readable folder that cannot
 // be searched are listed, each with state -1 and EACCES.
@@ -304,8 +314,8 @@ TEST(FXFileListing, PermissionFailuresSeenByAnUnprivilegedUser) {
               FXFile::auto_find_handle handle;
               CFileData record;
               CQiError error = FXFile::ZRFindFirstFile(handle, locked, record);
-              if (error.IsSuccess() || !error.IsErrNo(EACCES)) return 1;
-              if (error.GetMessage() != Expand(kOpenFailed, locked)) return 2;
+              if (!error.IsErrNo(EACCES) || error.GetMessage() != Expand(kOpenFailed, locked))
+                return 1;
               int files = 0;
               for (error = FXFile::ZRFindFirstFile(handle, readonly, record); error.IsSuccess();
                    error = FXFile::ZRFindNextFile(handle, record)) {
@@ -368,10 +378,10 @@ TEST(FXFileListing, FolderBeyondPathMaxIsListedRelativeToItsParent) {
   EXPECT_EQ(NamesOf(records), std::set<std::string>{"leaf"});
   const CFileData* leaf = FindRecord(records, "leaf");
   ASSERT_NE(leaf, nullptr);
-  EXPECT_EQ(leaf->getStatusState(), CFileData::kStatusValid);
-  EXPECT_EQ(leaf->getSize(), 3u);
-  EXPECT_TRUE(leaf->isRegularFile());
-  EXPECT_EQ(leaf->getFullPath(), longPath + "/leaf");
+  EXPECT_EQ(
+      std::make_tuple(leaf->getStatusState(), leaf->getSize(), leaf->isRegularFile(),
+                      leaf->getFullPath()),
+      std::make_tuple(int32_t(CFileData::kStatusValid), uint64_t(3), true, longPath + "/leaf"));
 
   // A record built from the long path cannot read its status by path.
   CFileData byPath(longPath + "/leaf", CFileData::kModeFullPath);
@@ -411,7 +421,7 @@ INSTANTIATE_TEST_SUITE_P(Table, FXFileDataSplit,
                                            SSplitRow{"", "", ""}));
 
 struct SByPathRow {
-  std::string path;  // a leading '@' stands for the tree's root
+  std::string path;  // '@' stands for the tree's root
   int err;           // 0: good, with the data of lstat
 };
 class FXFileDataByPath : public ::testing::TestWithParam<SByPathRow> {};
@@ -420,9 +430,7 @@ TEST_P(FXFileDataByPath, ReadsTheStatusWithoutFollowingLinks) {
   CTempTree tree;
   tree.MakeDir("target");
   tree.MakeSymlink("link", "target");
-  tree.MakeFile("f", "1234");
-  std::string path = GetParam().path;
-  if (!path.empty() && path[0] == '@') path = tree.Root() + path.substr(1);
+  const std::string path = Expand(GetParam().path, tree.Root());
   CFileData record(path, CFileData::kModeFullPath);
   EXPECT_EQ(record.getAttributes(), CFileData::kAttributesUnknown);
   EXPECT_EQ(record.good(), GetParam().err == 0);
@@ -432,10 +440,9 @@ TEST_P(FXFileDataByPath, ReadsTheStatusWithoutFollowingLinks) {
   }
   EXPECT_EQ(record.getStatusState(), CFileData::kStatusFailed);
   EXPECT_EQ(record.getLastError(), GetParam().err);
-  EXPECT_EQ(record.getAttributes(), CFileData::kAttributesUnknown);
-  EXPECT_EQ(record.getSize(), 0u);
-  EXPECT_FALSE(record.isDirectory());
-  EXPECT_EQ(record.getLastWriteTime(), CTimeStamp());
+  EXPECT_EQ(std::make_tuple(record.getAttributes(), record.getSize(), record.isDirectory(),
+                            record.getLastWriteTime()),
+            std::make_tuple(CFileData::kAttributesUnknown, uint64_t(0), false, CTimeStamp()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, FXFileDataByPath,
@@ -447,35 +454,29 @@ INSTANTIATE_TEST_SUITE_P(Table, FXFileDataByPath,
                            return std::to_string(info.index);
                          });
 
-TEST(FXFileData, StatusReadOnceIsNotReadAgain) {
+// The status is read once; a given stat is taken as valid in full-path mode only; copies of a
+// record are independent.
+TEST(FXFileData, StatusIsReadOnceAndCopiesAreIndependent) {
   CTempTree tree;
-  const std::string path = tree.MakeFile("f", "1234");
+  const std::string path = tree.MakeFile("a", "1234");
   CFileData record(path, CFileData::kModeFullPath);
   EXPECT_TRUE(record.good());
   std::ofstream(path, std::ios::app) << "more";
   EXPECT_TRUE(record.good());
   EXPECT_EQ(record.getSize(), 4u);
-}
 
-TEST(FXFileData, GivenStatIsTakenAsValidOnlyInFullPathMode) {
   struct stat st {};
   st.st_mode = S_IFREG | 0600;
   st.st_size = 12345;
   CFileData full("/no/such/path/anywhere", CFileData::kModeFullPath, &st);
-  EXPECT_TRUE(full.good());
+  EXPECT_TRUE(full.good() && full.isRegularFile());
   EXPECT_EQ(full.getSize(), 12345u);
-  EXPECT_TRUE(full.isRegularFile());
-
   CFileData parentMode("/no/such/path/anywhere", CFileData::kModeParentDirectory, &st);
-  EXPECT_EQ(parentMode.getParentDirectoryName(), "/no/such/path/anywhere");
-  EXPECT_EQ(parentMode.getFileNameAsString(), "");
+  EXPECT_EQ(parentMode.getParentDirectoryName() + "|" + parentMode.getFileNameAsString(),
+            "/no/such/path/anywhere|");
   EXPECT_FALSE(parentMode.good());  // the empty name is what gets read
   EXPECT_EQ(parentMode.getLastError(), ENOENT);
-}
 
-TEST(FXFileData, CopiesAreIndependent) {
-  CTempTree tree;
-  tree.MakeFile("a");
   SListing listing = ListFolder(tree.Root());
   CFileData copy = *FindRecord(listing.records, "a");
   copy.setParentDirectoryName("/elsewhere");
@@ -484,41 +485,6 @@ TEST(FXFileData, CopiesAreIndependent) {
   EXPECT_FALSE(FindRecord(listing.records, "a")->isOffline());
   EXPECT_EQ(copy.getFullPath(), "/elsewhere/a");
 }
-
-// ---------------------------------------------------------------------------------------------
-// zrfopen.
-
-struct SFopenRow {
-  std::string rel;  // appended to the tree's root; "" for the empty path
-  const char* mode;
-  int err;
-  const char* message;
-};
-class FXFileFopen : public ::testing::TestWithParam<SFopenRow> {};
-
-TEST_P(FXFileFopen, FailsWithAClearError) {
-  CTempTree tree;
-  tree.MakeDir("folder");
-  const std::string path = GetParam().rel.empty() ? "" : tree.Root() + GetParam().rel;
-  FXFile::FILEPtr file;
-  CQiError error = FXFile::zrfopen(path, GetParam().mode, file);
-  EXPECT_TRUE(error.IsErrNo(GetParam().err)) << error.AsString();
-  EXPECT_EQ(error.GetMessage(), Expand(GetParam().message, FXString::EscapeControl(path)));
-  EXPECT_EQ(file, nullptr);
-  errno = 0;
-  EXPECT_EQ(FXFile::zrfopen(path, GetParam().mode), nullptr);
-  EXPECT_EQ(errno, GetParam().err);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, FXFileFopen,
-    ::testing::Values(SFopenRow{"", "w", ENOENT, "Failed to open file: empty path"},
-                      SFopenRow{std::string("/f\0g", 4), "w", EINVAL,
-                                "Failed to open file: path holds a NUL byte, Path=@"},
-                      SFopenRow{"/new", "", EINVAL, "Failed to open file: invalid mode [], Path=@"},
-                      SFopenRow{"/missing", "r", ENOENT, "Failed to open file, Path=@, Mode=r"},
-                      SFopenRow{"/folder", "w", EISDIR, "Failed to open file, Path=@, Mode=w"}),
-    [](const ::testing::TestParamInfo<SFopenRow>& info) { return std::to_string(info.index); });
 
 TEST(FXFileFopen, OpensAnyByteNameCloseOnExec) {
   CTempTree tree;
@@ -537,43 +503,6 @@ TEST(FXFileFopen, OpensAnyByteNameCloseOnExec) {
   EXPECT_STREQ(buffer, "data");
   fclose(raw);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Device size.
-
-struct SDeviceRow {
-  const char* path;  // "@" for the tree's root, "@/..." below it
-  int err;           // 0: success with the size of the 5000-byte image
-  const char* message;
-};
-class FXFileDeviceSize : public ::testing::TestWithParam<SDeviceRow> {};
-
-TEST_P(FXFileDeviceSize, AnswersForEachKindOfPath) {
-  CTempTree tree;
-  tree.MakeFile("image", std::string(5000, 'z'));
-  tree.MakeSymlink("link", "image");
-  tree.MakeFifo("pipe");  // must not block
-  std::string path = GetParam().path;
-  if (!path.empty() && path[0] == '@') path = tree.Root() + path.substr(1);
-  uint64_t size = 7;
-  CQiError error = FXFile::GetDeviceSize(path, size);
-  EXPECT_TRUE(GetParam().err ? error.IsErrNo(GetParam().err) : error.IsSuccess())
-      << error.AsString();
-  EXPECT_EQ(error.GetMessage(), Expand(GetParam().message, FXString::EscapeControl(path)));
-  EXPECT_EQ(size, GetParam().err == 0 ? 5000u : 7u);
-}
-
-const char* const kNotBlock =
-    "Failed to get device size: not a block device or regular file, Path=@";
-INSTANTIATE_TEST_SUITE_P(
-    Table, FXFileDeviceSize,
-    ::testing::Values(SDeviceRow{"@/image", 0, ""}, SDeviceRow{"@/link", 0, ""},
-                      SDeviceRow{"/dev/null", ENOTBLK, kNotBlock},
-                      SDeviceRow{"@", ENOTBLK, kNotBlock}, SDeviceRow{"@/pipe", ENOTBLK, kNotBlock},
-                      SDeviceRow{"@/missing", ENOENT,
-                                 "Failed to get device size: stat failed, Path=@"},
-                      SDeviceRow{"", ENOENT, "Failed to get device size: empty path"}),
-    [](const ::testing::TestParamInfo<SDeviceRow>& info) { return std::to_string(info.index); });
 
 TEST(FXFileDeviceSizeBlock, MatchesTheKernelsSectorCount) {
   // Any block device of this machine that has a node in /dev and a size in sysfs.
