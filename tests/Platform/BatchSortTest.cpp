@@ -34,18 +34,24 @@ std::string Join(const std::vector<std::string>& lines, bool finalFeed = true) {
   return text;
 }
 
-std::string RandomBytesLines(size_t count, size_t maxLength, uint32_t seed) {
+// `count` lines, each the prefix and up to maxLength random bytes of the alphabet.
+std::string RandomLines(size_t count, uint32_t seed, const std::string& alphabet, size_t maxLength,
+                        const std::string& prefix = "") {
   std::mt19937 random(seed);
-  std::vector<std::string> lines;
+  std::string text;
   for (size_t i = 0; i < count; ++i) {
-    std::string line(random() % (maxLength + 1), '\0');
-    for (char& c : line) {
-      unsigned byte = random() % 255;  // 0x00..0xfe, then skip the line feed
-      c = static_cast<char>(byte >= '\n' ? byte + 1 : byte);
-    }
-    lines.push_back(line);
+    text += prefix;
+    for (size_t n = random() % (maxLength + 1); n > 0; --n)
+      text += alphabet[random() % alphabet.size()];
+    text += '\n';
   }
-  return Join(lines);
+  return text;
+}
+std::string AllBytesButLineFeed() {
+  std::string bytes;
+  for (int c = 0; c < 256; ++c)
+    if (c != '\n') bytes += static_cast<char>(c);
+  return bytes;
 }
 
 std::string PathLines(size_t count, uint32_t seed) {
@@ -76,39 +82,21 @@ std::string MakePrefixesAndNul() {
   return Join({std::string("a\0", 2), "a", std::string("a\0\0", 3), "ab", "", std::string("\0", 1),
                "a\x01", "\xff", std::string("a\0b", 3), "a", "", "\x7f", "\x80"});
 }
-std::string MakeAllBytes() { return RandomBytesLines(20000, 40, 7); }
+std::string MakeAllBytes() { return RandomLines(20000, 7, AllBytesButLineFeed(), 40); }
+// Lines sharing a long run of x, some ending inside it, some with NUL bytes.
 std::string MakeSharedLongPrefixes() {
-  std::mt19937 random(11);
-  std::string prefix(300, 'x');
-  std::vector<std::string> lines;
-  for (int i = 0; i < 6000; ++i) {
-    std::string line = prefix;
-    line.resize(290 + random() % 20, 'x');  // some end inside the shared run of x
-    if (random() % 2) line += "/dir" + std::to_string(random() % 50);
-    if (random() % 3 == 0) line += std::string(random() % 3, '\0');
-    lines.push_back(line);
-  }
-  return Join(lines);
+  return RandomLines(6000, 11, std::string("xx/dir1\0", 8), 25, std::string(290, 'x'));
 }
 // Few distinct bytes, NUL among them, and short lines: many lines are prefixes of others or
 // differ from them only by a trailing NUL, deep into the radix passes.
 std::string MakeTinyAlphabet() {
-  std::mt19937 random(13);
-  const char alphabet[] = {'\0', '\x01', 'a', '\xff'};
-  std::vector<std::string> lines;
-  for (int i = 0; i < 120000; ++i) {
-    std::string line(random() % 13, '\0');
-    for (char& ch : line) ch = alphabet[random() % 4];
-    lines.push_back(line);
-  }
-  return Join(lines);
+  return RandomLines(120000, 13,
+                     std::string("\0\x01"
+                                 "a\xff",
+                                 4),
+                     12);
 }
-std::string MakeDuplicates() {
-  std::mt19937 random(5);
-  std::vector<std::string> lines;
-  for (int i = 0; i < 10000; ++i) lines.push_back("value-" + std::to_string(random() % 50));
-  return Join(lines);
-}
+std::string MakeDuplicates() { return RandomLines(10000, 5, "0123456789", 1, "value-"); }
 std::string MakePaths() { return PathLines(40000, 3); }
 std::string MakeManyPaths() { return PathLines(150000, 4); }
 std::string MakeLongLines() {
