@@ -336,21 +336,11 @@ TEST(FXFileListing, PermissionFailuresSeenByAnUnprivilegedUser) {
 TEST(FXFileListing, FolderBeyondPathMaxIsListedRelativeToItsParent) {
   CTempTree tree;
   const std::string component(250, 'd');
-  const int depth = PATH_MAX / 251 + 2;
-  int fd = open(tree.Root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  for (int i = 0; i < depth; ++i) {
-    ASSERT_EQ(mkdirat(fd, component.c_str(), 0755), 0);
-    int child = openat(fd, component.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    close(fd);
-    ASSERT_GE(child, 0);
-    fd = child;
-  }
-  int leafFd = openat(fd, "leaf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  ASSERT_EQ(write(leafFd, "abc", 3), 3);
-  close(leafFd);
-  close(fd);
-  std::string longPath = tree.Root();
-  for (int i = 0; i < depth; ++i) longPath += "/" + component;
+  const std::vector<std::string> chain = MakeFolderChain(
+      tree.Root(), PATH_MAX + 251, [&](int) { return component; }, "leaf", "abc");
+  ASSERT_FALSE(chain.empty());
+  const int depth = static_cast<int>(chain.size());
+  const std::string longPath = chain.back();
   ASSERT_GT(longPath.size(), static_cast<size_t>(PATH_MAX));
 
   // By its full path the folder is opened piece by piece, each piece shorter than PATH_MAX.

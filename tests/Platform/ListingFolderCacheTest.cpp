@@ -2,14 +2,9 @@
 // kept descriptor lists the same entries as by path, descriptors are never leaked (eviction,
 // CloseAll, the end of a scope), and threads without a scope keep nothing.
 #include <gtest/gtest.h>
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstring>
 
 #include <filesystem>
 #include <set>
@@ -20,6 +15,7 @@
 
 #include "Platform/FXFile.h"
 #include "Platform/ListingFolderCache.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -106,26 +102,10 @@ TEST_F(ListingFolderCacheTest, SubFoldersListTheSameThroughTheCacheAndNothingLea
 class ListingFolderCacheLongPathTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string strPath = m_tree.MakeDir("long");  // each level: "file" and the next level
-    int fd = open(strPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    for (int i = 0; strPath.size() <= 2 * PATH_MAX; ++i) {
-      const std::string strName = std::string("L").append(std::to_string(i)).append("_").append(200, 'n');
-      ASSERT_EQ(mkdirat(fd, strName.c_str(), 0755), 0) << strerror(errno);
-      const int fdFile = openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-      ASSERT_GE(fdFile, 0);
-      close(fdFile);
-      const int fdNext = openat(fd, strName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-      close(fd);
-      ASSERT_GE(fdNext, 0);
-      fd = fdNext;
-      strPath += "/" + strName;
-      m_lstLevels.push_back(strPath);
-    }
-    const int fdFile = openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    close(fd);
-    ASSERT_GE(fdFile, 0);
-    close(fdFile);
+    m_lstLevels = MakeFolderChain(
+        m_tree.MakeDir("long"), 2 * PATH_MAX,
+        [](int i) { return "L" + std::to_string(i) + "_" + std::string(200, 'n'); }, "file");
+    ASSERT_FALSE(m_lstLevels.empty());
   }
   CTempTree m_tree;
   std::vector<std::string> m_lstLevels;  // the chain's folders, from the top
