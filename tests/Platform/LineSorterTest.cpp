@@ -10,51 +10,37 @@
 
 namespace {
 
-enum class EShape { TinyAlphabetWithNul, AllBytes, Paths, AllEqual, LongSharedPrefix };
-
+// Shapes of input: 't' a tiny alphabet with NUL, 'b' all bytes, 'p' paths, 'e' all lines equal,
+// 's' a long shared prefix followed by NUL and a few letters.
 struct SSorterCase {
   const char* name;
-  EShape shape;
+  char shape;
   size_t count;
   unsigned threads;
   bool keysLoaded;
 };
 void PrintTo(const SSorterCase& c, std::ostream* os) { *os << c.name; }
 
-std::vector<std::string> MakeLines(EShape shape, size_t count, uint32_t seed) {
-  std::mt19937 random(seed);
-  std::vector<std::string> lines;
-  lines.reserve(count);
-  for (size_t i = 0; i < count; ++i) {
-    std::string line;
-    switch (shape) {
-      case EShape::TinyAlphabetWithNul: {
-        const char alphabet[] = {'\0', '\x01', 'b', '\xff'};
-        line.resize(random() % 14);
-        for (char& ch : line) ch = alphabet[random() % 4];
-        break;
-      }
-      case EShape::AllBytes:
-        line.resize(random() % 30);
-        for (char& ch : line) ch = static_cast<char>(random() % 256);
-        break;
-      case EShape::Paths:
-        line = "/data/proj" + std::to_string(random() % 30) + "/dir" + std::to_string(random() % 300) +
-               "/file_" + std::to_string(random() % 100000) + ".txt";
-        break;
-      case EShape::AllEqual:
-        line = "same line";
-        break;
-      case EShape::LongSharedPrefix: {
-        line.assign(100 + random() % 3, 'p');
-        line.resize(line.size() + random() % 10, '\0');
-        for (size_t j = 100; j < line.size(); ++j)
-          if (random() % 2) line[j] = static_cast<char>('a' + random() % 2);
-        break;
-      }
-    }
-    lines.push_back(line);
-  }
+std::vector<std::string> MakeLines(char shape, size_t count) {
+  std::string bytes;
+  for (int c = 0; c < 256; ++c) bytes += static_cast<char>(c);
+  const std::string alphabet = shape == 't' ? std::string(
+                                                  "\0\x01"
+                                                  "b\xff",
+                                                  4)
+                               : shape == 'b' ? bytes
+                               : shape == 's' ? std::string("\0ab", 3)
+                                              : "0123456789/";
+  const std::string prefix = shape == 's'   ? std::string(100, 'p')
+                             : shape == 'e' ? "same line"
+                             : shape == 'p' ? "/data/proj"
+                                            : "";
+  const size_t maxLength = shape == 'e' ? 0 : shape == 'b' ? 29 : shape == 'p' ? 24 : 13;
+  std::mt19937 random(17);
+  std::vector<std::string> lines(count, prefix);
+  for (std::string& line : lines)
+    for (size_t n = random() % (maxLength + 1); n > 0; --n)
+      line += alphabet[random() % alphabet.size()];
   return lines;
 }
 
@@ -62,7 +48,7 @@ class LineSorterOrder : public ::testing::TestWithParam<SSorterCase> {};
 
 TEST_P(LineSorterOrder, EqualsTheOrderOfStdSortOnByteStrings) {
   const SSorterCase& c = GetParam();
-  std::vector<std::string> lines = MakeLines(c.shape, c.count, 17);
+  std::vector<std::string> lines = MakeLines(c.shape, c.count);
   std::vector<SLineRef> refs;
   for (const std::string& line : lines) {
     SLineRef ref{0, line.data(), line.size()};
@@ -82,20 +68,19 @@ TEST_P(LineSorterOrder, EqualsTheOrderOfStdSortOnByteStrings) {
 
 INSTANTIATE_TEST_SUITE_P(
     Shapes, LineSorterOrder,
-    ::testing::Values(
-        SSorterCase{"Nothing", EShape::Paths, 0, 1, false},
-        SSorterCase{"OneLine", EShape::Paths, 1, 2, false},
-        SSorterCase{"TwoLines", EShape::TinyAlphabetWithNul, 2, 1, false},
-        SSorterCase{"SmallTinyAlphabet", EShape::TinyAlphabetWithNul, 100, 1, false},
-        SSorterCase{"RadixTinyAlphabet", EShape::TinyAlphabetWithNul, 20000, 1, true},
-        SSorterCase{"ParallelTinyAlphabet", EShape::TinyAlphabetWithNul, 200000, 2, false},
-        SSorterCase{"RadixAllBytes", EShape::AllBytes, 20000, 1, false},
-        SSorterCase{"ParallelAllBytes", EShape::AllBytes, 200000, 2, true},
-        SSorterCase{"ParallelPaths", EShape::Paths, 200000, 2, true},
-        SSorterCase{"ThreeThreadsPaths", EShape::Paths, 100000, 3, false},
-        SSorterCase{"AllEqualParallel", EShape::AllEqual, 100000, 2, false},
-        SSorterCase{"LongSharedPrefix", EShape::LongSharedPrefix, 30000, 1, false},
-        SSorterCase{"LongSharedPrefixParallel", EShape::LongSharedPrefix, 150000, 2, true}),
+    ::testing::Values(SSorterCase{"Nothing", 'p', 0, 1, false},
+                      SSorterCase{"OneLine", 'p', 1, 2, false},
+                      SSorterCase{"TwoLines", 't', 2, 1, false},
+                      SSorterCase{"SmallTinyAlphabet", 't', 100, 1, false},
+                      SSorterCase{"RadixTinyAlphabet", 't', 20000, 1, true},
+                      SSorterCase{"ParallelTinyAlphabet", 't', 200000, 2, false},
+                      SSorterCase{"RadixAllBytes", 'b', 20000, 1, false},
+                      SSorterCase{"ParallelAllBytes", 'b', 200000, 2, true},
+                      SSorterCase{"ParallelPaths", 'p', 200000, 2, true},
+                      SSorterCase{"ThreeThreadsPaths", 'p', 100000, 3, false},
+                      SSorterCase{"AllEqualParallel", 'e', 100000, 2, false},
+                      SSorterCase{"LongSharedPrefix", 's', 30000, 1, false},
+                      SSorterCase{"LongSharedPrefixParallel", 's', 150000, 2, true}),
     [](const ::testing::TestParamInfo<SSorterCase>& info) { return info.param.name; });
 
 TEST(LineSorter, ChainOfPrefixesDoesNotRecurseDeeply) {
