@@ -97,21 +97,19 @@ TEST(PrefixContentMapper, MappingsAreRefusedWhenAmbiguousOrInvalid) {
 TEST(PrefixContentMapper, ConvertsWhileMappingsAreAdded) {
   CPrefixContentMapper mapper;
   ASSERT_TRUE(mapper.AddMapping("/base", "/mnt/base").IsSuccess());
-  std::atomic<bool> stop{false};
   std::atomic<int> failures{0};
-  std::vector<std::thread> readers;
-  for (int t = 0; t < 3; ++t)
-    readers.emplace_back([&] {
-      while (!stop.load()) {
+  WhileReading(
+      3,
+      [&](int) {
         std::string out;
         if (mapper.MakeProxyPathFromHostPath("/base/f", out).IsError() || out != "/mnt/base/f")
           ++failures;
-      }
-    });
-  for (int i = 0; i < 200; ++i)
-    ASSERT_TRUE(mapper.AddMapping("/h" + std::to_string(i), "/p" + std::to_string(i)).IsSuccess());
-  stop = true;
-  for (auto& t : readers) t.join();
+      },
+      [&] {
+        for (int i = 0; i < 200; ++i)
+          ASSERT_TRUE(
+              mapper.AddMapping("/h" + std::to_string(i), "/p" + std::to_string(i)).IsSuccess());
+      });
   EXPECT_EQ(failures.load(), 0);
   std::string out;
   ASSERT_TRUE(mapper.MakeHostPathFromProxyPath("/p199/x", out).IsSuccess());

@@ -15,6 +15,7 @@
 #include "Platform/FilterTerm.h"
 #include "Platform/FilterTermTestString.h"
 #include "Platform/MemoryLineWriter.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -450,21 +451,16 @@ TEST(FilterSet, ConcurrentReadersAgreeWithOneReader) {
   EXPECT_EQ(std::vector<std::string>(expected.begin(), expected.begin() + 5),
             (std::vector<std::string>{"ip-", "---", "---", "---", "ip-"}));
 
-  constexpr int kThreads = 8;
-  std::latch start(kThreads);
-  std::vector<int> mismatches(kThreads, 0);
-  std::vector<std::thread> threads;
-  for (int n = 0; n < kThreads; ++n) {
-    threads.emplace_back([&, n] {
-      start.arrive_and_wait();
-      for (size_t i = 0; i < 4 * paths.size(); ++i) {
-        const size_t k = (i + static_cast<size_t>(n) * 97) % paths.size();
-        if (answers(paths[k]) != expected[k]) ++mismatches[n];
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ(mismatches, std::vector<int>(kThreads, 0));
+  std::latch start(8);
+  std::vector<int> mismatches(8, 0);
+  RunOnThreads(8, [&](int n) {
+    start.arrive_and_wait();
+    for (size_t i = 0; i < 4 * paths.size(); ++i) {
+      const size_t k = (i + static_cast<size_t>(n) * 97) % paths.size();
+      if (answers(paths[k]) != expected[k]) ++mismatches[n];
+    }
+  });
+  EXPECT_EQ(mismatches, std::vector<int>(8, 0));
 }
 
 // ---------------------------------------------------------------------------------------------

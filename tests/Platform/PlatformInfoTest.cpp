@@ -190,21 +190,18 @@ TEST(PlatformInfo, ProcessInstanceFollowsTheEnvironmentAndReloads) {
   EXPECT_EQ(timeout, 25u);
 
   // Readers run while the file changes and is reloaded; each sees the old or the new value.
-  std::atomic<bool> stop{false};
   std::atomic<int> odd{0};
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 3; ++i)
-    readers.emplace_back([&] {
-      while (!stop.load()) {
+  WhileReading(
+      3,
+      [&](int) {
         unsigned v = 20;
         CQiError e = info.GetValue(kSection, "nGlusterTimeout", v);
         if (e.IsError() || (v != 25 && v != 40)) ++odd;
-      }
-    });
-  tree.MakeFile("agent.ini", "[FileSystemAgent]\nnGlusterTimeout=40\n");
-  for (int i = 0; i < 20; ++i) ASSERT_TRUE(info.Reload().IsSuccess());
-  stop = true;
-  for (auto& t : readers) t.join();
+      },
+      [&] {
+        tree.MakeFile("agent.ini", "[FileSystemAgent]\nnGlusterTimeout=40\n");
+        for (int i = 0; i < 20; ++i) ASSERT_TRUE(info.Reload().IsSuccess());
+      });
   EXPECT_EQ(odd.load(), 0);
   ASSERT_TRUE(info.GetValue(kSection, "nGlusterTimeout", timeout).IsSuccess());
   EXPECT_EQ(timeout, 40u);

@@ -8,6 +8,7 @@
 #include "Platform/LogEventSink.h"
 #include "Platform/SendEventInterface.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
 
 namespace {
 
@@ -158,25 +159,18 @@ TEST_F(SendEventFixture, ConcurrentSendersAndSinkReplacement) {
   ISendEventInterface::SetProcessEventSink(sinks[0]);
 
   std::atomic<int> failures{0};
-  std::atomic<bool> done{false};
-  std::thread swapper([&] {
-    for (size_t i = 0; !done.load(); ++i) {
-      ISendEventInterface::SetProcessEventSink(sinks[i % sinks.size()]);
-      std::this_thread::yield();
-    }
-  });
-  std::vector<std::thread> senders;
-  for (int t = 0; t < kThreads; ++t) {
-    senders.emplace_back([&, t] {
-      for (int i = 0; i < kEventsPerThread; ++i) {
+  size_t swaps = 0;
+  auto swap = [&](int) {
+    ISendEventInterface::SetProcessEventSink(sinks[++swaps % sinks.size()]);
+    std::this_thread::yield();
+  };
+  WhileReading(1, swap, [&] {
+    RunOnThreads(kThreads, [&](int t) {
+      for (int i = 0; i < kEventsPerThread; ++i)
         if (ISendEventInterface::SendEventMessage(QI_ERROR_EVENT(0x11000002), {t, i}).IsError())
           ++failures;
-      }
     });
-  }
-  for (std::thread& s : senders) s.join();
-  done = true;
-  swapper.join();
+  });
 
   EXPECT_EQ(failures.load(), 0);
   size_t total = 0;

@@ -14,6 +14,7 @@
 #include "Platform/MountPathInfo.h"
 #include "Platform/StaleMountDetector.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -177,18 +178,15 @@ TEST_F(StaleMounts, FirstQueryRefreshesFromTheMountTable) {
 }
 
 TEST_F(StaleMounts, ConcurrentQueriesDuringARefresh) {
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 3; ++i)
-    readers.emplace_back([&] {
-      while (!stop.load()) {
+  WhileReading(
+      3,
+      [&](int) {
         (void)m_detector.CheckInStaleFSList("/mnt/stale/x");
         (void)m_detector.GetStaleFSList();
-      }
-    });
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(m_detector.Refresh(Parse(kTable)).IsSuccess());
-  stop = true;
-  for (auto& t : readers) t.join();
+      },
+      [&] {
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(m_detector.Refresh(Parse(kTable)).IsSuccess());
+      });
   EXPECT_TRUE(m_detector.CheckInStaleFSList("/mnt/stale/x"));
 }
 

@@ -11,6 +11,7 @@
 #include "Platform/FXEvent.h"
 #include "Platform/ZrThreadPool.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
 
 namespace {
 constexpr uint32_t kSafetyMs = 30000;
@@ -247,15 +248,11 @@ TEST_F(ThreadPoolTest, ConcurrentQueueingFromSeveralThreads) {
   ZrThreadPool pool;
   ASSERT_EQ(pool.Initialize("busy", 1000, 2, 4, 2), 1);
   std::atomic<int> iRan{0};
-  std::vector<std::thread> lstProducers;
-  for (int p = 0; p < 3; ++p)
-    lstProducers.emplace_back([&] {
-      for (int i = 0; i < 200; ++i)
-        while (pool.QueueJob([&] { return ++iRan, 0; }) == ZrThreadPool::kInvalidJob) {
-          std::this_thread::yield();  // queue full for a moment: try again
-        }
-    });
-  for (auto& t : lstProducers) t.join();
+  RunOnThreads(3, [&](int) {
+    for (int i = 0; i < 200; ++i)
+      while (pool.QueueJob([&] { return ++iRan, 0; }) == ZrThreadPool::kInvalidJob)
+        std::this_thread::yield();  // queue full for a moment: try again
+  });
   ASSERT_EQ(pool.WaitForAll(true, false, true, -1), 1);
   EXPECT_EQ(iRan.load(), 600);
   EXPECT_LE(pool.GetThreadCount(), 4);

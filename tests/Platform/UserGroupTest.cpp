@@ -13,6 +13,7 @@
 #include "Platform/ZrGrEnt.h"
 #include "Platform/ZrPwEnt.h"
 #include "Support/FileText.h"
+#include "Support/PlatformTestSupport.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -46,29 +47,20 @@ TEST(UserGroup, ManyThreadsAtOnce) {
   }
   EXPECT_EQ(users[0] + "," + groups[0] + "," + users[8] + "," + groups[9], "root,root,,");
   std::atomic<int> mismatches{0};
-  std::atomic<bool> done{false};
-  std::thread clearer([&] {
-    while (!done.load()) {
-      ZrPwEnt::ClearCache();
-      ZrGrEnt::ClearCache();
-      std::this_thread::yield();
-    }
-  });
-  std::vector<std::thread> workers;
-  for (int t = 0; t < 8; ++t) {
-    workers.emplace_back([&, t] {
-      for (int round = 0; round < 300; ++round) {
-        for (size_t i = 0; i < ids.size(); ++i) {
-          size_t k = (i + static_cast<size_t>(t)) % ids.size();
-          if (ZrPwEnt::GetUserName(ids[k]) != users[k]) ++mismatches;
-          if (ZrGrEnt::GetGroupName(ids[k]) != groups[k]) ++mismatches;
-        }
+  auto clear = [](int) {
+    ZrPwEnt::ClearCache();
+    ZrGrEnt::ClearCache();
+    std::this_thread::yield();
+  };
+  WhileReading(1, clear, [&] {
+    RunOnThreads(8, [&](int t) {
+      for (size_t i = 0; i < 300 * ids.size(); ++i) {
+        const size_t k = (i + static_cast<size_t>(t)) % ids.size();
+        if (ZrPwEnt::GetUserName(ids[k]) != users[k]) ++mismatches;
+        if (ZrGrEnt::GetGroupName(ids[k]) != groups[k]) ++mismatches;
       }
     });
-  }
-  for (std::thread& w : workers) w.join();
-  done = true;
-  clearer.join();
+  });
   EXPECT_EQ(mismatches.load(), 0);
 }
 

@@ -333,22 +333,16 @@ TEST(ZrProcess, ChildInheritsNoDescriptorAboveStandardError) {
 }
 
 TEST(ZrProcess, DistinctObjectsRunFromManyThreadsAtOnce) {
-  constexpr int kThreads = 6;
-  constexpr int kRuns = 15;
   std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t, &failures] {
-      for (int r = 0; r < kRuns; ++r) {
-        ZrProcess process;
-        std::string expected = std::to_string(t) + "-" + std::to_string(r);
-        if (process.Start("echo " + expected + "; echo " + expected + " >&2").IsError() ||
-            process.WaitForExit(60000).IsError() || process.GetStdout() != expected + "\n" ||
-            process.GetStderr() != expected + "\n" || process.GetExitCode() != 0)
-          ++failures;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  RunOnThreads(6, [&](int t) {
+    for (int r = 0; r < 15; ++r) {
+      ZrProcess process;
+      std::string expected = std::to_string(t) + "-" + std::to_string(r);
+      if (process.Start("echo " + expected + "; echo " + expected + " >&2").IsError() ||
+          process.WaitForExit(60000).IsError() || process.GetStdout() != expected + "\n" ||
+          process.GetStderr() != expected + "\n" || process.GetExitCode() != 0)
+        ++failures;
+    }
+  });
   EXPECT_EQ(failures.load(), 0);
 }

@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Platform/QiError.h"
@@ -71,4 +73,27 @@ inline std::vector<std::string> MakeFolderChain(const std::string& top, size_t l
   }
   if (fd >= 0) close(fd);
   return {};
+}
+
+// Runs body(i) for i = 0..count-1, each on a thread of its own, all at once; returns when all
+// have ended.
+inline void RunOnThreads(int count, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
+  for (std::thread& thread : threads) thread.join();
+}
+
+// Runs reader(i) over and over on `count` threads while `work` runs on the calling thread;
+// returns when work has ended and the readers have stopped.
+inline void WhileReading(int count, const std::function<void(int)>& reader,
+                         const std::function<void()>& work) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i)
+    threads.emplace_back([&, i] {
+      while (!stop.load()) reader(i);
+    });
+  work();
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
 }
