@@ -6,24 +6,20 @@
 
 #include "Platform/FXCriticalSection.h"
 #include "Platform/FXMutex.h"
+#include "Support/PlatformTestSupport.h"
 
 namespace {
 // Several threads add to a plain counter under the lock; any lost update shows as a wrong sum
 // (and as a race under ThreadSanitizer).
 template <typename TLock, typename TGuard>
 long CountUnder(TLock& lock) {
-  constexpr int kThreads = 4;
-  constexpr int kAdds = 20000;
   long lCounter = 0;
-  std::vector<std::thread> lstThreads;
-  for (int i = 0; i < kThreads; ++i)
-    lstThreads.emplace_back([&] {
-      for (int n = 0; n < kAdds; ++n) {
-        TGuard guard(lock);
-        ++lCounter;
-      }
-    });
-  for (auto& t : lstThreads) t.join();
+  RunOnThreads(4, [&](int) {
+    for (int n = 0; n < 20000; ++n) {
+      TGuard guard(lock);
+      ++lCounter;
+    }
+  });
   return lCounter;
 }
 }  // namespace

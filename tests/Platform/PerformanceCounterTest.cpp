@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Platform/AutoTimeCounter.h"
@@ -12,6 +13,7 @@
 #include "Platform/ScanPerformanceCounter.h"
 #include "Platform/ScanPerformanceCounterSet.h"
 #include "Support/LogCapture.h"
+#include "Support/PlatformTestSupport.h"
 
 namespace {
 using EType = EScanPerfCounterType;
@@ -48,22 +50,17 @@ TEST(PerformanceCounterNamesTest, All29NamesAreDistinctAndFound) {
 }
 
 TEST_F(PerformanceCounterTest, CountersAccumulateFromManyThreads) {
-  constexpr int kThreads = 8;
-  constexpr int kAdds = 10000;
   CScanPerformanceCounter& counter = CScanPerformanceCounter::GetCounter(EType::TIME_STAT);
-  std::vector<std::thread> lstThreads;
-  for (int t = 0; t < kThreads; ++t)
-    lstThreads.emplace_back([&] {
-      for (int i = 0; i < kAdds; ++i) {
-        counter.Add(3);
-        CAutoTimeCounter timer(EType::TIME_PROCESS_ITEM);
-      }
-    });
-  for (auto& t : lstThreads) t.join();
-  EXPECT_EQ(counter.GetSamples(), uint64_t{kThreads} * kAdds);
-  EXPECT_EQ(counter.GetTotalNanoseconds(), uint64_t{3} * kThreads * kAdds);
-  EXPECT_EQ(CScanPerformanceCounter::GetCounter(EType::TIME_PROCESS_ITEM).GetSamples(),
-            uint64_t{kThreads} * kAdds);
+  RunOnThreads(8, [&](int) {
+    for (int i = 0; i < 10000; ++i) {
+      counter.Add(3);
+      CAutoTimeCounter timer(EType::TIME_PROCESS_ITEM);
+    }
+  });
+  EXPECT_EQ(
+      std::make_tuple(counter.GetSamples(), counter.GetTotalNanoseconds(),
+                      CScanPerformanceCounter::GetCounter(EType::TIME_PROCESS_ITEM).GetSamples()),
+      std::make_tuple(uint64_t{80000}, uint64_t{240000}, uint64_t{80000}));
 }
 
 TEST_F(PerformanceCounterTest, AutoTimeCounterAddsOneSampleOnce) {
