@@ -1,6 +1,8 @@
 // Volume unique ids and physical-media ids over a fake /sys and /dev tree.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <utility>
 
 #include "Platform/FXFolder.h"
 #include "Platform/FXString.h"
@@ -20,26 +22,35 @@ namespace {
 class CFakeKernelTree {
  public:
   CFakeKernelTree() {
-    Disk("pci0/block/sda", "8:0");
-    Partition("pci0/block/sda/sda1", "8:1");
-    Partition("pci0/block/sda/sda2", "8:2");
-    Disk("pci0/block/sdb", "8:16");
-    Partition("pci0/block/sdb/sdb1", "8:17");
-    Disk("pci0/block/sdc", "8:32");
-    Disk("pci0/block/sdd", "8:48");
-    Partition("pci0/block/sdd/sdd1", "8:49");
-    Disk("virtual/block/dm-0", "253:0");
-    Slave("virtual/block/dm-0", "sda2", "../../../../pci0/block/sda/sda2");
-    Disk("virtual/block/dm-1", "253:1");
-    Slave("virtual/block/dm-1", "dm-0", "../../dm-0");
-    Disk("virtual/block/md0", "9:0");
-    Slave("virtual/block/md0", "sdd1", "../../../../pci0/block/sdd/sdd1");
-    Slave("virtual/block/md0", "sdb1", "../../../../pci0/block/sdb/sdb1");
-    Disk("virtual/block/dm-2", "253:2");
-    Disk("virtual/block/dm-3", "253:3");
-    Slave("virtual/block/dm-2", "dm-3", "../../dm-3");
-    Slave("virtual/block/dm-3", "dm-2", "../../dm-2");
-
+    // Each device below sys/devices with its number; a partition is a device inside a disk's
+    // folder. Then each stacked device's slaves.
+    for (auto [device, number] : {std::pair{"pci0/block/sda", "8:0"},
+                                  {"pci0/block/sda/sda1", "8:1"},
+                                  {"pci0/block/sda/sda2", "8:2"},
+                                  {"pci0/block/sdb", "8:16"},
+                                  {"pci0/block/sdb/sdb1", "8:17"},
+                                  {"pci0/block/sdc", "8:32"},
+                                  {"pci0/block/sdd", "8:48"},
+                                  {"pci0/block/sdd/sdd1", "8:49"},
+                                  {"virtual/block/dm-0", "253:0"},
+                                  {"virtual/block/dm-1", "253:1"},
+                                  {"virtual/block/md0", "9:0"},
+                                  {"virtual/block/dm-2", "253:2"},
+                                  {"virtual/block/dm-3", "253:3"}}) {
+      const std::string path = device, name = path.substr(path.rfind('/') + 1);
+      m_tree.MakeFile("sys/devices/" + path + "/dev", number + std::string("\n"));
+      if (path.starts_with("pci0") && std::count(path.begin(), path.end(), '/') == 3)
+        m_tree.MakeFile("sys/devices/" + path + "/partition", "1\n");
+      m_tree.MakeSymlink("sys/dev/block/" + std::string(number), "../../devices/" + path);
+      m_tree.MakeSymlink("sys/class/block/" + name, "../../devices/" + path);
+    }
+    for (auto [slave, target] : {std::pair{"dm-0/slaves/sda2", "../../../../pci0/block/sda/sda2"},
+                                 {"dm-1/slaves/dm-0", "../../dm-0"},
+                                 {"md0/slaves/sdd1", "../../../../pci0/block/sdd/sdd1"},
+                                 {"md0/slaves/sdb1", "../../../../pci0/block/sdb/sdb1"},
+                                 {"dm-2/slaves/dm-3", "../../dm-3"},
+                                 {"dm-3/slaves/dm-2", "../../dm-2"}})
+      m_tree.MakeSymlink("sys/devices/virtual/block/" + std::string(slave), target);
     for (const char* node : {"sda1", "sda2", "dm-0", "dm-1"})
       m_tree.MakeFile(std::string("dev/") + node);
     m_tree.MakeSymlink("dev/disk/by-uuid/1111-aaaa", "../../sda1");
@@ -52,23 +63,6 @@ class CFakeKernelTree {
   CTempTree& Tree() { return m_tree; }
 
  private:
-  void Register(const std::string& device, const std::string& number) {
-    std::string name = device.substr(device.rfind('/') + 1);
-    m_tree.MakeSymlink("sys/dev/block/" + number, "../../devices/" + device);
-    m_tree.MakeSymlink("sys/class/block/" + name, "../../devices/" + device);
-  }
-  void Disk(const std::string& device, const std::string& number) {
-    m_tree.MakeFile("sys/devices/" + device + "/dev", number + "\n");
-    Register(device, number);
-  }
-  void Partition(const std::string& device, const std::string& number) {
-    Disk(device, number);
-    m_tree.MakeFile("sys/devices/" + device + "/partition", "1\n");
-  }
-  void Slave(const std::string& device, const std::string& slave, const std::string& target) {
-    m_tree.MakeSymlink("sys/devices/" + device + "/slaves/" + slave, target);
-  }
-
   CTempTree m_tree;
 };
 
