@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <latch>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "Platform/FXCriticalSection.h"
 #include "Platform/FXMutex.h"
@@ -14,7 +14,9 @@ namespace {
 template <typename TLock, typename TGuard>
 long CountUnder(TLock& lock) {
   long lCounter = 0;
+  std::latch start(4);  // all at once, so that they contend for the lock
   RunOnThreads(4, [&](int) {
+    start.arrive_and_wait();
     for (int n = 0; n < 20000; ++n) {
       TGuard guard(lock);
       ++lCounter;

@@ -93,11 +93,11 @@ TEST_F(PerformanceCounterTest, ThreadSetsAreSeparatePerThreadAndVolume) {
   mainData[EType::TIME_FINDFIRST].Add(7);
   mainHome[EType::TIME_FINDFIRST].Add(11, 2);
   // Per-thread timers do not touch the per-scan ones.
-  EXPECT_EQ(
-      std::make_tuple(mainData.Get(EType::TIME_FINDFIRST).GetTotalNanoseconds(),
-                      mainHome.Get(EType::TIME_FINDFIRST).GetSamples(),
-                      CScanPerformanceCounter::GetCounter(EType::TIME_FINDFIRST).GetSamples()),
-      std::make_tuple(uint64_t{7}, uint64_t{2}, uint64_t{0}));
+  EXPECT_EQ(std::make_tuple(mainData.Get(EType::TIME_FINDFIRST).GetTotalNanoseconds(),
+                            mainHome.Get(EType::TIME_FINDFIRST).GetSamples(),
+                            CScanPerformanceCounter::GetCounter(EType::TIME_FINDFIRST).GetSamples(),
+                            mainHome.GetThreadId()),
+            std::make_tuple(uint64_t{7}, uint64_t{2}, uint64_t{0}, static_cast<long>(gettid())));
 }
 
 TEST_F(PerformanceCounterTest, LogAllCountersWritesOneLinePerUsedTimerUntilReset) {
