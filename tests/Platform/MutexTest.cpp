@@ -20,6 +20,9 @@ long CountUnder(TLock& lock) {
     for (int n = 0; n < 20000; ++n) {
       TGuard guard(lock);
       ++lCounter;
+      // Now and then give the processor away while holding the lock: the others then find it
+      // taken even on a busy machine.
+      if (n % 1000 == 0) std::this_thread::yield();
     }
   });
   return lCounter;
