@@ -1,54 +1,50 @@
-// Test doubles shared by the traversal and FindFirst engine suites: an output
-// handler that records what it is given, a scanner callback that hands out that handler and a
-// failures file, and helpers for trees with awkward names.
+// Test doubles shared by the traversal and engine suites: an output handler that records what it
+// is given, a scanner callback that hands out that handler and a failures file, work units of
+// the root volume, and small helpers for expected listings written with tokens.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <atomic>
-#include <cstdio>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Platform/FXErrorUtil.h"
-#include "Platform/LogWriterInterface.h"
+#include "Scan/EnumerateFiles.h"
 #include "Scan/OutputHandler.h"
+#include "Scan/ScanEngine.h"
 #include "Scan/ScanFailureConsumer.h"
+#include "Scan/ScanPath.h"
 #include "Scan/ScannerCallback.h"
+#include "Scan/TraverseFolder2.h"
+#include "Scan/WorkUnit.h"
+#include "Support/FileText.h"
 #include "Support/LogCapture.h"
+#include "Support/TempTree.h"
 
 namespace TraversalTestSupport {
-
-// The shared log capture (tests/Support/LogCapture.h).
-using ::CLogCapture;
 
 // What an output handler was given: source path, size and mode of every item.
 struct SRecord {
   std::string strPath;
   uint64_t ullSize = 0;
   uint32_t uMode = 0;
-  bool operator<(const SRecord& other) const { return strPath < other.strPath; }
-  bool operator==(const SRecord& other) const {
-    return strPath == other.strPath && ullSize == other.ullSize && uMode == other.uMode;
-  }
+  auto Tie() const { return std::tie(strPath, ullSize, uMode); }
+  bool operator<(const SRecord& other) const { return Tie() < other.Tie(); }
+  bool operator==(const SRecord& other) const { return Tie() == other.Tie(); }
 };
 
 // Records every item; guards itself, since unlocked engines deliver from several workers.
 class CRecordingHandler : public COutputHandler {
  public:
-  CQiError Initialize() override {
-    ++m_iInitialized;
-    return CQiError();
-  }
-  CQiError Complete() override {
-    ++m_iCompleted;
-    return CQiError();
-  }
+  CQiError Initialize() override { return ++m_iInitialized, CQiError(); }
+  CQiError Complete() override { return ++m_iCompleted, CQiError(); }
   CQiError OnItem(CItemPtr pItem) override {
+    if (m_fnHook) m_fnHook(pItem);
     size_t nCount;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
@@ -70,12 +66,10 @@ class CRecordingHandler : public COutputHandler {
     return paths;
   }
 
-  std::atomic<int> m_iInitialized{0};
-  std::atomic<int> m_iCompleted{0};
-  // Called after each item with the number of items so far (on the delivering thread).
-  std::function<void(size_t)> m_fnOnItem;
-  // Non-zero: every item is recorded, then refused with this code.
-  uint32_t m_uFailCode = 0;
+  std::atomic<int> m_iInitialized{0}, m_iCompleted{0};
+  std::function<void(const CItemPtr&)> m_fnHook;  // sees each item before it is recorded
+  std::function<void(size_t)> m_fnOnItem;  // after each item, with the count so far
+  uint32_t m_uFailCode = 0;  // non-zero: every item is recorded, then refused with this code
 
  private:
   mutable std::mutex m_mutex;
@@ -85,11 +79,10 @@ class CRecordingHandler : public COutputHandler {
 // Hands out the recording handler and, when a file name is set, a failures file.
 class CTestCallback : public CScannerCallback {
  public:
-  CTestCallback() : m_pHandler(std::make_shared<CRecordingHandler>()) {
-    (void)SetScannerConfigurationBag(std::make_shared<CBag>());
-  }
-  CQiError GetOutputHandler(const std::string&, COutputHandlerPtr& pHandler) override {
+  CTestCallback() { (void)SetScannerConfigurationBag(std::make_shared<CBag>()); }
+  CQiError GetOutputHandler(const std::string& strName, COutputHandlerPtr& pHandler) override {
     ++m_iHandlerRequests;
+    m_vHandlerNames.push_back(strName);
     pHandler = m_pHandler;
     return CQiError();
   }
@@ -109,35 +102,101 @@ class CTestCallback : public CScannerCallback {
   }
   // The failures file's lines (after closing it).
   std::vector<std::string> FailureLines() {
-    std::vector<std::string> lines;
-    if (!m_pFailures) return lines;
+    if (!m_pFailures) return {};
     (void)m_pFailures->Close();
-    FILE* pFile = fopen(m_pFailures->GetFileName().c_str(), "r");
-    if (pFile == nullptr) return lines;
-    char* pLine = nullptr;
-    size_t nSize = 0;
-    ssize_t nRead;
-    while ((nRead = getline(&pLine, &nSize, pFile)) > 0) lines.emplace_back(pLine, nRead - 1);
-    free(pLine);
-    fclose(pFile);
-    return lines;
+    return ReadFileLines(m_pFailures->GetFileName());
   }
   template <typename T>
   void Set(const std::string& strKey, T value) {
     (void)GetScannerConfigurationBag()->Write(strKey, value);
   }
 
-  std::shared_ptr<CRecordingHandler> m_pHandler;
+  std::shared_ptr<CRecordingHandler> m_pHandler = std::make_shared<CRecordingHandler>();
   std::shared_ptr<CScanFailureConsumer> m_pFailures;
   std::atomic<int> m_iHandlerRequests{0};
+  std::vector<std::string> m_vHandlerNames;  // every handler asked for (one thread asks)
   std::mutex m_mutex;
   std::vector<std::string> m_vCompleted;
 };
 
-// A name that exercises every byte class the scan must carry unchanged.
+// Names that exercise every byte class the scan must carry unchanged.
 inline std::vector<std::string> AwkwardNames() {
   return {"with blank", "new\nline", "tab\there", std::string("bad\xff\xfeutf8"), "back\\slash",
           "colon:name", "*", "-dash"};
+}
+
+// Replaces tokens ("%R" and the like) by their values, in a text or in each text of a list.
+struct STokens {
+  std::vector<std::pair<std::string, std::string>> lstPairs;
+  std::string operator()(std::string strText) const {
+    for (const auto& [strKey, strValue] : lstPairs)
+      for (size_t pos = 0; (pos = strText.find(strKey, pos)) != std::string::npos; pos += strValue.size())
+        strText.replace(pos, strKey.size(), strValue);
+    return strText;
+  }
+  std::vector<std::string> operator()(const std::vector<std::string>& lstTexts) const {
+    std::vector<std::string> lstOut;
+    for (const std::string& strText : lstTexts) lstOut.push_back((*this)(strText));
+    return lstOut;
+  }
+};
+
+template <class TList>
+std::multiset<typename TList::value_type> Bag(const TList& list) {
+  return {list.begin(), list.end()};
+}
+
+// A work unit of a volume (the root volume by default) whose scan paths and content are lstPaths.
+inline CWorkUnitPtr MakeUnit(const std::vector<std::string>& lstPaths,
+                             const std::string& strVolume = "/") {
+  auto pUnit = std::make_shared<CWorkUnit>();
+  pUnit->SetLocalVolumeName(strVolume);
+  pUnit->SetSourceVolumeName(strVolume);
+  for (const std::string& strPath : lstPaths) {
+    pUnit->AddScanPath(std::make_shared<CScanPath>(strPath, strPath));
+    if (pUnit->AddScanContentItem(strPath).IsError()) return nullptr;
+  }
+  return pUnit;
+}
+
+// A folder traversal: the first generation (CEnumerateFiles under a plain engine) or the second
+// (CTraverseFolder2), with a number of workers.
+struct SKind {
+  const char* szName;
+  bool bSecondGeneration;
+  int iWorkers;
+};
+inline const SKind kKinds[] = {{"FirstGen1", false, 1}, {"FirstGen3", false, 3},
+                               {"SecondGen1", true, 1}, {"SecondGen2", true, 2}};
+
+struct STraverseOptions {
+  bool bTopLevel = false;
+  std::chrono::milliseconds stall{0};
+  CWorkUnitPtr pUnit = nullptr;  // the second generation's work unit (a plain one of "/" when null)
+};
+
+// One traversal of the roots, each reported under itself, by the given kind.
+inline CQiError Traverse(const SKind& kind, const std::shared_ptr<CTestCallback>& pCallback,
+                         const std::vector<std::string>& lstRoots, const STraverseOptions& options = {}) {
+  if (kind.bSecondGeneration) {
+    CTraverseFolder2 traversal(options.pUnit ? options.pUnit : MakeUnit({}), pCallback);
+    traversal.SetMaxWorkers(kind.iWorkers);
+    traversal.SetStallTimeout(options.stall);
+    traversal.SetProcessTopLevelContentItem(options.bTopLevel);
+    for (const std::string& strRoot : lstRoots) traversal.AddFolderToList(strRoot);
+    return traversal.Traverse();
+  }
+  CScanEngine engine;
+  (void)engine.SetScannerCallback(pCallback);
+  if (CQiError error = engine.OpenOutputHandler("vol"); error.IsError()) return error;
+  CEnumerateFiles traversal(&engine);
+  traversal.SetMaxWorkers(kind.iWorkers);
+  traversal.SetStallTimeout(options.stall);
+  traversal.SetProcessTopLevelContentItem(options.bTopLevel);
+  for (const std::string& strRoot : lstRoots) traversal.AddFolderToList(strRoot, strRoot);
+  CQiError error = traversal.Traverse();
+  (void)engine.CloseOutputHandler();
+  return error;
 }
 
 }  // namespace TraversalTestSupport

@@ -25,3 +25,12 @@ inline bool WriteFileText(const std::string& path, const std::string& text) {
   out << text;
   return static_cast<bool>(out.flush());
 }
+
+// The NUL-terminated fields of a text (as find -print0 writes them); a last unterminated one is
+// left out.
+inline std::vector<std::string> SplitNul(const std::string& text) {
+  std::vector<std::string> fields;
+  for (size_t start = 0, end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
+    fields.push_back(text.substr(start, end - start));
+  return fields;
+}
