@@ -1,12 +1,8 @@
-// Shared by the long path handler suites: a real folder tree whose full path is far longer
-// than PATH_MAX (made and removed relative to descriptors, since mkdir or unlink on its full
-// path fail with ENAMETOOLONG), small file helpers, and the fixture that takes the handler and
-// gives it back after each test.
+// A real folder tree whose full path is far longer than PATH_MAX, for the suites of the long
+// path handler and the path enumerator. It is made relative to descriptors, since mkdir on its
+// full path fails with ENAMETOOLONG; CTempTree removes it the same way.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,27 +11,25 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "Scan/LongPathHandler.h"
 #include "Support/TempTree.h"
 
 namespace LongPathTestSupport {
 
-
 inline constexpr int kLevels = 40;
-inline constexpr size_t kNameLength = 220;
 
+// "L07_nnn...": 220 bytes.
 inline std::string LevelName(int level) {
   char prefix[8];
   snprintf(prefix, sizeof(prefix), "L%02d_", level);
-  std::string name = prefix;
-  name.append(kNameLength - name.size(), 'n');
-  return name;
+  return prefix + std::string(220 - strlen(prefix), 'n');
 }
 
+// The identity of a file-system object.
 struct SId {
   dev_t dev = 0;
   ino_t ino = 0;
@@ -54,40 +48,24 @@ inline SId IdOfCwd() {
   return SId{st.st_dev, st.st_ino};
 }
 
+inline std::string Cwd() {
+  char buffer[PATH_MAX];
+  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string();
+}
+
 inline void WriteAt(int dirFd, const char* name, const std::string& content) {
-  int fd = openat(dirFd, name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) throw std::runtime_error(std::string("openat failed: ") + strerror(errno));
-  if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-    close(fd);
-    throw std::runtime_error("write failed");
-  }
-  close(fd);
+  const int fd = openat(dirFd, name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const bool bWritten = fd >= 0 && write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+  if (fd >= 0) close(fd);
+  if (!bWritten) throw std::runtime_error(std::string("writing failed: ") + name);
 }
 
 // Makes a folder below dirFd and returns an open descriptor of it.
 inline int MakeDirAt(int dirFd, const std::string& name) {
-  if (mkdirat(dirFd, name.c_str(), 0755) != 0 && errno != EEXIST) {
-    throw std::runtime_error(std::string("mkdirat failed: ") + strerror(errno));
-  }
-  int fd = openat(dirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error(std::string("openat dir failed: ") + strerror(errno));
+  if (mkdirat(dirFd, name.c_str(), 0755) != 0 && errno != EEXIST) throw std::runtime_error("mkdirat failed: " + name);
+  const int fd = openat(dirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error("openat failed: " + name);
   return fd;
-}
-
-inline size_t CountOpenFds() {
-  size_t count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return 0;
-  while (struct dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(dir);
-  return count;
-}
-
-inline std::string Cwd() {
-  char buffer[PATH_MAX];
-  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string();
 }
 
 // The deep tree:
@@ -106,36 +84,19 @@ class CDeepTree {
     m_vLevels.push_back(path);
     m_vIds.push_back(IdOfFd(fd));
     for (int level = 1; level <= kLevels; ++level) {
-      int child = MakeDirAt(fd, LevelName(level));
-      path.append("/").append(LevelName(level));
-      m_vLevels.push_back(path);
-      m_vIds.push_back(IdOfFd(child));
-      if (level == 20) {
-        int side = MakeDirAt(child, "side");
-        WriteAt(side, "side.txt", "side");
-        m_idSide = IdOfFd(side);
-        close(side);
-      }
-      if (level == kLevels - 1) {
-        int sibling = MakeDirAt(child, "sibling");
-        WriteAt(sibling, "sibling.txt", "sibling");
-        m_idSibling = IdOfFd(sibling);
-        close(sibling);
-      }
+      const int child = MakeDirAt(fd, LevelName(level));
       close(fd);
       fd = child;
+      m_vLevels.push_back(path += "/" + LevelName(level));
+      m_vIds.push_back(IdOfFd(fd));
+      if (level == 20) MakeFolderWithFile(fd, "side", "side");
+      if (level == kLevels - 1) MakeFolderWithFile(fd, "sibling", "sibling");
     }
     WriteAt(fd, "file1", "hello");
     WriteAt(fd, "file2", "0123456789");
     if (symlinkat("file1", fd, "link") != 0) throw std::runtime_error("symlinkat failed");
-    int sub = MakeDirAt(fd, "sub");
-    WriteAt(sub, "inner.txt", "inner");
-    m_idSub = IdOfFd(sub);
-    close(sub);
-    int subway = MakeDirAt(fd, "subway");
-    WriteAt(subway, "way.txt", "way");
-    m_idSubway = IdOfFd(subway);
-    close(subway);
+    MakeFolderWithFile(fd, "sub", "inner");
+    MakeFolderWithFile(fd, "subway", "way");
     close(fd);
   }
 
@@ -146,105 +107,22 @@ class CDeepTree {
   SId IdOfDeep() const { return m_vIds.back(); }
   std::string Side() const { return Level(20) + "/side"; }
   std::string Sibling() const { return Level(kLevels - 1) + "/sibling"; }
-  SId IdOfSide() const { return m_idSide; }
-  SId IdOfSibling() const { return m_idSibling; }
-  SId IdOfSub() const { return m_idSub; }
-  SId IdOfSubway() const { return m_idSubway; }
+  // The identity of the folder "side", "sibling", "sub" or "subway".
+  SId Id(const std::string& name) const { return m_mapIds.at(name); }
 
  private:
+  // Makes the folder name below dirFd with the file <file>.txt holding <file>.
+  void MakeFolderWithFile(int dirFd, const char* name, const std::string& file) {
+    const int fd = MakeDirAt(dirFd, name);
+    WriteAt(fd, (file + ".txt").c_str(), file);
+    m_mapIds[name] = IdOfFd(fd);
+    close(fd);
+  }
+
   CTempTree m_tree;
   std::vector<std::string> m_vLevels;  // [0] the root, [i] level i
   std::vector<SId> m_vIds;
-  SId m_idSide;
-  SId m_idSibling;
-  SId m_idSub;
-  SId m_idSubway;
+  std::map<std::string, SId> m_mapIds;
 };
-
-// Gives the handler back and clears the archive-index flag at the end of a test, so that
-// other tests start at the start directory with no handler.
-class CHandlerGuard {
- public:
-  ~CHandlerGuard() {
-    LongPathHandler::setIsArchiveIndex(false);
-    LongPathHandler::ReleaseHandler();
-  }
-};
-
-class LongPathHandlerTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    m_strStartCwd = Cwd();
-    m_pHandler = LongPathHandler::GetHandler();
-    ASSERT_NE(m_pHandler, nullptr);
-  }
-  void TearDown() override {
-    LongPathHandler::setIsArchiveIndex(false);
-    LongPathHandler::ReleaseHandler();
-    EXPECT_EQ(Cwd(), m_strStartCwd);
-  }
-
-  // The current path joined from the pieces on the stack.
-  static std::string JoinedPieces(const LongPathHandler& handler) {
-    std::string joined;
-    for (const LongPathHandler::WorkingPath& working : handler.GetWorkingPaths()) {
-      if (!joined.empty() && working.m_strPath.front() != '/') joined += '/';
-      joined += working.m_strPath;
-    }
-    return joined;
-  }
-
-  // Clears FD_CLOEXEC on every descriptor of the stack: a descriptor that is closed and opened
-  // again by the handler comes back with FD_CLOEXEC, so a cleared flag proves it was kept.
-  void MarkStack() {
-    for (const LongPathHandler::WorkingPath& working : m_pHandler->GetWorkingPaths()) {
-      ASSERT_EQ(fcntl(working.m_iFd, F_SETFD, 0), 0);
-    }
-  }
-  static bool IsMarked(int fd) { return fcntl(fd, F_GETFD) == 0; }
-
-  // The stack after a move to target keeps, untouched, exactly the steps of the old stack
-  // that lie on the way to the target; the steps after them are new.
-  void ExpectKeptSteps(const std::vector<LongPathHandler::WorkingPath>& before,
-                       const std::string& target, size_t expectedKept) {
-    const auto& after = m_pHandler->GetWorkingPaths();
-    size_t kept = 0;
-    std::string reached;
-    for (const LongPathHandler::WorkingPath& working : before) {
-      std::string next = reached.empty() ? working.m_strPath : reached + "/" + working.m_strPath;
-      if (target.compare(0, next.size(), next) != 0 ||
-          (target.size() > next.size() && target[next.size()] != '/')) {
-        break;
-      }
-      reached = next;
-      ++kept;
-    }
-    EXPECT_EQ(kept, expectedKept);
-    ASSERT_GE(after.size(), kept);
-    for (size_t i = 0; i < after.size(); ++i) {
-      if (i < kept) {
-        EXPECT_EQ(after[i].m_strPath, before[i].m_strPath) << "step " << i;
-        EXPECT_EQ(after[i].m_iFd, before[i].m_iFd) << "step " << i;
-        EXPECT_TRUE(IsMarked(after[i].m_iFd)) << "step " << i << " was closed and opened again";
-      } else {
-        EXPECT_FALSE(IsMarked(after[i].m_iFd)) << "step " << i << " should be new";
-      }
-    }
-    EXPECT_EQ(m_pHandler->GetCurrentPath(), target);
-    EXPECT_EQ(JoinedPieces(*m_pHandler), target);
-  }
-
-  CDeepTree m_deep;
-  LongPathHandler* m_pHandler = nullptr;
-  std::string m_strStartCwd;
-};
-
-inline std::string ReadAll(int fd) {
-  std::string content;
-  char buffer[256];
-  ssize_t n;
-  while ((n = read(fd, buffer, sizeof(buffer))) > 0) content.append(buffer, n);
-  return content;
-}
 
 }  // namespace LongPathTestSupport

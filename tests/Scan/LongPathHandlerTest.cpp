@@ -1,27 +1,106 @@
+// The long path handler on a real tree far deeper than PATH_MAX: every wrapper, the paths all of
+// them refuse, chdir_long and the steps it keeps, release, the owner thread, and the restore
+// side (folders made on the way down a long path).
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/statfs.h>
-#include <unistd.h>
 #include <utime.h>
 
-#include <cerrno>
-#include <climits>
-#include <cstring>
 #include <functional>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Scan/DeepTree.h"
 #include "Scan/LongPathHandler.h"
+#include "Support/LogCapture.h"
+#include "Support/RunAsNobody.h"
 
 namespace {
 
 using namespace LongPathTestSupport;
+using H = LongPathHandler;
+using D = CDeepTree;
+
+// Gives the handler back and clears the archive-index flag, so that the next user starts at the
+// start directory with no handler.
+struct CHandlerGuard {
+  ~CHandlerGuard() {
+    LongPathHandler::setIsArchiveIndex(false);
+    LongPathHandler::ReleaseHandler();
+  }
+};
+
+size_t CountOpenFds() {
+  size_t count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  while (struct dirent* entry = dir ? readdir(dir) : nullptr) count += entry->d_name[0] != '.';
+  if (dir) closedir(dir);
+  return count;
+}
+
+std::string ReadAll(int fd) {
+  std::string content;
+  char buffer[256];
+  for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) content.append(buffer, n);
+  return content;
+}
+
+// Takes the handler for a test and gives it back after it, checking that the process is back
+// at its start directory.
+class LongPathHandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(m_pHandler, nullptr); }
+  void TearDown() override {
+    LongPathHandler::setIsArchiveIndex(false);
+    LongPathHandler::ReleaseHandler();
+    EXPECT_EQ(Cwd(), m_strStartCwd);
+  }
+
+  // The current path joined from the pieces on the stack.
+  static std::string JoinedPieces(const LongPathHandler& handler) {
+    std::string joined;
+    for (const LongPathHandler::WorkingPath& working : handler.GetWorkingPaths())
+      joined += (!joined.empty() && working.m_strPath.front() != '/' ? "/" : "") + working.m_strPath;
+    return joined;
+  }
+
+  // Clears FD_CLOEXEC on every descriptor of the stack: a descriptor that is closed and opened
+  // again by the handler comes back with FD_CLOEXEC, so a cleared flag proves it was kept.
+  std::vector<LongPathHandler::WorkingPath> MarkStack() {
+    for (const LongPathHandler::WorkingPath& working : m_pHandler->GetWorkingPaths())
+      EXPECT_EQ(fcntl(working.m_iFd, F_SETFD, 0), 0);
+    return m_pHandler->GetWorkingPaths();
+  }
+
+  // The stack after a move to target keeps, untouched, exactly the steps of the old stack
+  // that lie on the way to the target; the steps after them are new.
+  void ExpectKeptSteps(const std::vector<LongPathHandler::WorkingPath>& before, const std::string& target,
+                       size_t expectedKept) {
+    const auto& after = m_pHandler->GetWorkingPaths();
+    size_t kept = 0;
+    for (std::string reached; kept < before.size(); ++kept) {
+      const std::string next = reached.empty() ? before[kept].m_strPath : reached + "/" + before[kept].m_strPath;
+      if (target.compare(0, next.size(), next) != 0 || (target.size() > next.size() && target[next.size()] != '/')) break;
+      reached = next;
+    }
+    EXPECT_EQ(kept, expectedKept);
+    ASSERT_GE(after.size(), kept);
+    for (size_t i = 0; i < after.size(); ++i) {
+      const bool bMarked = fcntl(after[i].m_iFd, F_GETFD) == 0;
+      EXPECT_EQ(bMarked, i < kept) << "step " << i << (i < kept ? " was opened again" : " should be new");
+      EXPECT_EQ(after[i].m_strPath + " " + std::to_string(after[i].m_iFd),
+                i < kept ? before[i].m_strPath + " " + std::to_string(before[i].m_iFd)
+                         : after[i].m_strPath + " " + std::to_string(after[i].m_iFd));
+    }
+    EXPECT_EQ(m_pHandler->GetCurrentPath(), target);
+    EXPECT_EQ(JoinedPieces(*m_pHandler), target);
+  }
+
+  const std::string m_strStartCwd = Cwd();
+  CDeepTree m_deep;
+  LongPathHandler* m_pHandler = LongPathHandler::GetHandler();
+};
 
 TEST_F(LongPathHandlerTest, DeepTreeIsBeyondTheOrdinaryCalls) {
   ASSERT_GT(m_deep.Deep().size(), 2u * PATH_MAX);
@@ -30,277 +109,178 @@ TEST_F(LongPathHandlerTest, DeepTreeIsBeyondTheOrdinaryCalls) {
   EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Every wrapper on the files of the deep folder.
+// ---- every wrapper on the files of the deep folder ----
 
 struct SWrapperCase {
   const char* name;
-  std::function<void(LongPathHandler&, const CDeepTree&)> body;
+  std::function<void(H&, const D&)> body;
 };
 
-void PrintTo(const SWrapperCase& c, std::ostream* os) { *os << c.name; }
-
-class LongPathWrapperTest : public LongPathHandlerTest,
-                            public ::testing::WithParamInterface<SWrapperCase> {};
+class LongPathWrapperTest : public LongPathHandlerTest, public ::testing::WithParamInterface<SWrapperCase> {};
 
 TEST_P(LongPathWrapperTest, WorksInTheDeepFolder) {
   GetParam().body(*m_pHandler, m_deep);
   // The working directory stays in the folder of the last path the wrapper was given.
-  if (!m_pHandler->GetCurrentPath().empty() && m_pHandler->GetCurrentPath() == m_deep.Deep()) {
+  if (m_pHandler->GetCurrentPath() == m_deep.Deep()) {
     EXPECT_EQ(IdOfCwd(), m_deep.IdOfDeep());
   }
 }
 
-std::string F(const CDeepTree& d, const char* name) { return d.Deep() + "/" + name; }
+std::string F(const D& d, const char* name) { return d.Deep() + "/" + name; }
+
+// The status of a path through the handler (lstat when bLink); when the call fails, st_size holds
+// the negated errno.
+struct stat Stat(H& h, const std::string& path, bool bLink = false) {
+  struct stat st {};
+  errno = 0;
+  if ((bLink ? h.lstat_long(path, &st) : h.stat_long(path, &st)) != 0) st.st_size = -errno;
+  return st;
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Table, LongPathWrapperTest,
     ::testing::Values(
-        SWrapperCase{"StatFile",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "file1"), &st), 0);
-                       EXPECT_TRUE(S_ISREG(st.st_mode));
-                       EXPECT_EQ(st.st_size, 5);
-                       EXPECT_EQ(h.GetCurrentPath(), d.Deep());
-                     }},
-        SWrapperCase{"StatFollowsLink",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "link"), &st), 0);
-                       EXPECT_TRUE(S_ISREG(st.st_mode));
-                     }},
-        SWrapperCase{"LstatLink",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       ASSERT_EQ(h.lstat_long(F(d, "link"), &st), 0);
-                       EXPECT_TRUE(S_ISLNK(st.st_mode));
-                     }},
-        SWrapperCase{"LstatFolderWithTrailingSlash",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       ASSERT_EQ(h.lstat_long(d.Deep() + "/", &st), 0);
-                       EXPECT_TRUE(S_ISDIR(st.st_mode));
-                       EXPECT_EQ((SId{st.st_dev, st.st_ino}), d.IdOfDeep());
-                       EXPECT_EQ(h.GetCurrentPath(), d.Level(kLevels - 1));
-                     }},
-        SWrapperCase{"OpenAndRead",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       int fd = h.open_long(F(d, "file1"), O_RDONLY | O_CLOEXEC);
-                       ASSERT_GE(fd, 0);
-                       EXPECT_EQ(ReadAll(fd), "hello");
-                       close(fd);
-                     }},
-        SWrapperCase{"OpenCreatesWithMode",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       int fd = h.open_long(F(d, "made"), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                                            0600);
-                       ASSERT_GE(fd, 0);
-                       close(fd);
-                       struct stat st {};
-                       ASSERT_EQ(h.lstat_long(F(d, "made"), &st), 0);
-                       EXPECT_EQ(st.st_mode & 0777, 0600u);
-                     }},
-        SWrapperCase{"Creat",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       int fd = h.creat_long(F(d, "created"), 0640);
-                       ASSERT_GE(fd, 0);
-                       EXPECT_EQ(write(fd, "abc", 3), 3);
-                       close(fd);
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "created"), &st), 0);
-                       EXPECT_EQ(st.st_size, 3);
-                     }},
-        SWrapperCase{"Truncate",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       ASSERT_EQ(h.truncate_long(F(d, "file2"), 3), 0);
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "file2"), &st), 0);
-                       EXPECT_EQ(st.st_size, 3);
-                     }},
-        SWrapperCase{"Fopen",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       FILE* file = h.fopen_long(F(d, "file1"), "re");
-                       ASSERT_NE(file, nullptr);
-                       char buffer[16] = {};
-                       EXPECT_EQ(fread(buffer, 1, sizeof(buffer) - 1, file), 5u);
-                       EXPECT_STREQ(buffer, "hello");
-                       fclose(file);
-                     }},
-        SWrapperCase{"Chmod",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       ASSERT_EQ(h.chmod_long(F(d, "file2"), 0604), 0);
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "file2"), &st), 0);
-                       EXPECT_EQ(st.st_mode & 0777, 0604u);
-                     }},
-        SWrapperCase{"ChownFollowsLink",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       if (geteuid() != 0) GTEST_SKIP() << "needs root";
-                       ASSERT_EQ(h.chown_long(F(d, "link"), 65534, 65534), 0);
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "file1"), &st), 0);
-                       EXPECT_EQ(st.st_uid, 65534u);
-                       ASSERT_EQ(h.lstat_long(F(d, "link"), &st), 0);
-                       EXPECT_EQ(st.st_uid, 0u);
-                     }},
-        SWrapperCase{"LchownChangesLink",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       if (geteuid() != 0) GTEST_SKIP() << "needs root";
-                       ASSERT_EQ(h.lchown_long(F(d, "link"), 65534, 65534), 0);
-                       struct stat st {};
-                       ASSERT_EQ(h.lstat_long(F(d, "link"), &st), 0);
-                       EXPECT_EQ(st.st_uid, 65534u);
-                       EXPECT_EQ(st.st_gid, 65534u);
-                       ASSERT_EQ(h.stat_long(F(d, "file1"), &st), 0);
-                       EXPECT_EQ(st.st_uid, 0u);
-                     }},
-        SWrapperCase{"Utime",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct utimbuf times {};
-                       times.actime = 1000000000;
-                       times.modtime = 1200000000;
-                       ASSERT_EQ(h.utime_long(F(d, "file1"), &times), 0);
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(F(d, "file1"), &st), 0);
-                       EXPECT_EQ(st.st_mtime, 1200000000);
-                       EXPECT_EQ(st.st_atime, 1000000000);
-                     }},
-        SWrapperCase{"Readlink",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       char buffer[64] = {};
-                       ASSERT_EQ(h.readlink_long(F(d, "link"), buffer, sizeof(buffer)), 5);
-                       EXPECT_EQ(std::string(buffer, 5), "file1");
-                       errno = 0;
-                       EXPECT_EQ(h.readlink_long(F(d, "file1"), buffer, sizeof(buffer)), -1);
-                       EXPECT_EQ(errno, EINVAL);
-                     }},
-        SWrapperCase{"Statfs",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct statfs deep {}, top {};
-                       ASSERT_EQ(h.statfs_long(F(d, "file1"), &deep), 0);
-                       ASSERT_EQ(statfs(d.Tree().Root().c_str(), &top), 0);
-                       EXPECT_EQ(deep.f_type, top.f_type);
-                       EXPECT_EQ(deep.f_bsize, top.f_bsize);
-                     }},
-        SWrapperCase{"Opendir",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       DIR* dir = h.opendir_long(d.Deep());
-                       ASSERT_NE(dir, nullptr);
-                       std::set<std::string> names;
-                       while (struct dirent* entry = readdir(dir)) names.insert(entry->d_name);
-                       closedir(dir);
-                       EXPECT_EQ(names, (std::set<std::string>{".", "..", "file1", "file2",
-                                                               "link", "sub", "subway"}));
-                       EXPECT_EQ(h.GetCurrentPath(), d.Level(kLevels - 1));
-                     }},
-        SWrapperCase{"NameThatIsNotUtf8",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       const std::string path = d.Deep() + "/bad\xff\xfe\x80name";
-                       int fd = h.open_long(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-                       ASSERT_GE(fd, 0);
-                       close(fd);
-                       struct stat st {};
-                       ASSERT_EQ(h.lstat_long(path, &st), 0);
-                       EXPECT_TRUE(S_ISREG(st.st_mode));
-                       DIR* dir = h.opendir_long(d.Deep());
-                       ASSERT_NE(dir, nullptr);
-                       bool bFound = false;
-                       while (struct dirent* entry = readdir(dir)) {
-                         bFound = bFound || std::string(entry->d_name) == "bad\xff\xfe\x80name";
-                       }
-                       closedir(dir);
-                       EXPECT_TRUE(bFound);
-                     }},
-        SWrapperCase{"MissingFile",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       errno = 0;
-                       EXPECT_EQ(h.stat_long(F(d, "missing"), &st), -1);
-                       EXPECT_EQ(errno, ENOENT);
-                       EXPECT_EQ(h.GetCurrentPath(), d.Deep());
-                     }},
-        SWrapperCase{"MissingFolderOnTheWay",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       errno = 0;
-                       EXPECT_EQ(h.stat_long(d.Level(30) + "/missing/x", &st), -1);
-                       EXPECT_EQ(errno, ENOENT);
-                       EXPECT_EQ(h.opendir_long(d.Level(30) + "/missing/x"), nullptr);
-                       EXPECT_EQ(errno, ENOENT);
-                     }},
-        SWrapperCase{"FileUsedAsFolder",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       errno = 0;
-                       EXPECT_EQ(h.lstat_long(F(d, "file1") + "/x", &st), -1);
-                       EXPECT_EQ(errno, ENOTDIR);
-                     }},
-        SWrapperCase{"NameLongerThanNameMax",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       errno = 0;
-                       EXPECT_EQ(h.stat_long(d.Deep() + "/" + std::string(300, 'x') + "/f", &st),
-                                 -1);
-                       EXPECT_EQ(errno, ENAMETOOLONG);
-                     }},
-        SWrapperCase{"ShortPathsToo",
-                     [](LongPathHandler& h, const CDeepTree& d) {
-                       struct stat st {};
-                       ASSERT_EQ(h.stat_long(d.Tree().Root() + "/top.txt", &st), 0);
-                       EXPECT_EQ(st.st_size, 3);
-                       EXPECT_EQ(h.GetDepth(), 1u);
-                       EXPECT_EQ(h.GetCurrentPath(), d.Tree().Root());
-                       ASSERT_EQ(h.stat_long("/", &st), 0);
-                       EXPECT_TRUE(S_ISDIR(st.st_mode));
-                       ASSERT_EQ(h.stat_long("/tmp", &st), 0);
-                       EXPECT_EQ(h.GetCurrentPath(), "/");
-                     }}),
-    [](const ::testing::TestParamInfo<SWrapperCase>& info) { return info.param.name; });
+        SWrapperCase{"StatFile", [](H& h, const D& d) {
+          const struct stat st = Stat(h, F(d, "file1"));
+          EXPECT_TRUE(S_ISREG(st.st_mode));
+          EXPECT_EQ(st.st_size, 5);
+          EXPECT_EQ(h.GetCurrentPath(), d.Deep());
+        }},
+        SWrapperCase{"StatFollowsLink", [](H& h, const D& d) { EXPECT_TRUE(S_ISREG(Stat(h, F(d, "link")).st_mode)); }},
+        SWrapperCase{"LstatLink", [](H& h, const D& d) { EXPECT_TRUE(S_ISLNK(Stat(h, F(d, "link"), true).st_mode)); }},
+        SWrapperCase{"LstatFolderWithTrailingSlash", [](H& h, const D& d) {
+          const struct stat st = Stat(h, d.Deep() + "/", true);
+          EXPECT_TRUE(S_ISDIR(st.st_mode));
+          EXPECT_EQ((SId{st.st_dev, st.st_ino}), d.IdOfDeep());
+          EXPECT_EQ(h.GetCurrentPath(), d.Level(kLevels - 1));
+        }},
+        SWrapperCase{"OpenAndRead", [](H& h, const D& d) {
+          const int fd = h.open_long(F(d, "file1"), O_RDONLY | O_CLOEXEC);
+          EXPECT_EQ(ReadAll(fd), "hello");
+          close(fd);
+        }},
+        SWrapperCase{"OpenCreatesWithMode", [](H& h, const D& d) {
+          close(h.open_long(F(d, "made"), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+          EXPECT_EQ(Stat(h, F(d, "made"), true).st_mode, S_IFREG | 0600u);
+        }},
+        SWrapperCase{"Creat", [](H& h, const D& d) {
+          const int fd = h.creat_long(F(d, "created"), 0640);
+          EXPECT_EQ(write(fd, "abc", 3), 3);
+          close(fd);
+          EXPECT_EQ(Stat(h, F(d, "created")).st_size, 3);
+        }},
+        SWrapperCase{"Truncate", [](H& h, const D& d) {
+          ASSERT_EQ(h.truncate_long(F(d, "file2"), 3), 0);
+          EXPECT_EQ(Stat(h, F(d, "file2")).st_size, 3);
+        }},
+        SWrapperCase{"Fopen", [](H& h, const D& d) {
+          FILE* file = h.fopen_long(F(d, "file1"), "re");
+          ASSERT_NE(file, nullptr);
+          char buffer[16] = {};
+          EXPECT_EQ(fread(buffer, 1, sizeof(buffer) - 1, file), 5u);
+          EXPECT_STREQ(buffer, "hello");
+          fclose(file);
+        }},
+        SWrapperCase{"Chmod", [](H& h, const D& d) {
+          ASSERT_EQ(h.chmod_long(F(d, "file2"), 0604), 0);
+          EXPECT_EQ(Stat(h, F(d, "file2")).st_mode, S_IFREG | 0604u);
+        }},
+        SWrapperCase{"ChownFollowsLink", [](H& h, const D& d) {
+          if (geteuid() != 0) GTEST_SKIP() << "needs root";
+          ASSERT_EQ(h.chown_long(F(d, "link"), 65534, 65534), 0);
+          EXPECT_EQ(Stat(h, F(d, "file1")).st_uid, 65534u);
+          EXPECT_EQ(Stat(h, F(d, "link"), true).st_uid, geteuid());
+        }},
+        SWrapperCase{"LchownChangesLink", [](H& h, const D& d) {
+          if (geteuid() != 0) GTEST_SKIP() << "needs root";
+          ASSERT_EQ(h.lchown_long(F(d, "link"), 65534, 65534), 0);
+          const struct stat st = Stat(h, F(d, "link"), true);
+          EXPECT_EQ(std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid), "65534:65534");
+          EXPECT_EQ(Stat(h, F(d, "file1")).st_uid, geteuid());
+        }},
+        SWrapperCase{"Utime", [](H& h, const D& d) {
+          struct utimbuf times {1000000000, 1200000000};
+          ASSERT_EQ(h.utime_long(F(d, "file1"), &times), 0);
+          const struct stat st = Stat(h, F(d, "file1"));
+          EXPECT_EQ(std::to_string(st.st_atime) + " " + std::to_string(st.st_mtime), "1000000000 1200000000");
+        }},
+        SWrapperCase{"Readlink", [](H& h, const D& d) {
+          char buffer[64] = {};
+          ASSERT_EQ(h.readlink_long(F(d, "link"), buffer, sizeof(buffer)), 5);
+          EXPECT_EQ(std::string(buffer, 5), "file1");
+          EXPECT_EQ(h.readlink_long(F(d, "file1"), buffer, sizeof(buffer)), -1);
+          EXPECT_EQ(errno, EINVAL);
+        }},
+        SWrapperCase{"Statfs", [](H& h, const D& d) {
+          struct statfs deep {}, top {};
+          ASSERT_EQ(h.statfs_long(F(d, "file1"), &deep), 0);
+          ASSERT_EQ(statfs(d.Tree().Root().c_str(), &top), 0);
+          EXPECT_EQ(deep.f_type, top.f_type);
+          EXPECT_EQ(deep.f_bsize, top.f_bsize);
+        }},
+        // Opendir, and a name that is not UTF-8 made and found again.
+        SWrapperCase{"OpendirAndNameThatIsNotUtf8", [](H& h, const D& d) {
+          close(h.open_long(F(d, "bad\xff\xfe\x80name"), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+          EXPECT_TRUE(S_ISREG(Stat(h, F(d, "bad\xff\xfe\x80name"), true).st_mode));
+          DIR* dir = h.opendir_long(d.Deep());
+          ASSERT_NE(dir, nullptr);
+          std::set<std::string> names;
+          while (struct dirent* entry = readdir(dir)) names.insert(entry->d_name);
+          closedir(dir);
+          EXPECT_EQ(names, (std::set<std::string>{".", "..", "bad\xff\xfe\x80name", "file1", "file2", "link", "sub", "subway"}));
+          EXPECT_EQ(h.GetCurrentPath(), d.Level(kLevels - 1));
+        }},
+        SWrapperCase{"MissingFile", [](H& h, const D& d) {
+          EXPECT_EQ(Stat(h, F(d, "missing")).st_size, -ENOENT);
+          EXPECT_EQ(h.GetCurrentPath(), d.Deep());
+        }},
+        SWrapperCase{"MissingFolderOnTheWay", [](H& h, const D& d) {
+          EXPECT_EQ(Stat(h, d.Level(30) + "/missing/x").st_size, -ENOENT);
+          EXPECT_EQ(h.opendir_long(d.Level(30) + "/missing/x"), nullptr);
+          EXPECT_EQ(errno, ENOENT);
+        }},
+        SWrapperCase{"FileUsedAsFolder", [](H& h, const D& d) {
+          EXPECT_EQ(Stat(h, F(d, "file1") + "/x", true).st_size, -ENOTDIR);
+        }},
+        SWrapperCase{"NameLongerThanNameMax", [](H& h, const D& d) {
+          EXPECT_EQ(Stat(h, d.Deep() + "/" + std::string(300, 'x') + "/f").st_size, -ENAMETOOLONG);
+        }},
+        SWrapperCase{"ShortPathsToo", [](H& h, const D& d) {
+          EXPECT_EQ(Stat(h, d.Tree().Root() + "/top.txt").st_size, 3);
+          EXPECT_EQ(h.GetDepth(), 1u);
+          EXPECT_EQ(h.GetCurrentPath(), d.Tree().Root());
+          EXPECT_TRUE(S_ISDIR(Stat(h, "/").st_mode));
+          EXPECT_TRUE(S_ISDIR(Stat(h, "/tmp").st_mode));
+          EXPECT_EQ(h.GetCurrentPath(), "/");
+        }}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-// ---------------------------------------------------------------------------------------------
-// Paths every wrapper refuses: -1 (or null) with errno set, the working directory unchanged.
+// ---- paths every wrapper refuses: -1 (or null) with errno set, the working directory unchanged ----
 
-struct SRefusedCase {
-  const char* name;
-  std::string path;
-  int expectedErrno;
-};
-
-void PrintTo(const SRefusedCase& c, std::ostream* os) { *os << c.name; }
-
-class LongPathRefusedTest : public LongPathHandlerTest,
-                            public ::testing::WithParamInterface<SRefusedCase> {};
+class LongPathRefusedTest : public LongPathHandlerTest, public ::testing::WithParamInterface<std::pair<std::string, int>> {};
 
 TEST_P(LongPathRefusedTest, FailsWithMinusOne) {
-  const SRefusedCase& c = GetParam();
-  struct stat st {};
-  errno = 0;
-  EXPECT_EQ(m_pHandler->stat_long(c.path, &st), -1);
-  EXPECT_EQ(errno, c.expectedErrno);
-  errno = 0;
-  EXPECT_EQ(m_pHandler->lstat_long(c.path, &st), -1);
-  EXPECT_EQ(errno, c.expectedErrno);
-  EXPECT_EQ(m_pHandler->open_long(c.path, O_RDONLY), -1);
-  EXPECT_EQ(m_pHandler->opendir_long(c.path), nullptr);
-  EXPECT_EQ(m_pHandler->fopen_long(c.path, "r"), nullptr);
+  const auto& [path, expectedErrno] = GetParam();
+  EXPECT_EQ(Stat(*m_pHandler, path).st_size, -expectedErrno);
+  EXPECT_EQ(Stat(*m_pHandler, path, true).st_size, -expectedErrno);
+  EXPECT_EQ(m_pHandler->open_long(path, O_RDONLY), -1);
+  EXPECT_EQ(m_pHandler->opendir_long(path), nullptr);
+  EXPECT_EQ(m_pHandler->fopen_long(path, "r"), nullptr);
   char buffer[16];
-  EXPECT_EQ(m_pHandler->readlink_long(c.path, buffer, sizeof(buffer)), -1);
+  EXPECT_EQ(m_pHandler->readlink_long(path, buffer, sizeof(buffer)), -1);
   EXPECT_EQ(m_pHandler->GetDepth(), 0u);
   EXPECT_EQ(Cwd(), m_strStartCwd);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, LongPathRefusedTest,
-    ::testing::Values(SRefusedCase{"NoSlash", "file1", EINVAL},
-                      SRefusedCase{"NoSlashTrailingSlashOnly", "folder/", EINVAL},
-                      SRefusedCase{"Empty", "", ENOENT},
-                      SRefusedCase{"NulByte", std::string("/tmp/a\0b/c", 10), EINVAL}),
-    [](const ::testing::TestParamInfo<SRefusedCase>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Table, LongPathRefusedTest,
+                         ::testing::Values(std::pair{std::string("file1"), EINVAL}, std::pair{std::string("folder/"), EINVAL},
+                                           std::pair{std::string(), ENOENT},
+                                           std::pair{std::string("/tmp/a\0b/c", 10), EINVAL}));
 
-// ---------------------------------------------------------------------------------------------
-// chdir_long itself: 0, -1 or the C library error number of the failed chdir.
+// ---- chdir_long and the steps it keeps ----
 
+// 0, -1 or the C library error number of the failed chdir; after failures the handler still
+// reaches the right folders.
 TEST_F(LongPathHandlerTest, ChdirLongResults) {
   EXPECT_EQ(m_pHandler->chdir_long(""), -1);
   EXPECT_EQ(m_pHandler->chdir_long(m_deep.Deep()), 0);
@@ -310,7 +290,6 @@ TEST_F(LongPathHandlerTest, ChdirLongResults) {
   // A name longer than the system takes in any piece.
   EXPECT_EQ(m_pHandler->chdir_long(m_deep.Deep() + "/" + std::string(300, 'x')), -1);
   EXPECT_EQ(errno, ENAMETOOLONG);
-  // After the failures the handler still reaches the right folders.
   EXPECT_EQ(m_pHandler->chdir_long(m_deep.Level(25)), 0);
   EXPECT_EQ(IdOfCwd(), m_deep.IdOfLevel(25));
   EXPECT_EQ(m_pHandler->chdir_long(m_deep.Deep() + "//"), 0);
@@ -321,111 +300,73 @@ TEST_F(LongPathHandlerTest, ChdirLongResults) {
 // A failure in the middle of a long path leaves the handler in the folder it reached, and the
 // next call starts from there correctly.
 TEST_F(LongPathHandlerTest, FailureHalfwayLeavesAUsableState) {
-  std::string broken = m_deep.Level(38) + "/missing/deeper";
+  const std::string broken = m_deep.Level(38) + "/missing/deeper";
   EXPECT_EQ(m_pHandler->chdir_long(broken), ENOENT);
   EXPECT_EQ(JoinedPieces(*m_pHandler), m_pHandler->GetCurrentPath());
-  if (!m_pHandler->GetCurrentPath().empty()) {
-    EXPECT_EQ(broken.compare(0, m_pHandler->GetCurrentPath().size(),
-                             m_pHandler->GetCurrentPath()),
-              0);
-  }
-  struct stat st {};
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/file1", &st), 0);
-  EXPECT_EQ(st.st_size, 5);
+  EXPECT_EQ(broken.compare(0, m_pHandler->GetCurrentPath().size(), m_pHandler->GetCurrentPath()), 0);
+  EXPECT_EQ(Stat(*m_pHandler, m_deep.Deep() + "/file1").st_size, 5);
   EXPECT_EQ(IdOfCwd(), m_deep.IdOfDeep());
 }
 
-// ---------------------------------------------------------------------------------------------
-// Steps: a long path is entered in pieces shorter than the limit, each can be climbed back to,
-// and nearby paths reuse the steps they share.
-
+// A long path is entered in as few pieces as the system allows, each shorter than the limit;
+// each step's descriptor is the folder the step before entered.
 TEST_F(LongPathHandlerTest, EntersInSeveralStepsEachBelowTheLimit) {
-  struct stat st {};
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/file1", &st), 0);
+  ASSERT_EQ(Stat(*m_pHandler, m_deep.Deep() + "/file1").st_size, 5);
   EXPECT_EQ(m_pHandler->GetCurrentPath(), m_deep.Deep());
   EXPECT_EQ(JoinedPieces(*m_pHandler), m_deep.Deep());
-  // Over 8,000 bytes: at least three pieces, each one a path the system accepts.
-  EXPECT_GE(m_pHandler->GetDepth(), 3u);
-  for (const LongPathHandler::WorkingPath& working : m_pHandler->GetWorkingPaths()) {
-    EXPECT_LT(working.m_strPath.size(), static_cast<size_t>(PATH_MAX));
-    EXPECT_GE(working.m_iFd, 0);
-  }
-  // As few pieces as the system allows: each piece and the first name of the next together
-  // would have been too long.
   const auto& steps = m_pHandler->GetWorkingPaths();
-  for (size_t i = 0; i + 1 < steps.size(); ++i) {
-    size_t firstName = steps[i + 1].m_strPath.find('/');
-    if (firstName == std::string::npos) firstName = steps[i + 1].m_strPath.size();
-    EXPECT_GE(steps[i].m_strPath.size() + 1 + firstName, static_cast<size_t>(PATH_MAX) - 1);
-  }
-  // The descriptor of the first step is the start directory; each next one is the folder the
-  // step before entered.
+  ASSERT_GE(steps.size(), 3u);
   struct stat start {};
   ASSERT_EQ(stat(m_strStartCwd.c_str(), &start), 0);
-  EXPECT_EQ(IdOfFd(steps[0].m_iFd), (SId{start.st_dev, start.st_ino}));
+  EXPECT_EQ(IdOfFd(steps[0].m_iFd), (SId{start.st_dev, start.st_ino}));  // the start directory
   std::string reached;
-  for (size_t i = 1; i < steps.size(); ++i) {
-    reached += (i == 1 ? "" : "/") + steps[i - 1].m_strPath;
-    size_t level = 0;
-    for (int l = 0; l <= kLevels; ++l) {
-      if (m_deep.Level(l) == reached) level = static_cast<size_t>(l);
+  for (size_t i = 0; i < steps.size(); ++i) {
+    EXPECT_LT(steps[i].m_strPath.size(), static_cast<size_t>(PATH_MAX));
+    if (i + 1 < steps.size()) {
+      // Each piece and the first name of the next together would have been too long.
+      const size_t firstName = std::min(steps[i + 1].m_strPath.find('/'), steps[i + 1].m_strPath.size());
+      EXPECT_GE(steps[i].m_strPath.size() + 1 + firstName, static_cast<size_t>(PATH_MAX) - 1);
     }
-    ASSERT_GT(level, 0u) << "step " << i << " does not start at a folder of the tree";
-    EXPECT_EQ(IdOfFd(steps[i].m_iFd), m_deep.IdOfLevel(static_cast<int>(level)));
+    if (i == 0) continue;
+    reached += (i == 1 ? "" : "/") + steps[i - 1].m_strPath;
+    int level = 0;
+    for (int l = 1; l <= kLevels; ++l) level = m_deep.Level(l) == reached ? l : level;
+    ASSERT_GT(level, 0) << "step " << i << " does not start at a folder of the tree";
+    EXPECT_EQ(IdOfFd(steps[i].m_iFd), m_deep.IdOfLevel(level));
   }
 }
 
 TEST_F(LongPathHandlerTest, EveryLevelCanBeReturnedTo) {
   ASSERT_EQ(m_pHandler->chdir_long(m_deep.Deep()), 0);
-  size_t depth = m_pHandler->GetDepth();
-  for (int level = kLevels; level >= 1; --level) {
+  const size_t depth = m_pHandler->GetDepth();
+  // Up one level at a time, then down again.
+  for (int i = 0; i < 2 * kLevels; ++i) {
+    const int level = i < kLevels ? kLevels - i : i - kLevels + 1;
     ASSERT_EQ(m_pHandler->chdir_long(m_deep.Level(level)), 0) << "level " << level;
     EXPECT_EQ(IdOfCwd(), m_deep.IdOfLevel(level)) << "level " << level;
     EXPECT_EQ(m_pHandler->GetCurrentPath(), m_deep.Level(level));
-    EXPECT_LE(m_pHandler->GetDepth(), depth);
+    EXPECT_LE(m_pHandler->GetDepth(), i < kLevels ? depth : SIZE_MAX);
   }
-  // And down again, one level at a time.
-  for (int level = 1; level <= kLevels; ++level) {
-    ASSERT_EQ(m_pHandler->chdir_long(m_deep.Level(level)), 0) << "level " << level;
-    EXPECT_EQ(IdOfCwd(), m_deep.IdOfLevel(level)) << "level " << level;
-  }
-}
-
-TEST_F(LongPathHandlerTest, SameFolderIsEnteredOnce) {
-  struct stat st {};
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/file1", &st), 0);
-  auto before = m_pHandler->GetWorkingPaths();
-  MarkStack();
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/file2", &st), 0);
-  EXPECT_EQ(st.st_size, 10);
-  ASSERT_EQ(m_pHandler->GetDepth(), before.size());
-  ExpectKeptSteps(before, m_deep.Deep(), before.size());
 }
 
 struct SMoveCase {
   const char* name;
-  std::function<std::string(const CDeepTree&)> file;    // the file to stat next
-  std::function<std::string(const CDeepTree&)> folder;  // its folder
-  std::function<SId(const CDeepTree&)> id;              // that folder's identity
-  size_t expectedKept;  // steps of the deep folder's stack that stay untouched
+  std::function<std::string(const D&)> folder;  // the folder of the file to stat next
+  const char* file;
+  std::function<SId(const D&)> id;  // that folder's identity
+  size_t expectedKept;              // steps of the deep folder's stack that stay untouched
 };
 
-void PrintTo(const SMoveCase& c, std::ostream* os) { *os << c.name; }
-
-class LongPathMoveTest : public LongPathHandlerTest,
-                         public ::testing::WithParamInterface<SMoveCase> {};
+class LongPathMoveTest : public LongPathHandlerTest, public ::testing::WithParamInterface<SMoveCase> {};
 
 // From the deep folder (entered as root+18 levels, 18 levels, 4 levels) to a nearby folder:
 // only the steps that are not on the way to the new folder are climbed back.
 TEST_P(LongPathMoveTest, ClimbsOnlyToTheCommonPart) {
   const SMoveCase& c = GetParam();
-  struct stat st {};
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/file1", &st), 0);
+  ASSERT_EQ(Stat(*m_pHandler, m_deep.Deep() + "/file1").st_size, 5);
   ASSERT_EQ(m_pHandler->GetDepth(), 3u);
-  auto before = m_pHandler->GetWorkingPaths();
-  MarkStack();
-  ASSERT_EQ(m_pHandler->stat_long(c.file(m_deep), &st), 0);
-  EXPECT_TRUE(S_ISREG(st.st_mode));
+  const auto before = MarkStack();
+  EXPECT_TRUE(S_ISREG(Stat(*m_pHandler, c.folder(m_deep) + "/" + c.file).st_mode));
   ExpectKeptSteps(before, c.folder(m_deep), c.expectedKept);
   EXPECT_EQ(IdOfCwd(), c.id(m_deep));
 }
@@ -433,60 +374,42 @@ TEST_P(LongPathMoveTest, ClimbsOnlyToTheCommonPart) {
 INSTANTIATE_TEST_SUITE_P(
     Table, LongPathMoveTest,
     ::testing::Values(
-        SMoveCase{"SiblingOfDeepFolder",
-                  [](const CDeepTree& d) { return d.Sibling() + "/sibling.txt"; },
-                  [](const CDeepTree& d) { return d.Sibling(); },
-                  [](const CDeepTree& d) { return d.IdOfSibling(); }, 2},
-        SMoveCase{"SideFolderHalfWay",
-                  [](const CDeepTree& d) { return d.Side() + "/side.txt"; },
-                  [](const CDeepTree& d) { return d.Side(); },
-                  [](const CDeepTree& d) { return d.IdOfSide(); }, 1},
-        SMoveCase{"FolderBelow",
-                  [](const CDeepTree& d) { return d.Deep() + "/sub/inner.txt"; },
-                  [](const CDeepTree& d) { return d.Deep() + "/sub"; },
-                  [](const CDeepTree& d) { return d.IdOfSub(); }, 3},
-        SMoveCase{"OtherTree",
-                  [](const CDeepTree& d) { return d.Tree().Root() + "/top.txt"; },
-                  [](const CDeepTree& d) { return d.Tree().Root(); },
-                  [](const CDeepTree& d) { return d.IdOfLevel(0); }, 0}),
-    [](const ::testing::TestParamInfo<SMoveCase>& info) { return info.param.name; });
+        SMoveCase{"SameFolder", [](const D& d) { return d.Deep(); }, "file2", [](const D& d) { return d.IdOfDeep(); }, 3},
+        SMoveCase{"SiblingOfDeepFolder", [](const D& d) { return d.Sibling(); }, "sibling.txt",
+                  [](const D& d) { return d.Id("sibling"); }, 2},
+        SMoveCase{"SideFolderHalfWay", [](const D& d) { return d.Side(); }, "side.txt", [](const D& d) { return d.Id("side"); }, 1},
+        SMoveCase{"FolderBelow", [](const D& d) { return d.Deep() + "/sub"; }, "inner.txt",
+                  [](const D& d) { return d.Id("sub"); }, 3},
+        SMoveCase{"OtherTree", [](const D& d) { return d.Tree().Root(); }, "top.txt", [](const D& d) { return d.IdOfLevel(0); }, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // Paths are compared by whole names: "sub" is not a folder on the way to "subway".
 TEST_F(LongPathHandlerTest, NameExtendingAnotherIsNotBelowIt) {
-  struct stat st {};
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/sub/inner.txt", &st), 0);
-  EXPECT_EQ(IdOfCwd(), m_deep.IdOfSub());
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/subway/way.txt", &st), 0);
-  EXPECT_EQ(st.st_size, 3);
-  EXPECT_EQ(IdOfCwd(), m_deep.IdOfSubway());
+  ASSERT_EQ(Stat(*m_pHandler, m_deep.Deep() + "/sub/inner.txt").st_size, 5);
+  EXPECT_EQ(IdOfCwd(), m_deep.Id("sub"));
+  ASSERT_EQ(Stat(*m_pHandler, m_deep.Deep() + "/subway/way.txt").st_size, 3);
+  EXPECT_EQ(IdOfCwd(), m_deep.Id("subway"));
   EXPECT_EQ(m_pHandler->GetCurrentPath(), m_deep.Deep() + "/subway");
-  ASSERT_EQ(m_pHandler->stat_long(m_deep.Deep() + "/sub/inner.txt", &st), 0);
-  EXPECT_EQ(st.st_size, 5);
-  EXPECT_EQ(IdOfCwd(), m_deep.IdOfSub());
+  ASSERT_EQ(Stat(*m_pHandler, m_deep.Deep() + "/sub/inner.txt").st_size, 5);
+  EXPECT_EQ(IdOfCwd(), m_deep.Id("sub"));
   EXPECT_EQ(JoinedPieces(*m_pHandler), m_deep.Deep() + "/sub");
 }
 
 // A relative path names a file below the start directory, wherever the handler stands.
 TEST(LongPathHandlerRelativeTest, RelativeToTheStartDirectory) {
   CDeepTree deep;
-  int startFd = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_GE(startFd, 0);
+  const int startFd = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(chdir(deep.Tree().Root().c_str()), 0);
   {
     CHandlerGuard guard;
     LongPathHandler* handler = LongPathHandler::GetHandler();
     ASSERT_NE(handler, nullptr);
     EXPECT_STREQ(handler->GetStartDirectory(), deep.Tree().Root().c_str());
-    struct stat st {};
-    ASSERT_EQ(handler->stat_long(deep.Deep() + "/file1", &st), 0);
-    ASSERT_EQ(handler->stat_long("./top.txt", &st), 0);
-    EXPECT_EQ(st.st_size, 3);
-    std::string relativeDeep = deep.Deep().substr(deep.Tree().Root().size() + 1);
-    ASSERT_EQ(handler->stat_long(relativeDeep + "/file2", &st), 0);
-    EXPECT_EQ(st.st_size, 10);
+    EXPECT_EQ(Stat(*handler, deep.Deep() + "/file1").st_size, 5);
+    EXPECT_EQ(Stat(*handler, "./top.txt").st_size, 3);
+    EXPECT_EQ(Stat(*handler, deep.Deep().substr(deep.Tree().Root().size() + 1) + "/file2").st_size, 10);
     EXPECT_EQ(IdOfCwd(), deep.IdOfDeep());
-    ASSERT_EQ(handler->stat_long(deep.Level(20) + "/side/side.txt", &st), 0);
-    EXPECT_EQ(st.st_size, 4);
+    EXPECT_EQ(Stat(*handler, deep.Level(20) + "/side/side.txt").st_size, 4);
   }
   // Released: back in the start directory.
   EXPECT_EQ(Cwd(), deep.Tree().Root());
@@ -494,9 +417,7 @@ TEST(LongPathHandlerRelativeTest, RelativeToTheStartDirectory) {
   close(startFd);
 }
 
-// ---------------------------------------------------------------------------------------------
 // Release: back to the start directory, every descriptor closed.
-
 TEST(LongPathHandlerReleaseTest, ReturnsToStartAndClosesEveryDescriptor) {
   CDeepTree deep;
   const std::string cwdBefore = Cwd();
@@ -506,10 +427,8 @@ TEST(LongPathHandlerReleaseTest, ReturnsToStartAndClosesEveryDescriptor) {
     LongPathHandler* handler = LongPathHandler::GetHandler();
     ASSERT_NE(handler, nullptr);
     EXPECT_EQ(LongPathHandler::GetHandler(), handler);  // one instance
-    struct stat st {};
-    ASSERT_EQ(handler->stat_long(deep.Deep() + "/file1", &st), 0);
-    ASSERT_EQ(handler->stat_long(deep.Sibling() + "/sibling.txt", &st), 0);
-    ASSERT_EQ(handler->stat_long(deep.Side() + "/side.txt", &st), 0);
+    for (const std::string& file : {deep.Deep() + "/file1", deep.Sibling() + "/sibling.txt", deep.Side() + "/side.txt"})
+      EXPECT_GT(Stat(*handler, file).st_size, 0) << file;
     ASSERT_EQ(handler->chdir_long(deep.Deep()), 0);
     EXPECT_GE(handler->GetDepth(), 3u);
     EXPECT_EQ(CountOpenFds(), fdsBefore + handler->GetDepth());
@@ -523,8 +442,7 @@ TEST(LongPathHandlerReleaseTest, ReturnsToStartAndClosesEveryDescriptor) {
   EXPECT_EQ(CountOpenFds(), fdsBefore);
 }
 
-// ---------------------------------------------------------------------------------------------
-// The owner thread and the archive-index flag.
+// ---- the owner thread and the archive-index flag ----
 
 TEST(LongPathHandlerThreadTest, OtherThreadsAreRefused) {
   CDeepTree deep;
@@ -533,28 +451,23 @@ TEST(LongPathHandlerThreadTest, OtherThreadsAreRefused) {
   LongPathHandler* handler = LongPathHandler::GetHandler();
   ASSERT_NE(handler, nullptr);
   ASSERT_TRUE(LongPathHandler::IsOwnerThread());
-
   LongPathHandler* fromThread = handler;
-  int statResult = 0, statErrno = 0, chdirResult = 0;
+  int chdirResult = 0;
   bool bOwner = true;
+  struct stat st {};
   CQiError createError;
   LongPathHandler::CreatedFolderSet made;
-  std::thread worker([&] {
+  std::thread([&] {
     bOwner = LongPathHandler::IsOwnerThread();
     fromThread = LongPathHandler::GetHandler();
-    struct stat st {};
-    errno = 0;
-    statResult = handler->stat_long(deep.Deep() + "/file1", &st);
-    statErrno = errno;
+    st = Stat(*handler, deep.Deep() + "/file1");
     chdirResult = handler->chdir_long(deep.Deep());
     createError = handler->CreateDirsIteratively_Long(deep.Tree().Root() + "/new", 0755, made);
     LongPathHandler::ReleaseHandler();  // refused: the instance stays
-  });
-  worker.join();
+  }).join();
   EXPECT_FALSE(bOwner);
   EXPECT_EQ(fromThread, nullptr);
-  EXPECT_EQ(statResult, -1);
-  EXPECT_EQ(statErrno, EPERM);
+  EXPECT_EQ(st.st_size, -EPERM);
   EXPECT_EQ(chdirResult, -1);
   EXPECT_TRUE(createError.IsErrNo(EPERM));
   EXPECT_TRUE(made.empty());
@@ -563,41 +476,131 @@ TEST(LongPathHandlerThreadTest, OtherThreadsAreRefused) {
   EXPECT_EQ(LongPathHandler::GetHandler(), handler);
 }
 
-struct SArchiveCase {
-  const char* name;
-  bool bArchiveIndex;
-  bool bOnOtherThread;
-  bool bExpectHandler;
-};
-
-void PrintTo(const SArchiveCase& c, std::ostream* os) { *os << c.name; }
-
-class LongPathHandlerArchiveTest : public ::testing::TestWithParam<SArchiveCase> {};
+// Only the main thread gets the handler, and only while the archive-index flag is clear.
+class LongPathHandlerArchiveTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {};
 
 TEST_P(LongPathHandlerArchiveTest, GetHandler) {
-  const SArchiveCase& c = GetParam();
+  const auto [bArchiveIndex, bOnOtherThread] = GetParam();
   CHandlerGuard guard;
-  LongPathHandler::setIsArchiveIndex(c.bArchiveIndex);
-  EXPECT_EQ(LongPathHandler::getIsArchiveIndex(), c.bArchiveIndex);
+  LongPathHandler::setIsArchiveIndex(bArchiveIndex);
   LongPathHandler* handler = nullptr;
-  if (c.bOnOtherThread) {
-    std::thread worker([&] { handler = LongPathHandler::GetHandler(); });
-    worker.join();
-  } else {
-    handler = LongPathHandler::GetHandler();
-  }
-  EXPECT_EQ(handler != nullptr, c.bExpectHandler);
+  if (bOnOtherThread) std::thread([&] { handler = LongPathHandler::GetHandler(); }).join();
+  else handler = LongPathHandler::GetHandler();
+  EXPECT_EQ(handler != nullptr, !bArchiveIndex && !bOnOtherThread);
   // Clearing the flag gives the main thread its handler again.
   LongPathHandler::setIsArchiveIndex(false);
   EXPECT_NE(LongPathHandler::GetHandler(), nullptr);
 }
 
+INSTANTIATE_TEST_SUITE_P(Table, LongPathHandlerArchiveTest, ::testing::Combine(::testing::Bool(), ::testing::Bool()));
+
+// ---- the restore side: missing folders made on the way down a long path ----
+
+std::string LongChain(const std::string& base, int levels) {
+  std::string path = base;
+  for (int level = 1; level <= levels; ++level) path += "/N" + LevelName(level).substr(1);
+  return path;
+}
+
+struct SCreateCase {
+  const char* name;
+  std::function<std::string(const D&)> path;
+  mode_t mode;
+  int expectedErrno;  // 0: the call succeeds
+  const char* message;  // of the failure, "%D" standing for the deep folder
+};
+
+class LongPathCreateDirsTest : public LongPathHandlerTest, public ::testing::WithParamInterface<SCreateCase> {};
+
+TEST_P(LongPathCreateDirsTest, CreateDirsIteratively) {
+  const SCreateCase& c = GetParam();
+  const std::string path = c.path(m_deep);
+  LongPathHandler::CreatedFolderSet made;
+  CQiError error = m_pHandler->CreateDirsIteratively_Long(path, c.mode, made);
+  if (c.expectedErrno != 0) {
+    EXPECT_TRUE(error.IsErrNo(c.expectedErrno)) << error.AsString();
+    std::string message = c.message;
+    if (const size_t pos = message.find("%D"); pos != std::string::npos) message.replace(pos, 2, m_deep.Deep());
+    EXPECT_EQ(error.GetMessage(), message);
+    return;
+  }
+  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+  std::string stripped;
+  LongPathHandler::StripTrailingSlash(path, stripped);
+  EXPECT_EQ(made.count(stripped), 1u);
+  // Every folder on the way is known now, and each of them exists as a folder.
+  for (const std::string& folder : made) EXPECT_TRUE(S_ISDIR(Stat(*m_pHandler, folder).st_mode)) << folder.size();
+  const struct stat st = Stat(*m_pHandler, stripped);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  if (made.size() > static_cast<size_t>(kLevels) + 2) {
+    EXPECT_EQ(st.st_mode & 0777, c.mode & ~0022u);  // a folder made here has the mode
+  }
+  // A second call with the same set succeeds at once.
+  EXPECT_TRUE(m_pHandler->CreateDirsIteratively_Long(path, c.mode, made).IsSuccess());
+}
+
 INSTANTIATE_TEST_SUITE_P(
-    Table, LongPathHandlerArchiveTest,
-    ::testing::Values(SArchiveCase{"MainThread", false, false, true},
-                      SArchiveCase{"OtherThread", false, true, false},
-                      SArchiveCase{"ArchiveIndexMainThread", true, false, false},
-                      SArchiveCase{"ArchiveIndexOtherThread", true, true, false}),
-    [](const ::testing::TestParamInfo<SArchiveCase>& info) { return info.param.name; });
+    Table, LongPathCreateDirsTest,
+    ::testing::Values(
+        SCreateCase{"LongNewChain", [](const D& d) { return LongChain(d.Deep() + "/new", 25); }, 0750, 0, nullptr},
+        SCreateCase{"NewChainFromShortBase", [](const D& d) { return LongChain(d.Tree().Root(), 30); }, 0700, 0, nullptr},
+        SCreateCase{"AlreadyThere", [](const D& d) { return d.Deep(); }, 0755, 0, nullptr},
+        SCreateCase{"SlashRunsAndTrailingSlash", [](const D& d) { return d.Deep() + "//x//y/"; }, 0755, 0, nullptr},
+        SCreateCase{"FileOnTheWay", [](const D& d) { return d.Deep() + "/file1/x/y"; }, 0755, ENOTDIR, "Not a folder [%D/file1]"},
+        SCreateCase{"FileAtTheEnd", [](const D& d) { return d.Deep() + "/file2"; }, 0755, ENOTDIR, "Not a folder [%D/file2]"},
+        SCreateCase{"Empty", [](const D&) { return std::string(); }, 0755, ENOENT, "Empty folder path"},
+        SCreateCase{"NulByte", [](const D& d) { return d.Deep() + std::string("/a\0b", 4); }, 0755, EINVAL,
+                    "Folder path holds a NUL byte"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(LongPathHandlerTest, OpenRestoreFileMakesTheFoldersOnTheWay) {
+  LongPathHandler::CreatedFolderSet made;
+  const std::string folder = LongChain(m_deep.Deep() + "/restore", 3), file = folder + "/restored.txt";
+  int fd = m_pHandler->openRestoreFile_long(file, O_WRONLY | O_CLOEXEC, 0640, made, 0711);
+  EXPECT_EQ(write(fd, "data", 4), 4);
+  close(fd);
+  EXPECT_EQ(made.count(folder), 1u);
+  fd = m_pHandler->open_long(file, O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(ReadAll(fd), "data");
+  close(fd);
+  EXPECT_EQ(Stat(*m_pHandler, folder).st_mode, S_IFDIR | 0711u);
+  EXPECT_EQ(Stat(*m_pHandler, file).st_mode, S_IFREG | 0640u);
+  // A second file in the same folder; O_EXCL on an existing one fails as open does.
+  fd = m_pHandler->openRestoreFile_long(folder + "/second.txt", O_WRONLY | O_CLOEXEC, 0600, made);
+  EXPECT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(m_pHandler->openRestoreFile_long(file, O_WRONLY | O_EXCL | O_CLOEXEC, 0600, made), -1);
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(m_pHandler->openRestoreFile_long("restored.txt", O_WRONLY, 0600, made), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(LongPathHandlerTest, OpenRestoreFileReportsAFolderItCannotMake) {
+  CLogCapture capture;
+  LongPathHandler::CreatedFolderSet made;
+  EXPECT_EQ(m_pHandler->openRestoreFile_long(m_deep.Deep() + "/file1/x/y.txt", O_WRONLY, 0600, made), -1);
+  EXPECT_EQ(errno, ENOTDIR);
+  EXPECT_EQ(capture->CountContaining("Failed to create the folders of [" + m_deep.Deep() + "/file1/x/y.txt], error=", -1), 1u);
+}
+
+// The folder on the way that cannot be made is named; what was made before it is kept.
+TEST(LongPathHandlerPermissionTest, CreateDirsFailsWhereTheUserMayNotWrite) {
+  CDeepTree deep;
+  const std::string locked = deep.Deep() + "/locked";
+  {
+    CHandlerGuard guard;  // made and given back before the fork: the child starts afresh
+    LongPathHandler::CreatedFolderSet made;
+    ASSERT_TRUE(LongPathHandler::GetHandler()->CreateDirsIteratively_Long(locked, 0755, made).IsSuccess());
+  }
+  EXPECT_EQ(0, RunAsNobody([&locked] {
+              LongPathHandler* handler = LongPathHandler::GetHandler();
+              LongPathHandler::CreatedFolderSet made;
+              CQiError error = handler->CreateDirsIteratively_Long(locked + "/a/b", 0755, made);
+              return error.IsErrNo(EACCES) &&
+                     error.GetMessage() == "Failed to create folder [" + locked + "/a] with error [13]" &&
+                     made.count(locked) == 1 && made.count(locked + "/a") == 0 &&
+                     Stat(*handler, locked + "/a").st_size == -ENOENT;
+            }));
+}
 
 }  // namespace
