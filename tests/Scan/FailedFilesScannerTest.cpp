@@ -1,3 +1,5 @@
+// The failed-files scanner on real temporary trees: the lines of "failures.zrf" it takes, the
+// handler it asks for each content path, and the failures that stop its run.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -10,9 +12,10 @@
 #include "Scan/FindFirstItem.h"
 #include "Scan/OutputHandler.h"
 #include "Support/TempTree.h"
-#include "Support/LogCapture.h"
 
 namespace {
+
+using Paths = std::vector<std::string>;
 
 // Keeps the items it is given; refuses them with a set code when asked to.
 class CRecordingHandler : public COutputHandler {
@@ -23,8 +26,8 @@ class CRecordingHandler : public COutputHandler {
     m_vItems.push_back(pItem);
     return CQiError();
   }
-  std::vector<std::string> Paths() const {
-    std::vector<std::string> paths;
+  Paths Sources() const {
+    Paths paths;
     for (const CItemPtr& item : m_vItems) paths.push_back(item->GetSourceFullyQualifiedItemName());
     return paths;
   }
@@ -35,96 +38,60 @@ class CRecordingHandler : public COutputHandler {
 // Names the content root that holds a path and that root's handler.
 class CRootsCallback : public CFailedFilesScannerCallback {
  public:
-  struct SRoot {
-    std::string path;
-    COutputHandlerPtr handler;
-  };
   CQiError GetOutputHandler(const std::string& strFailedPath, std::string& strContentPath,
                             COutputHandlerPtr& pHandler) override {
     m_vAsked.push_back(strFailedPath);
     if (m_uFailCode != 0) return QI_ERROR_WIN32(m_uFailCode, "no handler for you");
-    for (const SRoot& root : m_vRoots) {
-      if (FXPath::IsDescendantOf(strFailedPath, root.path, true)) {
-        strContentPath = root.path;
-        pHandler = root.handler;
-        return CQiError();
-      }
-    }
     strContentPath.clear();
     pHandler.reset();
+    for (const auto& [strRoot, pRootHandler] : m_vRoots) {
+      if (FXPath::IsDescendantOf(strFailedPath, strRoot, true)) {
+        strContentPath = strRoot;
+        pHandler = pRootHandler;
+        break;
+      }
+    }
     return CQiError();
   }
-  std::vector<SRoot> m_vRoots;
-  std::vector<std::string> m_vAsked;
+  std::vector<std::pair<std::string, COutputHandlerPtr>> m_vRoots;
+  Paths m_vAsked;
   uint32_t m_uFailCode = 0;
 };
 
 class FailedFilesScannerFixture : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_strJobFolder = m_tree.MakeDir("job");
-    m_pCallback = std::make_shared<CRootsCallback>();
-  }
-
   void WriteList(const std::string& content) { m_tree.MakeFile("job/failures.zrf", content); }
-  CQiError Run() { return CFailedFilesScanner(12, m_pCallback, m_strJobFolder).Run(); }
+  CQiError Run() { return CFailedFilesScanner(12, m_pCallback, m_tree.MakeDir("job")).Run(); }
 
   CTempTree m_tree;
-  CLogCapture m_pLog;
-  std::string m_strJobFolder;
-  std::shared_ptr<CRootsCallback> m_pCallback;
+  std::shared_ptr<CRootsCallback> m_pCallback = std::make_shared<CRootsCallback>();
 };
 
-TEST_F(FailedFilesScannerFixture, MissingListIsNotAnError) {
-  const std::string list = m_strJobFolder + "/failures.zrf";
-  EXPECT_TRUE(Run().IsSuccess());
-  EXPECT_TRUE(m_pCallback->m_vAsked.empty());
-
-  // A folder that does not exist at all: the same.
-  EXPECT_TRUE(CFailedFilesScanner(1, m_pCallback, m_tree.Path("nowhere")).Run().IsSuccess());
-}
-
-TEST_F(FailedFilesScannerFixture, ListThatCannotBeOpenedIsNotAnError) {
-  // The name exists (a dangling link) but cannot be opened for reading.
-  m_tree.MakeSymlink("job/failures.zrf", "/nowhere/list");
-  EXPECT_TRUE(Run().IsSuccess());
-  EXPECT_TRUE(m_pCallback->m_vAsked.empty());
-}
-
 TEST_F(FailedFilesScannerFixture, RescansReadablePathsThroughTheirContentsHandler) {
-  const std::string a = m_tree.MakeDir("A");
-  const std::string b = m_tree.MakeDir("B");
-  const std::string f1 = m_tree.MakeFile("A/f1", "one");
-  const std::string f2 = m_tree.MakeFile("A/sub/f2", "two!");
-  const std::string sub = m_tree.Path("A/sub");
-  const std::string f3 = m_tree.MakeFile("B/f3", "");
-  const std::string f4 = m_tree.MakeFile("A/f 4", "four");
-  const std::string gone = m_tree.Path("A/gone");
-  auto handlerA = std::make_shared<CRecordingHandler>();
-  auto handlerB = std::make_shared<CRecordingHandler>();
+  const std::string a = m_tree.MakeDir("A"), b = m_tree.MakeDir("B");
+  const std::string f1 = m_tree.MakeFile("A/f1", "one"), f2 = m_tree.MakeFile("A/sub/f2", "two!");
+  const std::string sub = m_tree.Path("A/sub"), f3 = m_tree.MakeFile("B/f3", ""), f4 = m_tree.MakeFile("A/f 4", "four");
+  auto handlerA = std::make_shared<CRecordingHandler>(), handlerB = std::make_shared<CRecordingHandler>();
   m_pCallback->m_vRoots = {{a, handlerA}, {b, handlerB}};
-
-  WriteList("\n" + f1 + "\r\n" +      // carriage return
-            "   \t\r\n" +             // blank
-            f2 + "  \t\n" +           // trailing blanks and tab
-            gone + "\n" +             // vanished since the failure
-            "\n\n" +                  //
-            sub + "\n" +              // a folder
-            f3 + "\n" +               // another content path: asks again
-            f4 + "\r");               // back under A: asks again; no final line feed
+  WriteList("\n" + f1 + "\r\n" +           // carriage return
+            "   \t\r\n" +                  // blank
+            f2 + "  \t\n" +                // trailing blanks and tab
+            m_tree.Path("A/gone") + "\n" +  // vanished since the failure
+            "\n\n" + sub + "\n" +          // a folder
+            f3 + "\n" +                    // another content path: asks again
+            f4 + "\r");                    // back under A: asks again; no final line feed
 
   CQiError error = Run();
   ASSERT_TRUE(error.IsSuccess()) << error.AsString();
 
-  EXPECT_EQ((std::vector<std::string>{f1, f3, f4}), m_pCallback->m_vAsked);
-  EXPECT_EQ((std::vector<std::string>{f1, f2, sub, f4}), handlerA->Paths());
-  EXPECT_EQ((std::vector<std::string>{f3}), handlerB->Paths());
-
+  EXPECT_EQ(m_pCallback->m_vAsked, (Paths{f1, f3, f4}));
+  EXPECT_EQ(handlerA->Sources(), (Paths{f1, f2, sub, f4}));
+  EXPECT_EQ(handlerB->Sources(), Paths{f3});
   // Items are real find-first items sharing the run's one bag.
-  ASSERT_EQ(4u, handlerA->m_vItems.size());
-  EXPECT_EQ(3u, handlerA->m_vItems[0]->GetFileSize());
-  EXPECT_EQ(4u, handlerA->m_vItems[1]->GetFileSize());
+  ASSERT_EQ(handlerA->m_vItems.size(), 4u);
+  EXPECT_EQ(handlerA->m_vItems[0]->GetFileSize() * 10 + handlerA->m_vItems[1]->GetFileSize(), 34u);
   EXPECT_TRUE(handlerA->m_vItems[2]->IsFolder());
+  EXPECT_NE(std::dynamic_pointer_cast<CFindFirstItem>(handlerA->m_vItems[0]), nullptr);
   EXPECT_TRUE(handlerA->m_vItems[0]->GetWorkUnitBag());
   EXPECT_EQ(handlerA->m_vItems[0]->GetWorkUnitBag(), handlerB->m_vItems[0]->GetWorkUnitBag());
   EXPECT_EQ(handlerA->m_vItems[0]->GetWorkUnitBag(), handlerA->m_vItems[3]->GetWorkUnitBag());
@@ -133,89 +100,81 @@ TEST_F(FailedFilesScannerFixture, RescansReadablePathsThroughTheirContentsHandle
 TEST_F(FailedFilesScannerFixture, ConsecutivePathsUnderOneContentAskOnce) {
   const std::string root = m_tree.MakeDir("data");
   std::string list;
-  for (int i = 0; i < 5; ++i) {
-    list += m_tree.MakeFile("data/d" + std::to_string(i) + "/f", "x") + "\n";
-  }
-  list += root + "\n";  // the content path itself is under it too
-  WriteList(list);
+  for (int i = 0; i < 5; ++i) list += m_tree.MakeFile("data/d" + std::to_string(i) + "/f", "x") + "\n";
+  WriteList(list + root + "\n");  // the content path itself is under it too
   auto handler = std::make_shared<CRecordingHandler>();
   m_pCallback->m_vRoots = {{root, handler}};
-
   ASSERT_TRUE(Run().IsSuccess());
-  EXPECT_EQ(1u, m_pCallback->m_vAsked.size());
-  EXPECT_EQ(6u, handler->m_vItems.size());
+  EXPECT_EQ(m_pCallback->m_vAsked.size(), 1u);
+  EXPECT_EQ(handler->m_vItems.size(), 6u);
 }
 
+// The content path is remembered even without a handler; a path under no content asks again.
 TEST_F(FailedFilesScannerFixture, ContentWithoutHandlerIsSkipped) {
-  const std::string skipped = m_tree.MakeDir("skipped");
-  const std::string kept = m_tree.MakeDir("kept");
   auto handler = std::make_shared<CRecordingHandler>();
-  m_pCallback->m_vRoots = {{skipped, nullptr}, {kept, handler}};
-  const std::string s1 = m_tree.MakeFile("skipped/1", "");
-  const std::string s2 = m_tree.MakeFile("skipped/2", "");
-  const std::string k1 = m_tree.MakeFile("kept/1", "");
-  const std::string outside = m_tree.MakeFile("outside", "");
+  m_pCallback->m_vRoots = {{m_tree.MakeDir("skipped"), nullptr}, {m_tree.MakeDir("kept"), handler}};
+  const std::string s1 = m_tree.MakeFile("skipped/1"), s2 = m_tree.MakeFile("skipped/2");
+  const std::string k1 = m_tree.MakeFile("kept/1"), outside = m_tree.MakeFile("outside");
   WriteList(s1 + "\n" + s2 + "\n" + k1 + "\n" + outside + "\n");
-
   ASSERT_TRUE(Run().IsSuccess());
-  // The content path is remembered even without a handler; a path under no content asks again.
-  EXPECT_EQ((std::vector<std::string>{s1, k1, outside}), m_pCallback->m_vAsked);
-  EXPECT_EQ((std::vector<std::string>{k1}), handler->Paths());
-}
-
-TEST_F(FailedFilesScannerFixture, CallbackFailureStopsTheRun) {
-  const std::string f1 = m_tree.MakeFile("A/f1", "");
-  WriteList(f1 + "\n" + m_tree.MakeFile("B/f2", "") + "\n");
-  m_pCallback->m_uFailCode = 1168;
-  CQiError error = Run();
-  EXPECT_TRUE(error.IsWin32(1168)) << error.AsString();
-  EXPECT_EQ("failed get output handler", error.GetFrames().back().text);
-  EXPECT_EQ((std::vector<std::string>{f1}), m_pCallback->m_vAsked);
-}
-
-TEST_F(FailedFilesScannerFixture, HandlerRefusalStopsTheRun) {
-  const std::string root = m_tree.MakeDir("A");
-  const std::string f1 = m_tree.MakeFile("A/f1", "");
-  WriteList(f1 + "\n" + m_tree.MakeFile("A/f2", "") + "\n");
-  auto handler = std::make_shared<CRecordingHandler>(50);
-  m_pCallback->m_vRoots = {{root, handler}};
-  CQiError error = Run();
-  EXPECT_TRUE(error.IsWin32(50)) << error.AsString();
-  EXPECT_EQ("failed process item [" + f1 + "] by failed output handler",
-            error.GetFrames().back().text);
-  EXPECT_EQ("handler refused", error.GetMessage());
-}
-
-TEST_F(FailedFilesScannerFixture, BaseHandlerRefusesWithNotSupported) {
-  const std::string root = m_tree.MakeDir("A");
-  WriteList(m_tree.MakeFile("A/f1", "") + "\n");
-  m_pCallback->m_vRoots = {{root, std::make_shared<COutputHandler>()}};
-  EXPECT_TRUE(Run().IsWin32(50));
+  EXPECT_EQ(m_pCallback->m_vAsked, (Paths{s1, k1, outside}));
+  EXPECT_EQ(handler->Sources(), Paths{k1});
 }
 
 // Lines that cannot name a file are skipped like vanished paths, never a crash.
 TEST_F(FailedFilesScannerFixture, UnusablePathsAreSkipped) {
-  const std::string root = m_tree.MakeDir("A");
-  const std::string ok = m_tree.MakeFile("A/ok", "");
-  const std::string withNul = root + std::string("/x\0y", 4);
-  const std::string tooLong = root + "/" + std::string(5000, 'n');
-  WriteList(withNul + "\n" + tooLong + "\n" + ok + "\n");
+  const std::string root = m_tree.MakeDir("A"), ok = m_tree.MakeFile("A/ok");
+  WriteList(root + std::string("/x\0y\n", 5) + root + "/" + std::string(5000, 'n') + "\n" + ok + "\n");
   auto handler = std::make_shared<CRecordingHandler>();
   m_pCallback->m_vRoots = {{root, handler}};
   ASSERT_TRUE(Run().IsSuccess());
-  EXPECT_EQ((std::vector<std::string>{ok}), handler->Paths());
+  EXPECT_EQ(handler->Sources(), Paths{ok});
 }
 
-TEST_F(FailedFilesScannerFixture, EmptyListDoesNothing) {
-  WriteList("\n \r\n\t\n");
-  EXPECT_TRUE(Run().IsSuccess());
+// Nothing to re-scan: no list, a list that cannot be opened (a dangling link), a list of blank
+// lines, a folder that does not exist.
+class FailedFilesNothingToDo : public FailedFilesScannerFixture, public ::testing::WithParamInterface<int> {};
+
+TEST_P(FailedFilesNothingToDo, IsNotAnError) {
+  if (GetParam() == 1) m_tree.MakeSymlink("job/failures.zrf", "/nowhere/list");
+  if (GetParam() == 2) WriteList("\n \r\n\t\n");
+  const std::string strFolder = GetParam() == 3 ? m_tree.Path("nowhere") : m_tree.MakeDir("job");
+  EXPECT_TRUE(CFailedFilesScanner(1, m_pCallback, strFolder).Run().IsSuccess());
   EXPECT_TRUE(m_pCallback->m_vAsked.empty());
 }
 
-TEST(FailedFilesScanner, IsNeverAborted) {
-  CFailedFilesScanner scanner(1, nullptr, "/tmp");
-  EXPECT_FALSE(scanner.IsAborted());
-  EXPECT_EQ("/tmp/failures.zrf", scanner.GetFailedFilesListPath());
+INSTANTIATE_TEST_SUITE_P(Lists, FailedFilesNothingToDo, ::testing::Values(0, 1, 2, 3));
+
+// A callback that names no handler and a handler that refuses an item stop the run at once.
+struct SStopCase {
+  const char* szName;
+  uint32_t uCallbackFails, uHandlerFails;
+  bool bBaseHandler;
+  const char* szLastFrame;  // "%F" is the first path
+};
+
+class FailedFilesStops : public FailedFilesScannerFixture, public ::testing::WithParamInterface<SStopCase> {};
+
+TEST_P(FailedFilesStops, TheRun) {
+  const SStopCase& c = GetParam();
+  const std::string root = m_tree.MakeDir("A"), f1 = m_tree.MakeFile("A/f1");
+  WriteList(f1 + "\n" + m_tree.MakeFile("A/f2") + "\n");
+  m_pCallback->m_uFailCode = c.uCallbackFails;
+  m_pCallback->m_vRoots = {{root, c.bBaseHandler ? std::make_shared<COutputHandler>()
+                                                 : std::make_shared<CRecordingHandler>(c.uHandlerFails)}};
+  CQiError error = Run();
+  EXPECT_TRUE(error.IsWin32(c.uCallbackFails + c.uHandlerFails + (c.bBaseHandler ? 50 : 0))) << error.AsString();
+  std::string strFrame = c.szLastFrame;
+  if (const size_t pos = strFrame.find("%F"); pos != std::string::npos) strFrame.replace(pos, 2, f1);
+  EXPECT_EQ(error.GetFrames().back().text, strFrame);
+  EXPECT_EQ(m_pCallback->m_vAsked, Paths{f1});
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, FailedFilesStops,
+    ::testing::Values(SStopCase{"CallbackFails", 1168, 0, false, "failed get output handler"},
+                      SStopCase{"HandlerRefuses", 0, 50, false, "failed process item [%F] by failed output handler"},
+                      SStopCase{"BaseHandlerRefuses", 0, 0, true, "failed process item [%F] by failed output handler"}),
+    [](const auto& info) { return std::string(info.param.szName); });
 
 }  // namespace
