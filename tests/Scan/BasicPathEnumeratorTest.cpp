@@ -19,7 +19,7 @@
 #include "Platform/FXFile.h"
 #include "Platform/PrefixContentMapper.h"
 #include "Scan/BasicPathEnumerator.h"
-#include "Scan/DeepTree.h"
+#include "Scan/DeepTree.h"  // Cwd
 #include "Scan/FabricatedItem.h"
 #include "Scan/FindFirstItem.h"
 #include "Scan/LongPathHandler.h"
@@ -233,31 +233,6 @@ INSTANTIATE_TEST_SUITE_P(Table, LongPathBoundaryTest,
                                            SLengthCase{"Ordinary959MissingIsErrnoWithItem", 959, false, true, ENOENT, 0},
                                            SLengthCase{"Long960MissingIs774", 960, false, true, 0, 774}),
                          [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(BasicPathEnumeratorFixture, PathBeyond8000BytesOnlyOnTheMainThread) {
-  LongPathTestSupport::CDeepTree deep;
-  const std::string strFile = deep.Deep() + "/file1";
-  ASSERT_GT(strFile.size(), 8000u);
-  const std::string strCwd = Cwd();
-  {
-    CBasicPathEnumerator enumerator;
-    CItemPtr pItem, pFolder, pThreadItem;
-    CQiError error = enumerator.GetItemByPath(m_pBag, strFile, "/src/file1", pItem);
-    ASSERT_TRUE(error.IsSuccess()) << error.AsString();
-    ASSERT_NE(std::dynamic_pointer_cast<CFindFirstItem>(pItem), nullptr);
-    EXPECT_TRUE(pItem->IsRegularFile());
-    EXPECT_EQ(pItem->GetFileSize(), 5u);
-    EXPECT_EQ(pItem->GetSourceFullyQualifiedItemName(), "/src/file1");
-    EXPECT_EQ(pItem->GetLocalFullyQualifiedItemName(), strFile);
-    ASSERT_TRUE(enumerator.GetItemByPath(deep.Deep(), pFolder, nullptr).IsSuccess());
-    EXPECT_TRUE(pFolder->IsFolder());
-    OnOtherThread([&] { error = enumerator.GetItemByPath(strFile, pThreadItem, nullptr); });
-    EXPECT_TRUE(error.IsWin32(QiErrorCode::OutOfMemory)) << error.AsString();
-    EXPECT_EQ(error.GetMessage(), kNoHandler);
-    EXPECT_EQ(pThreadItem, nullptr);
-  }
-  EXPECT_EQ(Cwd(), strCwd);
-}
 
 // ---- listing a folder ----
 

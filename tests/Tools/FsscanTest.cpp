@@ -311,40 +311,25 @@ INSTANTIATE_TEST_SUITE_P(
                   "folder {T}/absent:2\n"}),
     [](const auto& info) { return std::string(info.param.szName); });
 
-// The item lines carry lstat's type, permission bits, size and modification time.
+// The item lines carry lstat's type, permission bits, size and modification time, and the path
+// with its control characters escaped.
 TEST_F(FsscanFixture, ItemLinesCarryLstatData) {
   const std::string strMixed = m_tree.Path("mixed");
-  const SRun print0 = Fsscan({"--print0", strMixed});
-  const SRun lines = Fsscan({strMixed});
+  const SRun print0 = Fsscan({"--print0", strMixed}), lines = Fsscan({strMixed});
   ASSERT_EQ(lines.iExit, print0.iExit) << lines.strErr;
-  std::map<std::string, std::string> mapByEscaped;
-  for (const std::string& strPath : SplitNul(print0.strOut)) mapByEscaped[FXString::EscapeControl(strPath)] = strPath;
-
-  std::istringstream in(lines.strOut);
-  size_t nLines = 0;
-  std::set<char> setTypes;
-  for (std::string strLine; std::getline(in, strLine); ++nLines) {
-    char cType = 0;
-    char szMode[8] = {};
-    unsigned long long ullSize = 0;
-    long long llSeconds = 0, llNanoseconds = 0;
-    int iPathStart = 0;
-    ASSERT_EQ(sscanf(strLine.c_str(), "%c %7s %llu %lld.%lld %n", &cType, szMode, &ullSize, &llSeconds,
-                     &llNanoseconds, &iPathStart), 5) << strLine;
-    const auto it = mapByEscaped.find(strLine.substr(static_cast<size_t>(iPathStart)));
-    ASSERT_NE(it, mapByEscaped.end()) << strLine;
+  const std::map<mode_t, char> mapLetters{{S_IFREG, 'f'}, {S_IFDIR, 'd'}, {S_IFLNK, 'l'}, {S_IFIFO, 'p'}};
+  std::multiset<std::string> setExpected, setLines;
+  for (const std::string& strPath : SplitNul(print0.strOut)) {
     struct stat st {};
-    ASSERT_EQ(lstat(it->second.c_str(), &st), 0) << strLine;
-    const std::map<mode_t, char> mapLetters{{S_IFREG, 'f'}, {S_IFDIR, 'd'}, {S_IFLNK, 'l'}, {S_IFIFO, 'p'}};
-    EXPECT_EQ(cType, mapLetters.at(st.st_mode & S_IFMT)) << strLine;
-    EXPECT_EQ(std::string(szMode), FXString::Format("%04o", static_cast<unsigned>(st.st_mode & 07777))) << strLine;
-    EXPECT_EQ(ullSize, static_cast<unsigned long long>(st.st_size)) << strLine;
-    EXPECT_EQ(llSeconds, static_cast<long long>(st.st_mtim.tv_sec)) << strLine;
-    EXPECT_EQ(llNanoseconds, static_cast<long long>(st.st_mtim.tv_nsec)) << strLine;
-    setTypes.insert(cType);
+    ASSERT_EQ(lstat(strPath.c_str(), &st), 0) << strPath;
+    setExpected.insert(FXString::Format("%c %04o %llu %lld.%09ld ", mapLetters.at(st.st_mode & S_IFMT), st.st_mode & 07777,
+                                        static_cast<unsigned long long>(st.st_size), static_cast<long long>(st.st_mtim.tv_sec),
+                                        st.st_mtim.tv_nsec) + FXString::EscapeControl(strPath));
   }
-  EXPECT_EQ(nLines, mapByEscaped.size());
-  EXPECT_EQ(setTypes, (std::set<char>{'f', 'd', 'l', 'p'}));
+  std::istringstream in(lines.strOut);
+  for (std::string strLine; std::getline(in, strLine);) setLines.insert(strLine);
+  EXPECT_EQ(setLines, setExpected);
+  EXPECT_EQ(lines.strOut.back(), '\n');
   EXPECT_NE(lines.strOut.find("/new\\nline\n"), std::string::npos);
   EXPECT_NE(lines.strOut.find("/tab\\tfolder/inner file\n"), std::string::npos);
 }
