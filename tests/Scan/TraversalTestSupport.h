@@ -38,18 +38,18 @@ struct SRecord {
   bool operator==(const SRecord& other) const { return Tie() == other.Tie(); }
 };
 
-// Records every item; guards itself, since unlocked engines deliver from several workers.
+// Records every item, and when the handler was opened and closed; guards itself, since unlocked
+// engines deliver from several workers.
 class CRecordingHandler : public COutputHandler {
  public:
-  CQiError Initialize() override { return ++m_iInitialized, CQiError(); }
-  CQiError Complete() override { return ++m_iCompleted, CQiError(); }
+  CQiError Initialize() override { return ++m_iInitialized, Event("Initialize", m_uInitializeFails); }
+  CQiError Complete() override { return ++m_iCompleted, Event("Complete", m_uCompleteFails); }
   CQiError OnItem(CItemPtr pItem) override {
     if (m_fnHook) m_fnHook(pItem);
     size_t nCount;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
-      m_vRecords.push_back({pItem->GetSourceFullyQualifiedItemName(), pItem->GetFileSize(),
-                            pItem->GetAttributes()});
+      m_vRecords.push_back({pItem->GetSourceFullyQualifiedItemName(), pItem->GetFileSize(), pItem->GetAttributes()});
       nCount = m_vRecords.size();
     }
     if (m_fnOnItem) m_fnOnItem(nCount);
@@ -67,11 +67,18 @@ class CRecordingHandler : public COutputHandler {
   }
 
   std::atomic<int> m_iInitialized{0}, m_iCompleted{0};
+  std::vector<std::string> m_vEvents;  // "Initialize@<items so far>", "Complete@<items so far>"
   std::function<void(const CItemPtr&)> m_fnHook;  // sees each item before it is recorded
   std::function<void(size_t)> m_fnOnItem;  // after each item, with the count so far
   uint32_t m_uFailCode = 0;  // non-zero: every item is recorded, then refused with this code
+  uint32_t m_uInitializeFails = 0, m_uCompleteFails = 0;  // non-zero: refused with this code
 
  private:
+  CQiError Event(const std::string& strEvent, uint32_t uFails) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_vEvents.push_back(strEvent + "@" + std::to_string(m_vRecords.size()));
+    return uFails ? QI_ERROR_WIN32(uFails, "handler refused to %s", strEvent.c_str()) : CQiError();
+  }
   mutable std::mutex m_mutex;
   std::vector<SRecord> m_vRecords;
 };

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -80,52 +79,7 @@ TEST_P(TraverseScanEngineConfig, AppliesTheBags) {
 INSTANTIATE_TEST_SUITE_P(Bags, TraverseScanEngineConfig, ::testing::ValuesIn(kConfigCases),
                          [](const auto& info) { return std::string(info.param.szName); });
 
-// ---- one output handler per volume ----
-
-// A volume handler as a caller might write it: Initialize starts the volume afresh, Complete
-// takes the volume's items as final. It records every call in order.
-class CVolumeHandler : public COutputHandler {
- public:
-  CQiError Initialize() override {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_vEvents.push_back("Initialize");
-    m_vItems.clear();
-    return m_uInitializeFails ? QI_ERROR_WIN32(m_uInitializeFails, "cannot start volume") : CQiError();
-  }
-  CQiError Complete() override {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_vEvents.push_back("Complete");
-    m_vFinal = m_vItems;
-    std::sort(m_vFinal.begin(), m_vFinal.end());
-    return m_uCompleteFails ? QI_ERROR_WIN32(m_uCompleteFails, "cannot finish volume") : CQiError();
-  }
-  CQiError OnItem(CItemPtr pItem) override {
-    const std::string strPath = pItem->GetSourceFullyQualifiedItemName();
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_vEvents.push_back(strPath);
-      m_vItems.push_back(strPath);
-    }
-    if (m_fnOnItem) m_fnOnItem(strPath);
-    return CQiError();
-  }
-
-  uint32_t m_uInitializeFails = 0, m_uCompleteFails = 0;
-  std::function<void(const std::string&)> m_fnOnItem;
-  std::mutex m_mutex;
-  std::vector<std::string> m_vEvents, m_vItems, m_vFinal;  // m_vFinal: sorted, as completed
-};
-
-// Hands out the volume handler (none when it is empty).
-class CVolumeCallback : public CTestCallback {
- public:
-  CQiError GetOutputHandler(const std::string&, COutputHandlerPtr& pHandler) override {
-    ++m_iHandlerRequests;
-    pHandler = m_pVolumeHandler;
-    return CQiError();
-  }
-  std::shared_ptr<CVolumeHandler> m_pVolumeHandler = std::make_shared<CVolumeHandler>();
-};
+// ---- one output handler per volume, opened once for all surfaces of a work unit ----
 
 enum class EVolumeFault { None, SecondSurfaceMissing, AbortInSecondSurface, InitializeFails, CompleteFails, Unconfigured };
 
@@ -136,19 +90,20 @@ struct SVolumeCase {
   int iErrNo;          // expected errno failure, or
   uint32_t uWin32;     // expected Win32 failure (both 0: success)
   const char* szText;  // in the error's text, or in the log on success
-  int iOpened;         // Initialize and Complete calls expected (each)
-  bool bAllSurfaces;   // the completed volume holds the items of all three surfaces
+  std::vector<std::string> lstEvents;  // of the handler; "@N": after N items
+  bool bAllSurfaces;   // the items of all three surfaces were delivered
 };
 
 const SVolumeCase kVolumeCases[] = {
-    {"AllSurfacesOneWorker", EVolumeFault::None, 1, 0, 0, nullptr, 1, true},
-    {"AllSurfacesThreeWorkers", EVolumeFault::None, 3, 0, 0, nullptr, 1, true},
-    {"SecondSurfaceMissing", EVolumeFault::SecondSurfaceMissing, 2, ENOENT, 0, "Traverse failed, LocalVolumeName=[/]", 1, false},
-    {"AbortInSecondSurface", EVolumeFault::AbortInSecondSurface, 2, 0, 995, "Operation aborted", 1, false},
+    {"AllSurfacesOneWorker", EVolumeFault::None, 1, 0, 0, nullptr, {"Initialize@0", "Complete@5"}, true},
+    {"AllSurfacesThreeWorkers", EVolumeFault::None, 3, 0, 0, nullptr, {"Initialize@0", "Complete@5"}, true},
+    {"SecondSurfaceMissing", EVolumeFault::SecondSurfaceMissing, 2, ENOENT, 0, "Traverse failed, LocalVolumeName=[/]",
+     {"Initialize@0", "Complete@2"}, false},
+    {"AbortInSecondSurface", EVolumeFault::AbortInSecondSurface, 2, 0, 995, "Operation aborted", {"Initialize@0", "Complete@"}, false},
     // Never opened, so never completed; nothing is traversed.
-    {"InitializeFails", EVolumeFault::InitializeFails, 2, 0, 5, "Output handler Initialize failed", 0, false},
-    {"CompleteFails", EVolumeFault::CompleteFails, 2, 0, 6, "Output handler Complete failed", 1, true},
-    {"Unconfigured", EVolumeFault::Unconfigured, 2, 0, 0, "Output handler is unconfigured", 0, false},
+    {"InitializeFails", EVolumeFault::InitializeFails, 2, 0, 5, "Output handler Initialize failed", {"Initialize@0"}, false},
+    {"CompleteFails", EVolumeFault::CompleteFails, 2, 0, 6, "Output handler Complete failed", {"Initialize@0", "Complete@5"}, true},
+    {"Unconfigured", EVolumeFault::Unconfigured, 2, 0, 0, "Output handler is unconfigured", {}, false},
 };
 
 class TraverseScanEngineVolumeHandler : public ::testing::TestWithParam<SVolumeCase> {};
@@ -158,16 +113,16 @@ TEST_P(TraverseScanEngineVolumeHandler, OpenedOnceForAllSurfaces) {
   CLogCapture log(1);
   CTempTree tree;
   for (const char* szFile : {"s1/f1", "s1/f2", "s2/sub/f3", "s3/f4"}) tree.MakeFile(szFile);
-  auto pCallback = std::make_shared<CVolumeCallback>();
-  const std::shared_ptr<CVolumeHandler> pHandler = pCallback->m_pVolumeHandler;
-  if (c.eFault == EVolumeFault::InitializeFails) pHandler->m_uInitializeFails = 5;
-  if (c.eFault == EVolumeFault::CompleteFails) pHandler->m_uCompleteFails = 6;
+  auto pCallback = std::make_shared<CTestCallback>();
+  const std::shared_ptr<CRecordingHandler> pHandler = pCallback->m_pHandler;
+  pHandler->m_uInitializeFails = c.eFault == EVolumeFault::InitializeFails ? 5 : 0;
+  pHandler->m_uCompleteFails = c.eFault == EVolumeFault::CompleteFails ? 6 : 0;
   if (c.eFault == EVolumeFault::AbortInSecondSurface) {
-    pHandler->m_fnOnItem = [&, strSecond = tree.Path("s2/")](const std::string& strPath) {
-      if (strPath.rfind(strSecond, 0) == 0) (void)pCallback->Abort();
+    pHandler->m_fnHook = [&, strSecond = tree.Path("s2/")](const CItemPtr& pItem) {
+      if (pItem->GetSourceFullyQualifiedItemName().rfind(strSecond, 0) == 0) (void)pCallback->Abort();
     };
   }
-  if (c.eFault == EVolumeFault::Unconfigured) pCallback->m_pVolumeHandler.reset();
+  if (c.eFault == EVolumeFault::Unconfigured) pCallback->m_pHandler.reset();
   const bool bMissing = c.eFault == EVolumeFault::SecondSurfaceMissing;
   CWorkUnitPtr pUnit = MakeUnit({tree.Path("s1"), tree.Path(bMissing ? "gone" : "s2"), tree.Path("s3")});
   ASSERT_TRUE(pUnit && pUnit->GetBag()->Write("MaxWorkers", c.iWorkers).IsSuccess());
@@ -184,24 +139,18 @@ TEST_P(TraverseScanEngineVolumeHandler, OpenedOnceForAllSurfaces) {
     EXPECT_EQ(log->CountContaining(c.szText), 1u) << c.szText;
   }
   EXPECT_EQ(pCallback->m_iHandlerRequests.load(), 1);
-  const std::vector<std::string>& lstEvents = pHandler->m_vEvents;
-  const auto Count = [&](const char* szEvent) { return std::count(lstEvents.begin(), lstEvents.end(), szEvent); };
-  EXPECT_EQ(Count("Initialize"), c.eFault == EVolumeFault::InitializeFails ? 1 : c.iOpened);
-  EXPECT_EQ(Count("Complete"), c.iOpened);
-  if (c.iOpened == 1) {
-    // Every item of every surface lies between the one Initialize and the one Complete.
-    EXPECT_EQ(lstEvents.front() + " " + lstEvents.back(), "Initialize Complete");
-  } else {
-    EXPECT_EQ(lstEvents.size(), static_cast<size_t>(Count("Initialize"))) << "items were delivered";
-  }
-  const std::vector<std::string>& lstFinal = pHandler->m_vFinal;
+  // Every item of every surface lies between the one Initialize and the one Complete.
+  std::vector<std::string> lstEvents = pHandler->m_vEvents;
+  if (c.eFault == EVolumeFault::AbortInSecondSurface && lstEvents.size() == 2) lstEvents[1].resize(lstEvents[1].find('@') + 1);
+  EXPECT_EQ(lstEvents, c.lstEvents);
+  const std::multiset<std::string> setPaths = Bag(pHandler->Paths());
+  const STokens tokens{{{"%R", tree.Root()}}};
   if (c.bAllSurfaces) {
-    const STokens tokens{{{"%R", tree.Root()}}};
-    EXPECT_EQ(lstFinal, tokens(std::vector<std::string>{"%R/s1/f1", "%R/s1/f2", "%R/s2/sub", "%R/s2/sub/f3", "%R/s3/f4"}));
-  } else if (c.iOpened == 1) {
+    EXPECT_EQ(setPaths, Bag(tokens(std::vector<std::string>{"%R/s1/f1", "%R/s1/f2", "%R/s2/sub", "%R/s2/sub/f3", "%R/s3/f4"})));
+  } else if (c.lstEvents.size() == 2) {
     // The scan stopped at the second surface: the third was never traversed.
-    EXPECT_NE(std::find(lstFinal.begin(), lstFinal.end(), tree.Path("s1/f1")), lstFinal.end());
-    EXPECT_EQ(std::find(lstFinal.begin(), lstFinal.end(), tree.Path("s3/f4")), lstFinal.end());
+    EXPECT_EQ(setPaths.count(tree.Path("s1/f1")), 1u);
+    EXPECT_EQ(setPaths.count(tree.Path("s3/f4")), 0u);
   }
 }
 
