@@ -23,40 +23,31 @@ using namespace TraversalTestSupport;
 
 namespace {
 
-std::string KindRowName(const char* szKind, const char* szRow) { return std::string(szRow) + "_" + szKind; }
-
 // ---- the roots, by both generations ----
 
 struct SRootCase {
   const char* szName;
   bool bTopLevel;
-  void (*fnTree)(CTempTree&);
   std::vector<std::string> lstRoots;     // "%R" is the tree's root
   std::vector<std::string> lstReported;  // in any order; each root comes before what it holds
   int iErrNo;                            // 0: success
   std::vector<std::string> lstFailures;  // the failures file
+  const char* szRemovedWhenMet = "";     // a folder removed when its item is delivered, before its listing
 };
 
-void SmallTree(CTempTree& tree) {
-  tree.MakeFile("a/f1", "1");
-  tree.MakeFile("a/b/f2", "22");
-  tree.MakeFile("g", "333");
-  tree.MakeSymlink("link", tree.Path("a"));
-}
-
 const SRootCase kRootCases[] = {
-    {"EmptyQueue", true, SmallTree, {}, {}, 0, {}},
-    {"FolderRootNotReported", false, SmallTree, {"%R"}, {"%R/a", "%R/a/b", "%R/a/b/f2", "%R/a/f1", "%R/g", "%R/link"}, 0, {}},
-    {"FolderRootReportedFirst", true, SmallTree, {"%R"},
-     {"%R", "%R/a", "%R/a/b", "%R/a/b/f2", "%R/a/f1", "%R/g", "%R/link"}, 0, {}},
-    {"EveryRootReportedFirst", true, SmallTree, {"%R/a/b", "%R/g"}, {"%R/a/b", "%R/a/b/f2", "%R/g"}, 0, {}},
-    {"FileRoot", false, SmallTree, {"%R/g"}, {"%R/g"}, 0, {}},
-    {"FileRootReportedOnce", true, SmallTree, {"%R/g"}, {"%R/g"}, 0, {}},
-    {"LinkRootNotFollowed", true, SmallTree, {"%R/link"}, {"%R/link"}, 0, {}},
+    {"EmptyQueue", true, {}, {}, 0, {}},
+    {"FolderRootNotReported", false, {"%R"}, {"%R/a", "%R/a/b", "%R/a/b/f2", "%R/a/f1", "%R/g", "%R/link"}, 0, {}},
+    {"FolderRootReportedFirst", true, {"%R"}, {"%R", "%R/a", "%R/a/b", "%R/a/b/f2", "%R/a/f1", "%R/g", "%R/link"}, 0, {}},
+    {"EveryRootReportedFirst", true, {"%R/a/b", "%R/g"}, {"%R/a/b", "%R/a/b/f2", "%R/g"}, 0, {}},
+    {"FileRoot", false, {"%R/g"}, {"%R/g"}, 0, {}},
+    {"FileRootReportedOnce", true, {"%R/g"}, {"%R/g"}, 0, {}},
+    {"LinkRootNotFollowed", true, {"%R/link"}, {"%R/link"}, 0, {}},
     // The folder added last is listed first: missing, it ends the scan; missing later, it is recorded.
-    {"MissingFirstRootFails", true, SmallTree, {"%R/missing"}, {}, ENOENT, {"folder %R/missing:2"}},
-    {"MissingLaterRootIsRecorded", true, SmallTree, {"%R/missing", "%R/a/b"}, {"%R/a/b", "%R/a/b/f2"}, 0,
-     {"folder %R/missing:2"}},
+    {"MissingFirstRootFails", true, {"%R/missing"}, {}, ENOENT, {"folder %R/missing:2"}},
+    {"MissingLaterRootIsRecorded", true, {"%R/missing", "%R/a/b"}, {"%R/a/b", "%R/a/b/f2"}, 0, {"folder %R/missing:2"}},
+    // Gone after it was met: recorded as missing, and the traversal goes on.
+    {"FolderGoneBeforeItsListing", false, {"%R/a"}, {"%R/a/b", "%R/a/f1"}, 0, {"folder %R/a/b:2"}, "b"},
 };
 
 class TraverseRoots : public ::testing::TestWithParam<std::tuple<SRootCase, SKind>> {};
@@ -64,17 +55,21 @@ class TraverseRoots : public ::testing::TestWithParam<std::tuple<SRootCase, SKin
 TEST_P(TraverseRoots, ReportsWhatTheRootsHold) {
   const auto& [row, kind] = GetParam();
   CTempTree tree, out;
-  row.fnTree(tree);
+  tree.MakeFile("a/f1", "1");
+  tree.MakeFile("a/b/f2", "22");
+  tree.MakeFile("g", "333");
+  tree.MakeSymlink("link", tree.Path("a"));
   const STokens tokens{{{"%R", tree.Root()}}};
   auto pCallback = std::make_shared<CTestCallback>();
   pCallback->UseFailuresFile(out.Path("failures"));
+  pCallback->m_pHandler->m_fnHook = [&](const CItemPtr& pItem) {
+    if (pItem->GetItemName() == row.szRemovedWhenMet) RemoveTreeAt(AT_FDCWD, pItem->GetLocalFullyQualifiedItemName().c_str());
+  };
 
   CQiError error = Traverse(kind, pCallback, tokens(row.lstRoots), {row.bTopLevel});
 
-  if (row.iErrNo == 0) {
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-  } else {
-    EXPECT_TRUE(error.IsErrNo(row.iErrNo)) << error.AsString();
+  EXPECT_TRUE(row.iErrNo ? error.IsErrNo(row.iErrNo) : error.IsSuccess()) << error.AsString();
+  if (row.iErrNo != 0) {
     EXPECT_NE(error.AsString().find("Traverse failed, Content Path=" + tokens(row.lstRoots.back()) + " not found"),
               std::string::npos) << error.AsString();
   }
@@ -86,33 +81,15 @@ TEST_P(TraverseRoots, ReportsWhatTheRootsHold) {
       EXPECT_NE(it->rfind(strRoot + "/", 0), 0u) << *it << " came before its root " << strRoot;
   }
   EXPECT_EQ(pCallback->FailureLines(), tokens(row.lstFailures));
-  EXPECT_EQ(pCallback->m_pHandler->m_iInitialized.load(), 1);
-  EXPECT_EQ(pCallback->m_pHandler->m_iCompleted.load(), 1);
+  EXPECT_EQ(pCallback->m_pHandler->m_vEvents, (std::vector<std::string>{"Initialize@0", "Complete@" + std::to_string(lstPaths.size())}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Roots, TraverseRoots,
-                         ::testing::Combine(::testing::ValuesIn(kRootCases), ::testing::ValuesIn(kKinds)),
+INSTANTIATE_TEST_SUITE_P(Roots, TraverseRoots, ::testing::Combine(::testing::ValuesIn(kRootCases), ::testing::ValuesIn(kKinds)),
                          [](const auto& info) {
-                           return KindRowName(std::get<1>(info.param).szName, std::get<0>(info.param).szName);
+                           return std::string(std::get<0>(info.param).szName) + "_" + std::get<1>(info.param).szName;
                          });
 
-// A folder that goes after it was met (its item delivered) and before it is listed is recorded
-// as missing, and the traversal goes on.
 class TraverseKinds : public ::testing::TestWithParam<SKind> {};
-
-TEST_P(TraverseKinds, FolderGoneBeforeItsListingIsSkipped) {
-  CTempTree tree, out;
-  tree.MakeFile("gone/x");
-  tree.MakeFile("kept/a.txt");
-  auto pCallback = std::make_shared<CTestCallback>();
-  pCallback->UseFailuresFile(out.Path("failures"));
-  pCallback->m_pHandler->m_fnHook = [&](const CItemPtr& pItem) {
-    if (pItem->GetItemName() == "gone") RemoveTreeAt(AT_FDCWD, tree.Path("gone").c_str());
-  };
-  ASSERT_TRUE(Traverse(GetParam(), pCallback, {tree.Root()}).IsSuccess());
-  EXPECT_EQ(Bag(pCallback->m_pHandler->Paths()), Bag(std::vector{tree.Path("gone"), tree.Path("kept"), tree.Path("kept/a.txt")}));
-  EXPECT_EQ(pCallback->FailureLines(), std::vector<std::string>{"folder " + tree.Path("gone") + ":2"});
-}
 
 // Depth-first: the folder added last is listed next, both for queued roots and for the
 // subfolders met in a listing (whose order is the file system's).
@@ -295,7 +272,7 @@ TEST_P(EnumerateFilesSelection, ReportsSelectedAndListsOnlyWhatMayHoldSelection)
   std::vector<std::string> expected;
   for (const std::string& rel : row.lstReported) expected.push_back(strOut + "/" + rel);
   EXPECT_EQ(Bag(rig.pCallback->m_pHandler->Paths()), Bag(expected));
-  EXPECT_EQ(log->CountContaining("FindFirst, SearchPath=" + tree.Root()), 1u);
+  EXPECT_GE(log->CountContaining("FindFirst, SearchPath=" + tree.Root()), 1u);  // the line the checks below look for
   for (const std::string& rel : row.lstNotListed)
     EXPECT_EQ(log->CountContaining("FindFirst, SearchPath=" + tree.Path(rel)), 0u) << rel;
 }
