@@ -234,37 +234,6 @@ INSTANTIATE_TEST_SUITE_P(Table, LongPathBoundaryTest,
 
 // ---- listing a folder ----
 
-TEST_F(BasicPathEnumeratorFixture, ListsEveryEntryOnceInKernelOrder) {
-  m_tree.MakeFile("list/a.txt", "abc");
-  m_tree.MakeFile("list/sub/inner.txt");
-  m_tree.MakeSymlink("list/link", "a.txt");
-  m_tree.MakeFifo("list/pipe");
-  m_tree.MakeFile("list/\xff\x01name");
-  const std::string strFolder = m_tree.Path("list");
-  CBasicPathEnumerator enumerator;
-  SListing listing = ListAll(enumerator, strFolder + "/*", FolderItem(strFolder, "/src/list"));
-  EXPECT_TRUE(listing.endError.IsWin32(kNoMoreFiles)) << listing.endError.AsString();
-  EXPECT_EQ(listing.Names(), KernelOrder(strFolder));
-  for (size_t i = 0; i < listing.vItems.size(); ++i) {
-    const CItemPtr& pItem = listing.vItems[i];
-    const std::string& strName = pItem->GetItemName();
-    EXPECT_TRUE(listing.vItemErrors[i].IsSuccess()) << listing.vItemErrors[i].AsString();
-    ASSERT_NE(std::dynamic_pointer_cast<CFindFirstItem>(pItem), nullptr) << strName;
-    EXPECT_EQ(pItem->GetLocalFullyQualifiedItemName(), strFolder + "/" + strName);
-    EXPECT_EQ(pItem->GetSourceFullyQualifiedItemName(), "/src/list/" + strName);
-    EXPECT_EQ(pItem->GetWorkUnitBag(), m_pBag);
-    EXPECT_FALSE(pItem->isNewInImage());
-    struct stat st {};
-    ASSERT_EQ(lstat(pItem->GetLocalFullyQualifiedItemName().c_str(), &st), 0);
-    EXPECT_EQ(pItem->GetAttributes(), st.st_mode) << strName;
-  }
-  // The end stays the end.
-  CItemPtr pItem;
-  EXPECT_TRUE(enumerator.FindNext(pItem).IsWin32(kNoMoreFiles));
-  EXPECT_EQ(pItem, nullptr);
-  EXPECT_TRUE(m_pLog->GetEntries().empty());
-}
-
 TEST_F(BasicPathEnumeratorFixture, RootFolderJoinsWithOneDelimiter) {
   CBasicPathEnumerator enumerator;
   CItemPtr pItem;
@@ -303,22 +272,25 @@ INSTANTIATE_TEST_SUITE_P(Table, NoItemTest,
                                            SNoItemCase{"FindNextWithoutListing", 3, QiErrorCode::InvalidHandle, 0}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ---- the ignoreFS rule: entries whose source path is an exact hit in the mount path cache ----
+// ---- a listing: every entry once, in kernel order, less the exact hits in the mount path cache
+// (the ignoreFS rule) ----
 
 struct SMountCase {
   const char* name;
-  bool bCheck;                   // options bit 0
-  TNames vCache;                  // source paths ("@" stands for the local folder)
+  bool bCheck;                       // options bit 0
+  TNames vCache;                     // source paths ("@" stands for the local folder)
   std::set<std::string> setRefused;  // entry names left out
 };
 
-class MountPathCacheTest : public BasicPathEnumeratorFixture, public ::testing::WithParamInterface<SMountCase> {};
+class ListingTest : public BasicPathEnumeratorFixture, public ::testing::WithParamInterface<SMountCase> {};
 
-TEST_P(MountPathCacheTest, LeavesOutExactHits) {
+TEST_P(ListingTest, ListsEveryEntryOnceLeavingOutExactHits) {
   const SMountCase& c = GetParam();
-  m_tree.MakeFile("m/a");
+  m_tree.MakeFile("m/a", "abc");
   m_tree.MakeFile("m/b/inside");
-  m_tree.MakeFile("m/c");
+  m_tree.MakeSymlink("m/link", "a");
+  m_tree.MakeFifo("m/pipe");
+  m_tree.MakeFile("m/\xff\x01name");
   const std::string strFolder = m_tree.Path("m");
   CPathCacheUnorderedT<std::string> cache;
   for (const std::string& strPath : c.vCache) cache.Insert(strPath[0] == '@' ? strFolder + strPath.substr(1) : strPath, "mount");
@@ -326,12 +298,30 @@ TEST_P(MountPathCacheTest, LeavesOutExactHits) {
   if (c.bCheck) enumerator.SetFileOperationOptions(FXFile::kFindOptionMountPathCheck);
   enumerator.SetMountPathCache(cache);
 
-  SListing listing = ListAll(enumerator, strFolder, FolderItem(strFolder, "/src/m"));
+  SListing listing = ListAll(enumerator, strFolder + "/*", FolderItem(strFolder, "/src/m"));
   EXPECT_TRUE(listing.endError.IsWin32(kNoMoreFiles)) << listing.endError.AsString();
   TNames vExpected;
   for (const std::string& strName : KernelOrder(strFolder))
     if (c.setRefused.count(strName) == 0) vExpected.push_back(strName);
   EXPECT_EQ(listing.Names(), vExpected);
+  for (size_t i = 0; i < listing.vItems.size(); ++i) {
+    const CItemPtr& pItem = listing.vItems[i];
+    const std::string& strName = pItem->GetItemName();
+    EXPECT_TRUE(listing.vItemErrors[i].IsSuccess()) << listing.vItemErrors[i].AsString();
+    ASSERT_NE(std::dynamic_pointer_cast<CFindFirstItem>(pItem), nullptr) << strName;
+    EXPECT_EQ(pItem->GetLocalFullyQualifiedItemName(), strFolder + "/" + strName);
+    EXPECT_EQ(pItem->GetSourceFullyQualifiedItemName(), "/src/m/" + strName);
+    EXPECT_EQ(pItem->GetWorkUnitBag(), m_pBag);
+    EXPECT_FALSE(pItem->isNewInImage());
+    struct stat st {};
+    ASSERT_EQ(lstat(pItem->GetLocalFullyQualifiedItemName().c_str(), &st), 0);
+    EXPECT_EQ(pItem->GetAttributes(), st.st_mode) << strName;
+  }
+  // The end stays the end.
+  CItemPtr pItem;
+  EXPECT_TRUE(enumerator.FindNext(pItem).IsWin32(kNoMoreFiles));
+  EXPECT_EQ(pItem, nullptr);
+  // Each refusal is logged at level 0, and nothing else.
   std::multiset<std::string> setLogged, setExpectedLines;
   for (const auto& entry : m_pLog->GetEntries()) setLogged.insert(std::to_string(entry.level) + " " + entry.text);
   for (const std::string& strName : c.setRefused) setExpectedLines.insert("0 [/src/m/" + strName + "] skipped by ignoreFS rule");
@@ -339,10 +329,12 @@ TEST_P(MountPathCacheTest, LeavesOutExactHits) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Table, MountPathCacheTest,
-    ::testing::Values(SMountCase{"CheckOffNeverConsultsCache", false, {"/src/m/a", "/src/m/b"}, {}},
+    Table, ListingTest,
+    ::testing::Values(SMountCase{"NoCache", false, {}, {}},
+                      SMountCase{"CheckOffNeverConsultsCache", false, {"/src/m/a", "/src/m/b"}, {}},
                       SMountCase{"ExactSourceHitLeftOut", true, {"/src/m/b"}, {"b"}},
-                      SMountCase{"EveryEntryRefused", true, {"/src/m/a", "/src/m/b", "/src/m/c"}, {"a", "b", "c"}},
+                      SMountCase{"EveryKindRefused", true, {"/src/m/a", "/src/m/b", "/src/m/link", "/src/m/pipe"},
+                                 {"a", "b", "link", "pipe"}},
                       SMountCase{"ParentHitIsNotExact", true, {"/src/m"}, {}},
                       SMountCase{"AncestorHitIsNotExact", true, {"/src"}, {}},
                       SMountCase{"PathBelowEntryIsNotExact", true, {"/src/m/b/inside"}, {}},

@@ -67,68 +67,43 @@ class FailedFilesScannerFixture : public ::testing::Test {
   std::shared_ptr<CRootsCallback> m_pCallback = std::make_shared<CRootsCallback>();
 };
 
+// Each path that can be read goes to the handler of its content; the handler is asked for again
+// only when a path lies outside the content asked for last (a content without a handler is
+// remembered too). Lines that cannot name a file are skipped like vanished paths.
 TEST_F(FailedFilesScannerFixture, RescansReadablePathsThroughTheirContentsHandler) {
-  const std::string a = m_tree.MakeDir("A"), b = m_tree.MakeDir("B");
+  const std::string a = m_tree.MakeDir("A"), b = m_tree.MakeDir("B"), skipped = m_tree.MakeDir("S");
   const std::string f1 = m_tree.MakeFile("A/f1", "one"), f2 = m_tree.MakeFile("A/sub/f2", "two!");
   const std::string sub = m_tree.Path("A/sub"), f3 = m_tree.MakeFile("B/f3", ""), f4 = m_tree.MakeFile("A/f 4", "four");
+  const std::string s1 = m_tree.MakeFile("S/1"), outside = m_tree.MakeFile("outside");
   auto handlerA = std::make_shared<CRecordingHandler>(), handlerB = std::make_shared<CRecordingHandler>();
-  m_pCallback->m_vRoots = {{a, handlerA}, {b, handlerB}};
-  WriteList("\n" + f1 + "\r\n" +           // carriage return
-            "   \t\r\n" +                  // blank
-            f2 + "  \t\n" +                // trailing blanks and tab
-            m_tree.Path("A/gone") + "\n" +  // vanished since the failure
-            "\n\n" + sub + "\n" +          // a folder
-            f3 + "\n" +                    // another content path: asks again
-            f4 + "\r");                    // back under A: asks again; no final line feed
+  m_pCallback->m_vRoots = {{a, handlerA}, {b, handlerB}, {skipped, nullptr}};
+  WriteList("\n" + f1 + "\r\n" +              // carriage return
+            "   \t\r\n" +                     // blank
+            f2 + "  \t\n" +                   // trailing blanks and tab
+            m_tree.Path("A/gone") + "\n" +    // vanished since the failure
+            a + std::string("/x\0y\n", 5) +   // a NUL byte
+            a + "/" + std::string(5000, 'n') + "\n" +  // too long
+            "\n\n" + sub + "\n" +             // a folder
+            a + "\n" +                        // the content path itself
+            f3 + "\n" +                       // another content path: asks again
+            s1 + "\n" + m_tree.MakeFile("S/2") + "\n" +  // a content without handler: asks once
+            outside + "\n" +                  // under no content: asks
+            f4 + "\r");                       // back under A: asks again; no final line feed
 
   CQiError error = Run();
   ASSERT_TRUE(error.IsSuccess()) << error.AsString();
 
-  EXPECT_EQ(m_pCallback->m_vAsked, (Paths{f1, f3, f4}));
-  EXPECT_EQ(handlerA->Sources(), (Paths{f1, f2, sub, f4}));
+  EXPECT_EQ(m_pCallback->m_vAsked, (Paths{f1, f3, s1, outside, f4}));
+  EXPECT_EQ(handlerA->Sources(), (Paths{f1, f2, sub, a, f4}));
   EXPECT_EQ(handlerB->Sources(), Paths{f3});
   // Items are real find-first items sharing the run's one bag.
-  ASSERT_EQ(handlerA->m_vItems.size(), 4u);
-  EXPECT_EQ(handlerA->m_vItems[0]->GetFileSize() * 10 + handlerA->m_vItems[1]->GetFileSize(), 34u);
+  ASSERT_EQ(handlerA->m_vItems.size(), 5u);
+  EXPECT_EQ(std::to_string(handlerA->m_vItems[0]->GetFileSize()) + std::to_string(handlerA->m_vItems[1]->GetFileSize()), "34");
   EXPECT_TRUE(handlerA->m_vItems[2]->IsFolder());
   EXPECT_NE(std::dynamic_pointer_cast<CFindFirstItem>(handlerA->m_vItems[0]), nullptr);
   EXPECT_TRUE(handlerA->m_vItems[0]->GetWorkUnitBag());
   EXPECT_EQ(handlerA->m_vItems[0]->GetWorkUnitBag(), handlerB->m_vItems[0]->GetWorkUnitBag());
-  EXPECT_EQ(handlerA->m_vItems[0]->GetWorkUnitBag(), handlerA->m_vItems[3]->GetWorkUnitBag());
-}
-
-TEST_F(FailedFilesScannerFixture, ConsecutivePathsUnderOneContentAskOnce) {
-  const std::string root = m_tree.MakeDir("data");
-  std::string list;
-  for (int i = 0; i < 5; ++i) list += m_tree.MakeFile("data/d" + std::to_string(i) + "/f", "x") + "\n";
-  WriteList(list + root + "\n");  // the content path itself is under it too
-  auto handler = std::make_shared<CRecordingHandler>();
-  m_pCallback->m_vRoots = {{root, handler}};
-  ASSERT_TRUE(Run().IsSuccess());
-  EXPECT_EQ(m_pCallback->m_vAsked.size(), 1u);
-  EXPECT_EQ(handler->m_vItems.size(), 6u);
-}
-
-// The content path is remembered even without a handler; a path under no content asks again.
-TEST_F(FailedFilesScannerFixture, ContentWithoutHandlerIsSkipped) {
-  auto handler = std::make_shared<CRecordingHandler>();
-  m_pCallback->m_vRoots = {{m_tree.MakeDir("skipped"), nullptr}, {m_tree.MakeDir("kept"), handler}};
-  const std::string s1 = m_tree.MakeFile("skipped/1"), s2 = m_tree.MakeFile("skipped/2");
-  const std::string k1 = m_tree.MakeFile("kept/1"), outside = m_tree.MakeFile("outside");
-  WriteList(s1 + "\n" + s2 + "\n" + k1 + "\n" + outside + "\n");
-  ASSERT_TRUE(Run().IsSuccess());
-  EXPECT_EQ(m_pCallback->m_vAsked, (Paths{s1, k1, outside}));
-  EXPECT_EQ(handler->Sources(), Paths{k1});
-}
-
-// Lines that cannot name a file are skipped like vanished paths, never a crash.
-TEST_F(FailedFilesScannerFixture, UnusablePathsAreSkipped) {
-  const std::string root = m_tree.MakeDir("A"), ok = m_tree.MakeFile("A/ok");
-  WriteList(root + std::string("/x\0y\n", 5) + root + "/" + std::string(5000, 'n') + "\n" + ok + "\n");
-  auto handler = std::make_shared<CRecordingHandler>();
-  m_pCallback->m_vRoots = {{root, handler}};
-  ASSERT_TRUE(Run().IsSuccess());
-  EXPECT_EQ(handler->Sources(), Paths{ok});
+  EXPECT_EQ(handlerA->m_vItems[0]->GetWorkUnitBag(), handlerA->m_vItems[4]->GetWorkUnitBag());
 }
 
 // Nothing to re-scan: no list, a list that cannot be opened (a dangling link), a list of blank

@@ -55,26 +55,8 @@ TEST_P(FastVariantRefusal, WithoutFolderLevelMultithreadTouchesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(Variants, FastVariantRefusal, ::testing::Values(EKind::Fast, EKind::FastDelete));
 
-TEST(FindFirstVolume, SkipsUnitsAlreadyProcessedAndReportsCompletion) {
-  CTempTree tree;
-  const std::string strFile = tree.MakeFile("new/a.txt");
-  auto pCallback = std::make_shared<CTestCallback>();
-  CWorkUnitPtr pDone = MakeUnit({tree.Path("old")});  // would fail: the folder does not exist
-  pDone->SetDisposition("FF", 0);
-  CWorkUnitPtr pFresh = MakeUnit({tree.Path("new")});
-  auto pVolume = std::make_shared<CVolumeWorkUnit>();
-  pVolume->AddWorkUnit(pDone);
-  pVolume->AddWorkUnit(pFresh);
-
-  ASSERT_TRUE(MakeEngine(EKind::FindFirst, pCallback)->ProcessVolumeWorkUnit(pVolume).IsSuccess());
-
-  EXPECT_EQ(pCallback->m_iHandlerRequests.load(), 1);
-  EXPECT_EQ(pCallback->m_pHandler->Paths(), Paths{strFile});
-  EXPECT_EQ(pDone->DispositionAsString() + " " + pFresh->DispositionAsString(), "Processed(FF) Processed(FF)");
-  EXPECT_EQ(pCallback->m_vCompleted, Paths{"FF|" + tree.Path("new") + "|/"});
-}
-
-// Process(): the physical medium's volumes, one after another; an abort ends it.
+// Process(): the physical medium's volumes, one after another; a unit processed before is
+// skipped, each volume scanned reports its completion, and an abort ends it.
 struct SProcessCase {
   const char* szName;
   int iVolumes;    // -1: no medium; the first of two is a wildcard unit whose volume is missing
@@ -82,14 +64,15 @@ struct SProcessCase {
   uint32_t uWin32;  // 0: success
   Paths lstDispositions;  // of the units made, in order
   const char* szLogLine;  // a level -1 line, or null
+  Paths lstCompleted = {};  // "%R" is the tree
 };
 
 const SProcessCase kProcessCases[] = {
     {"NoMedium", -1, false, 0, {}, "No physical media work unit assigned; nothing to do"},
     {"NoVolumes", 0, false, 0, {},
      "No volume work units assigned to this physical media work unit; nothing to do, PhysicalMediaId=disk0"},
-    {"FailedVolumeThenNext", 2, false, 0, {"Failed(FF=1627)", "Processed(FF)"}, nullptr},
-    {"AbortEndsProcess", 2, true, 995, {"Failed(FF=995)", "NotProcessed"}, nullptr},
+    {"FailedVolumeThenNext", 2, false, 0, {"Failed(FF=1627)", "Processed(FF)", "Processed(FF)"}, nullptr, {"FF|%R/data|/"}},
+    {"AbortEndsProcess", 2, true, 995, {"Failed(FF=995)", "NotProcessed", "Processed(FF)"}, nullptr},
 };
 
 class FindFirstProcess : public ::testing::TestWithParam<SProcessCase> {};
@@ -112,6 +95,11 @@ TEST_P(FindFirstProcess, WalksTheMediumsVolumes) {
     if (i == 0 && !row.bAbort) lstUnits[0]->SetContainsVolumeWildcardScanPaths();
     auto pVolume = std::make_shared<CVolumeWorkUnit>();
     pVolume->AddWorkUnit(lstUnits.back());
+    if (i == 1) {  // and a unit processed before, that would fail: the folder does not exist
+      lstUnits.push_back(MakeUnit({tree.Path("old")}));
+      lstUnits.back()->SetDisposition("FF", 0);
+      pVolume->AddWorkUnit(lstUnits.back());
+    }
     pMedium->AddVolumeWorkUnit(pVolume);
   }
   (void)pEngine->SetPhysicalMediaWorkUnit(pMedium);
@@ -123,6 +111,9 @@ TEST_P(FindFirstProcess, WalksTheMediumsVolumes) {
   Paths lstDispositions;
   for (const CWorkUnitPtr& pUnit : lstUnits) lstDispositions.push_back(pUnit->DispositionAsString());
   EXPECT_EQ(lstDispositions, row.lstDispositions);
+  const STokens tokens{{{"%R", tree.Root()}}};
+  EXPECT_EQ(pCallback->m_vCompleted, tokens(row.lstCompleted));
+  EXPECT_EQ(pCallback->m_pHandler->Paths(), row.uWin32 || row.iVolumes < 2 ? Paths{} : Paths{tree.Path("data/f")});
   if (row.szLogLine != nullptr) {
     EXPECT_EQ(log->Count(row.szLogLine, -1), 1u);
   }
