@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -19,16 +20,19 @@
 #include "Platform/FXFile.h"
 #include "Platform/PrefixContentMapper.h"
 #include "Scan/BasicPathEnumerator.h"
-#include "Scan/DeepTree.h"  // Cwd
 #include "Scan/FabricatedItem.h"
 #include "Scan/FindFirstItem.h"
 #include "Scan/LongPathHandler.h"
 #include "Support/LogCapture.h"
 #include "Support/RunAsNobody.h"
+#include "Support/TempTree.h"
 
 namespace {
 
-using LongPathTestSupport::Cwd;
+std::string Cwd() {
+  char buffer[PATH_MAX];
+  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string();
+}
 using TNames = std::vector<std::string>;
 
 constexpr uint32_t kNoMoreFiles = QiErrorCode::NoMoreFiles;

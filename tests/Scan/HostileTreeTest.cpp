@@ -134,25 +134,6 @@ TEST_P(HostileRun, ReportsEverythingUnderALowDescriptorLimit) {
             0);
 }
 
-// A handler may keep weak references to items: an item never turns into another object.
-TEST_P(HostileRun, ItemsKeptByWeakReferenceStayTheirObjects) {
-  CTempTree tree;
-  for (int i = 0; i < 50; ++i) tree.MakeFile("d/f" + std::to_string(i));
-  auto pCallback = std::make_shared<CTestCallback>();
-  std::mutex mutex;
-  std::vector<std::pair<std::weak_ptr<CItem>, std::string>> kept;
-  pCallback->m_pHandler->m_fnHook = [&](const CItemPtr& pItem) {
-    std::lock_guard<std::mutex> lock(mutex);
-    kept.emplace_back(pItem, pItem->GetSourceFullyQualifiedItemName());
-  };
-  ASSERT_TRUE(Traverse(GetParam(), pCallback, {tree.Root()}).IsSuccess());
-  for (const auto& [pWeak, strPath] : kept) {
-    if (CItemPtr pItem = pWeak.lock()) {
-      EXPECT_EQ(pItem->GetSourceFullyQualifiedItemName(), strPath);
-    }
-  }
-}
-
 // ---- a mount that never answers ----
 
 // A FUSE mount whose daemon never answers: every call that reaches it blocks until the

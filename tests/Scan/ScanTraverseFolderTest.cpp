@@ -119,7 +119,8 @@ TEST_P(TraverseOrder, LastFolderAddedIsListedNext) {
 
 // Links of a folder are delivered after every other entry of that folder, in every folder,
 // whatever order the file system lists them in; also in a folder with more links than are held
-// aside (listed a second time for them), each exactly once.
+// aside (listed a second time for them), each exactly once. A handler may keep weak references
+// to the items: an item never turns into another object.
 TEST_P(TraverseKinds, LinksComeAfterAllOtherEntriesOfTheirFolder) {
   CTempTree tree;
   const int iManyLinks = static_cast<int>(CFolderListing::kMaxHeldReparsePoints) + 5;
@@ -133,7 +134,17 @@ TEST_P(TraverseKinds, LinksComeAfterAllOtherEntriesOfTheirFolder) {
     }
   }
   auto pCallback = std::make_shared<CTestCallback>();
+  std::mutex mutex;
+  std::vector<std::pair<std::weak_ptr<CItem>, std::string>> lstKept;
+  pCallback->m_pHandler->m_fnHook = [&](const CItemPtr& pItem) {
+    std::lock_guard<std::mutex> lock(mutex);
+    lstKept.emplace_back(pItem, pItem->GetSourceFullyQualifiedItemName());
+  };
   ASSERT_TRUE(Traverse(GetParam(), pCallback, {tree.Path("top")}).IsSuccess());
+  for (const auto& [pWeak, strPath] : lstKept) {
+    const CItemPtr pItem = pWeak.lock();
+    EXPECT_EQ(pItem ? pItem->GetSourceFullyQualifiedItemName() : strPath, strPath);
+  }
 
   std::map<std::string, std::vector<bool>> mapIsLinkByFolder;
   for (const SRecord& record : pCallback->m_pHandler->Records())

@@ -89,6 +89,7 @@ class CTestCallback : public CScannerCallback {
   CTestCallback() { (void)SetScannerConfigurationBag(std::make_shared<CBag>()); }
   CQiError GetOutputHandler(const std::string& strName, COutputHandlerPtr& pHandler) override {
     ++m_iHandlerRequests;
+    if (strName == m_strRefusedHandler) return QI_ERROR_WIN32(5, "handler refused");
     m_vHandlerNames.push_back(strName);
     pHandler = m_pHandler;
     return CQiError();
@@ -121,7 +122,8 @@ class CTestCallback : public CScannerCallback {
   std::shared_ptr<CRecordingHandler> m_pHandler = std::make_shared<CRecordingHandler>();
   std::shared_ptr<CScanFailureConsumer> m_pFailures;
   std::atomic<int> m_iHandlerRequests{0};
-  std::vector<std::string> m_vHandlerNames;  // every handler asked for (one thread asks)
+  std::vector<std::string> m_vHandlerNames;  // every handler handed out (one thread asks)
+  std::string m_strRefusedHandler = "\n";     // the name of a handler refused with 5
   std::mutex m_mutex;
   std::vector<std::string> m_vCompleted;
 };
