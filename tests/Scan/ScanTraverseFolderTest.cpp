@@ -50,6 +50,8 @@ const SRootCase kRootCases[] = {
     {"FolderGoneBeforeItsListing", false, {"%R/a"}, {"%R/a/b", "%R/a/f1"}, 0, {"folder %R/a/b:2"}, "b"},
 };
 
+void PrintTo(const SRootCase& row, std::ostream* pStream) { *pStream << row.szName; }
+
 class TraverseRoots : public ::testing::TestWithParam<std::tuple<SRootCase, SKind>> {};
 
 TEST_P(TraverseRoots, ReportsWhatTheRootsHold) {

@@ -175,6 +175,7 @@ struct SKind {
   bool bSecondGeneration;
   int iWorkers;
 };
+inline void PrintTo(const SKind& kind, std::ostream* pStream) { *pStream << kind.szName; }
 inline const SKind kKinds[] = {{"FirstGen1", false, 1}, {"FirstGen3", false, 3},
                                {"SecondGen1", true, 1}, {"SecondGen2", true, 2}};
 
