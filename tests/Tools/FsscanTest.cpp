@@ -335,6 +335,8 @@ TEST_F(FsscanFixture, ItemLinesCarryLstatData) {
 }
 
 // Exit status and what is recorded, per kind of invocation.
+const char* const kOutputFull = "fsscan: cannot write the item list: errno 28 (No space left on device)";
+const std::vector<std::string> kNothing = {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "};
 struct SExitCase {
   const char* szName;
   std::vector<std::string> lstArgs;  // "{T}" stands for the tree's root, "{S}" for the scratch folder
@@ -415,23 +417,13 @@ INSTANTIATE_TEST_SUITE_P(
                   nullptr, "fsscan: cannot write the failures file '/dev/full': errno 28 (No space left on device)",
                   {"\nfsscan: cannot scan '{T}/mixed/locked' (error 13)\n", " items, 0 folders, 2 bytes, 0 failures (1 not written), "}},
         // An item list that cannot be written: the same answer from every engine, nothing counted.
-        SExitCase{"OutputFullFacade", {"-o", "/dev/full", "{T}/many"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)",
-                  {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "}},
-        SExitCase{"OutputFullFast4Workers", {"-o", "/dev/full", "--workers", "4", "{T}/many"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)",
-                  {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "}},
-        SExitCase{"OutputFullFindFirst", {"-o", "/dev/full", "--engines", "findfirst", "{T}/many"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)"},
-        SExitCase{"OutputFullFast", {"-o", "/dev/full", "--engines", "fast", "{T}/many"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)"},
-        SExitCase{"OutputFullTraverse", {"-o", "/dev/full", "--traverse", "--workers", "2", "{T}/many"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)"},
-        SExitCase{"OutputFullOnDemand", {"-o", "/dev/full", "--engines", "ondemand", "{S}/list"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)", {}, "{T}/many\n"},
-        SExitCase{"OutputFullFromFile", {"-o", "/dev/full", "--from-file", "{S}/list"}, 2, {}, nullptr,
-                  "fsscan: cannot write the item list: errno 28 (No space left on device)",
-                  {"fsscan: 0 items, 0 folders, 0 bytes, 0 failures, "}, "{T}/many\n"},
+        SExitCase{"OutputFullFacade", {"-o", "/dev/full", "{T}/many"}, 2, {}, nullptr, kOutputFull, kNothing},
+        SExitCase{"OutputFullFast4Workers", {"-o", "/dev/full", "--workers", "4", "{T}/many"}, 2, {}, nullptr, kOutputFull, kNothing},
+        SExitCase{"OutputFullFindFirst", {"-o", "/dev/full", "--engines", "findfirst", "{T}/many"}, 2, {}, nullptr, kOutputFull},
+        SExitCase{"OutputFullFast", {"-o", "/dev/full", "--engines", "fast", "{T}/many"}, 2, {}, nullptr, kOutputFull},
+        SExitCase{"OutputFullTraverse", {"-o", "/dev/full", "--traverse", "--workers", "2", "{T}/many"}, 2, {}, nullptr, kOutputFull},
+        SExitCase{"OutputFullOnDemand", {"-o", "/dev/full", "--engines", "ondemand", "{S}/list"}, 2, {}, nullptr, kOutputFull, {}, "{T}/many\n"},
+        SExitCase{"OutputFullFromFile", {"-o", "/dev/full", "--from-file", "{S}/list"}, 2, {}, nullptr, kOutputFull, kNothing, "{T}/many\n"},
         // Device nodes named as content are reported as the objects themselves, never read.
         SExitCase{"DevicesAsContent", {"-0", "-f", "{S}/failures", "/dev/null", "{T}/dev/blk", "{T}/dev/link"}, 0,
                   {"/dev/null", "{T}/dev/blk", "{T}/dev/link"}, nullptr},
