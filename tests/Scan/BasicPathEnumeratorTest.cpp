@@ -170,6 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
                       SPathCase{"PathNonUtf8Name", EForm::PathMapper, "host/\xff\xfe.bin", true, 0, 0},
                       SPathCase{"PathMapperRefuses", EForm::PathMapper, "elsewhere.txt", true, 0, 87},
                       SPathCase{"LocalSource", EForm::LocalSource, "host/file.txt", false, 0, 0},
+                      SPathCase{"BagPathMapped", EForm::BagPathMapper, "host/file.txt", true, 0, 0},
                       SPathCase{"BagPathMissingMapped", EForm::BagPathMapper, "host/missing", true, ENOENT, 0},
                       SPathCase{"BagLocalSource", EForm::BagLocalSource, "host/file.txt", false, 0, 0},
                       SPathCase{"BagLocalSourceMissing", EForm::BagLocalSource, "host/missing", false, ENOENT, 0}),

@@ -114,7 +114,9 @@ TEST_P(FailedFilesNothingToDo, IsNotAnError) {
   if (GetParam() == 1) m_tree.MakeSymlink("job/failures.zrf", "/nowhere/list");
   if (GetParam() == 2) WriteList("\n \r\n\t\n");
   const std::string strFolder = GetParam() == 3 ? m_tree.Path("nowhere") : m_tree.MakeDir("job");
-  EXPECT_TRUE(CFailedFilesScanner(1, m_pCallback, strFolder).Run().IsSuccess());
+  CFailedFilesScanner scanner(1, m_pCallback, strFolder);
+  EXPECT_FALSE(scanner.IsAborted());  // stopped from outside only
+  EXPECT_TRUE(scanner.Run().IsSuccess());
   EXPECT_TRUE(m_pCallback->m_vAsked.empty());
 }
 

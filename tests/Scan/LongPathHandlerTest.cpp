@@ -586,6 +586,7 @@ TEST_P(LongPathHandlerArchiveTest, GetHandler) {
   const auto [bArchiveIndex, bOnOtherThread] = GetParam();
   CHandlerGuard guard;
   LongPathHandler::setIsArchiveIndex(bArchiveIndex);
+  EXPECT_EQ(LongPathHandler::getIsArchiveIndex(), bArchiveIndex);
   LongPathHandler* handler = nullptr;
   if (bOnOtherThread) std::thread([&] { handler = LongPathHandler::GetHandler(); }).join();
   else handler = LongPathHandler::GetHandler();

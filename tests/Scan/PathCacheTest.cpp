@@ -72,6 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
         SSearchCase{"NestedEmptyIsRoot", 1, false, true, "", R::Exact, "root"},
         SSearchCase{"NestedTopLevelIsParent", 1, false, true, "/x", R::Parent, "root"},
         SSearchCase{"NestedSecondLevelIsAncestor", 1, false, true, "/x/y", R::Ancestor, "root"},
+        SSearchCase{"NestedMissingUnderIntermediate", 1, false, true, "/mnt/b", R::Ancestor, "root"},
         SSearchCase{"NestedExactA", 1, false, true, "/mnt/a", R::Exact, "A"},
         SSearchCase{"NestedIntermediateUnderA", 1, false, true, "/mnt/a/b", R::Parent, "A"},
         SSearchCase{"NestedMissingBelowA", 1, false, true, "/mnt/a/x/y", R::Ancestor, "A"},
@@ -204,6 +205,7 @@ TEST_P(PathCacheCopyTest, SharesInsertsBothWays) {
     other = original;
   }
   EXPECT_EQ(other.GetRoot(), original.GetRoot());
+  EXPECT_TRUE(other.GetAcceptBothSlashes());
   std::string value;
   EXPECT_EQ(other.Search("/mnt/a", value), R::Exact);
   EXPECT_EQ(other.Search("/elsewhere", value), R::NotFound);

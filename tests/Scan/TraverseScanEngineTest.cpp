@@ -18,6 +18,7 @@ namespace {
 // The item path is refused: the engine scans whole work units only.
 TEST(TraverseScanEngineItemPath, IsRefused) {
   CTraverseScanEngine engine;
+  EXPECT_EQ(engine.getDescription(), "Traverse");
   for (const auto& [error, uCode, szText] :
        {std::tuple{engine.OpenOutputHandler("/"), 1359u, "does not support output handlers at this level"},
         std::tuple{engine.CloseOutputHandler(), 1359u, "does not support output handlers at this level"},
