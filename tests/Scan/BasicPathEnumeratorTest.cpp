@@ -396,7 +396,8 @@ TEST_F(BasicPathEnumeratorFixture, UnsearchableFolderGivesFabricatedItemsButNeve
               CBasicPathEnumerator enumerator;
               enumerator.SetFileOperationOptions(FXFile::kFindOptionMountPathCheck);
               enumerator.SetMountPathCache(cache);
-              SListing listing = ListAll(enumerator, strFolder, std::make_shared<CFabricatedItem>(CBagPtr(), strFolder, "/src/r"));
+              const SListing listing =
+                  ListAll(enumerator, strFolder, std::make_shared<CFabricatedItem>(CBagPtr(), strFolder, "/src/r"));
               if (!listing.endError.IsWin32(kNoMoreFiles)) return 1;
               for (size_t i = 0; i < listing.vItems.size(); ++i) {
                 const CQiError& error = listing.vItemErrors[i];

@@ -244,7 +244,8 @@ TEST_P(EngineExactSet, EqualsFindLessTheExcludedEntries) {
               for (const SRecord& record : pCallback->m_pHandler->Records())
                 strItems += record.strPath + '\0' + std::to_string(record.ullSize) + '\0' + std::to_string(record.uMode) + '\0';
               if (!WriteFileText(strOut + "/items", strItems)) return 3;
-              return system(("find '" + strRoot + "' -mindepth 1 -print0 > '" + strOut + "/find' 2>/dev/null").c_str()) >= 0 ? 0 : 4;
+              const std::string strFind = "find '" + strRoot + "' -mindepth 1 -print0 > '" + strOut + "/find' 2>/dev/null";
+              return system(strFind.c_str()) >= 0 ? 0 : 4;
             }),
             0);
 

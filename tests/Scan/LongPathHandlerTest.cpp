@@ -274,7 +274,9 @@ INSTANTIATE_TEST_SUITE_P(
           EXPECT_EQ((SId{st.st_dev, st.st_ino}), d.IdOfDeep());
           EXPECT_EQ(h.GetCurrentPath(), d.Level(kLevels - 1));
         }},
-        SWrapperCase{"OpenAndRead", [](H& h, const D& d) { EXPECT_EQ(Drain(h.open_long(F(d, "file1"), O_RDONLY | O_CLOEXEC)), "hello"); }},
+        SWrapperCase{"OpenAndRead", [](H& h, const D& d) {
+          EXPECT_EQ(Drain(h.open_long(F(d, "file1"), O_RDONLY | O_CLOEXEC)), "hello");
+        }},
         SWrapperCase{"OpenCreatesWithMode", [](H& h, const D& d) {
           close(h.open_long(F(d, "made"), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
           EXPECT_EQ(Stat(h, F(d, "made"), true).st_mode, S_IFREG | 0600u);
@@ -341,7 +343,9 @@ INSTANTIATE_TEST_SUITE_P(
           EXPECT_EQ(h.opendir_long(d.Level(30) + "/missing/x"), nullptr);
           EXPECT_EQ(errno, ENOENT);
         }},
-        SWrapperCase{"FileUsedAsFolder", [](H& h, const D& d) { EXPECT_EQ(Stat(h, F(d, "file1") + "/x", true).st_size, -ENOTDIR); }},
+        SWrapperCase{"FileUsedAsFolder", [](H& h, const D& d) {
+          EXPECT_EQ(Stat(h, F(d, "file1") + "/x", true).st_size, -ENOTDIR);
+        }},
         SWrapperCase{"NameLongerThanNameMax", [](H& h, const D& d) {
           EXPECT_EQ(Stat(h, d.Deep() + "/" + std::string(300, 'x') + "/f").st_size, -ENAMETOOLONG);
         }},
@@ -480,10 +484,12 @@ INSTANTIATE_TEST_SUITE_P(
         SMoveCase{"SameFolder", [](const D& d) { return d.Deep(); }, "file2", [](const D& d) { return d.IdOfDeep(); }, 3},
         SMoveCase{"SiblingOfDeepFolder", [](const D& d) { return d.Sibling(); }, "sibling.txt",
                   [](const D& d) { return d.Id("sibling"); }, 2},
-        SMoveCase{"SideFolderHalfWay", [](const D& d) { return d.Side(); }, "side.txt", [](const D& d) { return d.Id("side"); }, 1},
+        SMoveCase{"SideFolderHalfWay", [](const D& d) { return d.Side(); }, "side.txt",
+                  [](const D& d) { return d.Id("side"); }, 1},
         SMoveCase{"FolderBelow", [](const D& d) { return d.Deep() + "/sub"; }, "inner.txt",
                   [](const D& d) { return d.Id("sub"); }, 3},
-        SMoveCase{"OtherTree", [](const D& d) { return d.Tree().Root(); }, "top.txt", [](const D& d) { return d.IdOfLevel(0); }, 0}),
+        SMoveCase{"OtherTree", [](const D& d) { return d.Tree().Root(); }, "top.txt",
+                  [](const D& d) { return d.IdOfLevel(0); }, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Paths are compared by whole names: "sub" is not a folder on the way to "subway".

@@ -320,7 +320,8 @@ TEST(OnDemandNestedVolume, LeftToItsOwnEntry) {
   // Each object once: the mount point is not reported from the outer volume, its contents come
   // from the nested volume's own traversal, under its own output handler.
   const STokens tokens{{{"%R", tree.Root()}}};
-  EXPECT_EQ(Bag(pCallback->m_pHandler->Paths()), Bag(tokens(Paths{"%R/dir/b.txt", "%R/dir/mnt/x.txt", "%R/dir/mnt/y", "%R/dir/mnt/y/z.txt"})));
+  EXPECT_EQ(Bag(pCallback->m_pHandler->Paths()),
+            Bag(tokens(Paths{"%R/dir/b.txt", "%R/dir/mnt/x.txt", "%R/dir/mnt/y", "%R/dir/mnt/y/z.txt"})));
   EXPECT_EQ(pCallback->m_vHandlerNames, (Paths{"/", strMount + "/"}));
 }
 
@@ -366,7 +367,8 @@ TEST_P(OnDemandLeftOutMounts, AreNeitherReportedNorWalked) {
   const SMountCase& row = GetParam();
   CLogCapture log;
   CTempTree tree, out;
-  for (const char* szFile : {"dir/b.txt", "dir/proc/1/status", "dir/proc/sub/x", "dir/nfs/n.txt", "dir/vol/v.txt", "dir/vol/sys/kernel"})
+  for (const char* szFile :
+       {"dir/b.txt", "dir/proc/1/status", "dir/proc/sub/x", "dir/nfs/n.txt", "dir/vol/v.txt", "dir/vol/sys/kernel"})
     tree.MakeFile(szFile);
   tree.MakeSymlink("up", tree.Root());
   const STokens tokens{{{"%R", tree.Root()}}};

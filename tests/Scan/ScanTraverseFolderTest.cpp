@@ -83,7 +83,8 @@ TEST_P(TraverseRoots, ReportsWhatTheRootsHold) {
       EXPECT_NE(it->rfind(strRoot + "/", 0), 0u) << *it << " came before its root " << strRoot;
   }
   EXPECT_EQ(pCallback->FailureLines(), tokens(row.lstFailures));
-  EXPECT_EQ(pCallback->m_pHandler->m_vEvents, (std::vector<std::string>{"Initialize@0", "Complete@" + std::to_string(lstPaths.size())}));
+  EXPECT_EQ(pCallback->m_pHandler->m_vEvents,
+            (std::vector<std::string>{"Initialize@0", "Complete@" + std::to_string(lstPaths.size())}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Roots, TraverseRoots, ::testing::Combine(::testing::ValuesIn(kRootCases), ::testing::ValuesIn(kKinds)),
@@ -242,7 +243,8 @@ struct SFilterCase {
   std::vector<std::string> lstNotListed;  // folders never opened (relative to the tree)
 };
 
-const std::vector<std::string> kAll = {"keep.txt", "drop.tmp", "skipme", "skipme/inner.txt", "a", "a/b", "a/b/deep.txt", "a/side.txt"};
+const std::vector<std::string> kAll = {"keep.txt", "drop.tmp", "skipme", "skipme/inner.txt",
+                                       "a",        "a/b",      "a/b/deep.txt", "a/side.txt"};
 const std::vector<std::string> kAllButSkipme = {"keep.txt", "drop.tmp", "a", "a/b", "a/b/deep.txt", "a/side.txt"};
 
 const SFilterCase kFilterCases[] = {

@@ -100,10 +100,12 @@ const SVolumeCase kVolumeCases[] = {
     {"AllSurfacesThreeWorkers", EVolumeFault::None, 3, 0, 0, nullptr, {"Initialize@0", "Complete@5"}, true},
     {"SecondSurfaceMissing", EVolumeFault::SecondSurfaceMissing, 2, ENOENT, 0, "Traverse failed, LocalVolumeName=[/]",
      {"Initialize@0", "Complete@2"}, false},
-    {"AbortInSecondSurface", EVolumeFault::AbortInSecondSurface, 2, 0, 995, "Operation aborted", {"Initialize@0", "Complete@"}, false},
+    {"AbortInSecondSurface", EVolumeFault::AbortInSecondSurface, 2, 0, 995, "Operation aborted",
+     {"Initialize@0", "Complete@"}, false},
     // Never opened, so never completed; nothing is traversed.
     {"InitializeFails", EVolumeFault::InitializeFails, 2, 0, 5, "Output handler Initialize failed", {"Initialize@0"}, false},
-    {"CompleteFails", EVolumeFault::CompleteFails, 2, 0, 6, "Output handler Complete failed", {"Initialize@0", "Complete@5"}, true},
+    {"CompleteFails", EVolumeFault::CompleteFails, 2, 0, 6, "Output handler Complete failed",
+     {"Initialize@0", "Complete@5"}, true},
     {"Unconfigured", EVolumeFault::Unconfigured, 2, 0, 0, "Output handler is unconfigured", {}, false},
 };
 

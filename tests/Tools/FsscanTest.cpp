@@ -163,7 +163,8 @@ class FsscanFixture : public ::testing::Test {
   // `find PATH -mindepth 1 -print0`, as the same user as fsscan, less the excluded entries.
   std::set<std::string> Find(const std::string& strPath) {
     std::set<std::string> setPaths;
-    for (const std::string& strFound : SplitNul(RunProgram({"/usr/bin/find", strPath, "-mindepth", "1", "-print0"}, m_scratch.Root()).strOut))
+    const SRun run = RunProgram({"/usr/bin/find", strPath, "-mindepth", "1", "-print0"}, m_scratch.Root());
+    for (const std::string& strFound : SplitNul(run.strOut))
       if (!HasExcludedComponent(strFound)) setPaths.insert(strFound);
     return setPaths;
   }
@@ -210,7 +211,8 @@ INSTANTIATE_TEST_SUITE_P(
     Engines, FsscanPrint0,
     ::testing::Values(SPrint0Case{"Facade", "mixed", {"--workers", "1"}},
                       SPrint0Case{"FastDriver4Workers", "mixed", {"--workers", "4"}},
-                      SPrint0Case{"ArbiterFastThenFindFirst", "mixed", {"--engines", "fast,findfirst", "--workers", "2", "--scanners", "2"}},
+                      SPrint0Case{"ArbiterFastThenFindFirst", "mixed",
+                                  {"--engines", "fast,findfirst", "--workers", "2", "--scanners", "2"}},
                       SPrint0Case{"Traverse1Worker", "mixed", {"--traverse", "--workers", "1"}},
                       SPrint0Case{"Traverse2Workers", "mixed", {"--traverse", "--workers", "2"}},
                       SPrint0Case{"LongFacade", "long", {"--workers", "1"}},
@@ -227,7 +229,8 @@ class FsscanFromFile : public FsscanFixture, public ::testing::WithParamInterfac
 TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
   const std::string strMixed = m_tree.Path("mixed"), strAbsent = m_tree.Path("clean/absent");
   const std::string strContent = m_scratch.Path("content"), strFailures = m_scratch.Path("failures");
-  WriteFileText(strContent, m_tree.Path("clean/y") + "\n/\n" + strMixed + "\n" + strAbsent + "\n" + m_tree.Path("clean/dir a/x.txt") + "\n");
+  WriteFileText(strContent, m_tree.Path("clean/y") + "\n/\n" + strMixed + "\n" + strAbsent + "\n" +
+                                m_tree.Path("clean/dir a/x.txt") + "\n");
   std::vector<std::string> lstArgs{"--print0", "--exclude", "*.tmp", "--failures", strFailures, "--from-file", strContent};
   if (GetParam()) lstArgs.push_back("--top-level");
   const SRun run = Fsscan(lstArgs);
@@ -415,15 +418,20 @@ INSTANTIATE_TEST_SUITE_P(
         // A failure record that the failures file cannot take is shown, counted apart, and a set-up error.
         SExitCase{"FailuresFileFull", {"-0", "-f", "/dev/full", "{T}/mixed/locked", "{T}/clean/y"}, 2, {"{T}/clean/y"},
                   nullptr, "fsscan: cannot write the failures file '/dev/full': errno 28 (No space left on device)",
-                  {"\nfsscan: cannot scan '{T}/mixed/locked' (error 13)\n", " items, 0 folders, 2 bytes, 0 failures (1 not written), "}},
+                  {"\nfsscan: cannot scan '{T}/mixed/locked' (error 13)\n",
+                   " items, 0 folders, 2 bytes, 0 failures (1 not written), "}},
         // An item list that cannot be written: the same answer from every engine, nothing counted.
         SExitCase{"OutputFullFacade", {"-o", "/dev/full", "{T}/many"}, 2, {}, nullptr, kOutputFull, kNothing},
-        SExitCase{"OutputFullFast4Workers", {"-o", "/dev/full", "--workers", "4", "{T}/many"}, 2, {}, nullptr, kOutputFull, kNothing},
+        SExitCase{"OutputFullFast4Workers", {"-o", "/dev/full", "--workers", "4", "{T}/many"}, 2, {}, nullptr, kOutputFull,
+                  kNothing},
         SExitCase{"OutputFullFindFirst", {"-o", "/dev/full", "--engines", "findfirst", "{T}/many"}, 2, {}, nullptr, kOutputFull},
         SExitCase{"OutputFullFast", {"-o", "/dev/full", "--engines", "fast", "{T}/many"}, 2, {}, nullptr, kOutputFull},
-        SExitCase{"OutputFullTraverse", {"-o", "/dev/full", "--traverse", "--workers", "2", "{T}/many"}, 2, {}, nullptr, kOutputFull},
-        SExitCase{"OutputFullOnDemand", {"-o", "/dev/full", "--engines", "ondemand", "{S}/list"}, 2, {}, nullptr, kOutputFull, {}, "{T}/many\n"},
-        SExitCase{"OutputFullFromFile", {"-o", "/dev/full", "--from-file", "{S}/list"}, 2, {}, nullptr, kOutputFull, kNothing, "{T}/many\n"},
+        SExitCase{"OutputFullTraverse", {"-o", "/dev/full", "--traverse", "--workers", "2", "{T}/many"}, 2, {}, nullptr,
+                  kOutputFull},
+        SExitCase{"OutputFullOnDemand", {"-o", "/dev/full", "--engines", "ondemand", "{S}/list"}, 2, {}, nullptr, kOutputFull,
+                  {}, "{T}/many\n"},
+        SExitCase{"OutputFullFromFile", {"-o", "/dev/full", "--from-file", "{S}/list"}, 2, {}, nullptr, kOutputFull, kNothing,
+                  "{T}/many\n"},
         // Device nodes named as content are reported as the objects themselves, never read.
         SExitCase{"DevicesAsContent", {"-0", "-f", "{S}/failures", "/dev/null", "{T}/dev/blk", "{T}/dev/link"}, 0,
                   {"/dev/null", "{T}/dev/blk", "{T}/dev/link"}, nullptr},
