@@ -29,17 +29,6 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-// A temporary tree on /dev/shm, the second volume of the test machine.
-std::unique_ptr<CTempTree> MakeShmTree() {
-  const char* szOld = getenv("TMPDIR");
-  const std::string strOld = szOld != nullptr ? szOld : "";
-  setenv("TMPDIR", "/dev/shm", 1);
-  auto pTree = std::make_unique<CTempTree>();
-  if (szOld != nullptr) setenv("TMPDIR", strOld.c_str(), 1);
-  else unsetenv("TMPDIR");
-  return pTree;
-}
-
 // Processes a volume work unit of the root volume whose scan paths are the content files (the
 // last of them written with the lines); returns the unit.
 CWorkUnitPtr ProcessContent(COnDemandScanEngine& engine, const CScannerCallbackPtr& pCallback, const std::string& strFile,
@@ -113,15 +102,15 @@ TEST_P(OnDemandContent, ReportsExactlyTheListedPaths) {
   const SContentCase& row = GetParam();
   CLogCapture log;
   CTempTree tree, out;
-  std::unique_ptr<CTempTree> pShm = MakeShmTree();
+  CTempTree shm("/dev/shm");  // the second volume of the test machine
   for (const char* szFile : {"a.txt", "dir/b.txt", "dir/sub/c.txt", "dir/skip/d.txt", "other/e.txt", "bad\xff\xfe"})
     tree.MakeFile(szFile, "x");
-  pShm->MakeFile("s.txt");
-  pShm->MakeFile("sdir/t.txt");
-  tree.MakeSymlink("shmlink", pShm->Path("sdir"));
+  shm.MakeFile("s.txt");
+  shm.MakeFile("sdir/t.txt");
+  tree.MakeSymlink("shmlink", shm.Path("sdir"));
   tree.MakeSymlink("loop", tree.Path("loop"));
-  pShm->MakeSymlink("rootlink", tree.Path("dir"));
-  const STokens tokens{{{"%R", tree.Root()}, {"%S", pShm->Root()}, {"%O", out.Root()}}};
+  shm.MakeSymlink("rootlink", tree.Path("dir"));
+  const STokens tokens{{{"%R", tree.Root()}, {"%S", shm.Root()}, {"%O", out.Root()}}};
   auto pCallback = std::make_shared<CTestCallback>();
   pCallback->UseFailuresFile(out.Path("failures"));
   if (row.iAutoExpand >= 0) pCallback->Set(COnDemandScanEngine::kParamAutoExpandDirs, row.iAutoExpand != 0);
@@ -157,14 +146,14 @@ TEST_P(OnDemandUnitFails, EndsTheUnitAndClosesTheHandler) {
   const bool bAbort = GetParam();  // else the /dev/shm handler is refused
   CLogCapture log;
   CTempTree tree, out;
-  std::unique_ptr<CTempTree> pShm = MakeShmTree();
+  CTempTree shm("/dev/shm");  // the second volume of the test machine
   auto pCallback = std::make_shared<CTestCallback>();
   if (bAbort) (void)pCallback->Abort();
   else pCallback->m_strRefusedHandler = "/dev/shm/";
   COnDemandScanEngine engine;
   CQiError error;
   CWorkUnitPtr pUnit = ProcessContent(engine, pCallback, out.Path("content"),
-                                      {tree.MakeFile("a.txt"), pShm->MakeFile("s.txt"), tree.MakeFile("b.txt")}, {}, &error);
+                                      {tree.MakeFile("a.txt"), shm.MakeFile("s.txt"), tree.MakeFile("b.txt")}, {}, &error);
 
   EXPECT_EQ(error.GetCode(), bAbort ? 995u : 0u) << error.AsString();
   EXPECT_EQ(pUnit->DispositionAsString(), bAbort ? "Failed(OD=995)" : "Failed(OD=5)");

@@ -28,9 +28,9 @@ std::string Check(bool bDone, const char* szWhat, const std::string& path) {
 }
 }  // namespace
 
-CTempTree::CTempTree() {
+CTempTree::CTempTree(const std::string& strBase) {
   const char* base = getenv("TMPDIR");
-  std::string templ = std::string(base && *base ? base : "/tmp") + "/fsscan-test-XXXXXX";
+  std::string templ = (strBase.empty() ? std::string(base && *base ? base : "/tmp") : strBase) + "/fsscan-test-XXXXXX";
   m_strRoot = Check(mkdtemp(templ.data()) != nullptr, "mkdtemp", templ);
   chmod(m_strRoot.c_str(), 0755);  // lets a child that dropped to nobody reach test folders
 }

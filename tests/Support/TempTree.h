@@ -7,7 +7,8 @@
 
 class CTempTree {
  public:
-  CTempTree();
+  // Below strBase when one is given, else below $TMPDIR or /tmp.
+  explicit CTempTree(const std::string& strBase = std::string());
   ~CTempTree();
   CTempTree(const CTempTree&) = delete;
   CTempTree& operator=(const CTempTree&) = delete;
