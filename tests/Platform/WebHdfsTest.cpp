@@ -11,7 +11,7 @@
 
 namespace {
 
-using EAction = CWebHdfsServer::EAction;
+using R = CWebHdfsServer;
 
 SWebHdfsConfig Config(int iPort, long lTimeoutMs = 5000, bool bHttps = false) {
   SWebHdfsConfig config;
@@ -46,18 +46,15 @@ TEST_P(WebHdfsListing, ListsEveryEntryInOrderOnOneConnection) {
   std::vector<std::string> lstNames;
   for (const CHadoopFileInfo& info : arrEntries) {
     lstNames.push_back(info.strName.substr(client.GetHadoopPathPrefix().size() + 6));
-    EXPECT_EQ(info.llLength, 42);
-    EXPECT_EQ(info.uPermission, 0644u);
-    EXPECT_EQ(info.llModificationTime, 1700000000123);
-    EXPECT_EQ(info.iChildrenNum, c.bOldServer ? -1 : 0);
+    EXPECT_EQ(std::vector<int64_t>({info.llLength, info.uPermission, info.llModificationTime, info.iChildrenNum}),
+              std::vector<int64_t>({42, 0644, 1700000000123, c.bOldServer ? -1 : 0}));
   }
   EXPECT_EQ(lstNames, c.lstNames);
   EXPECT_EQ(iCount, static_cast<int>(c.lstNames.size()));
   EXPECT_EQ(server.Targets().size(), c.nRequests);  // an older server is asked for batches once
   for (const std::string& strTarget : server.Targets())
     EXPECT_NE(strTarget.find("&user.name=hdfs%20user&delegation=tok%2Fen%2B%3D"), std::string::npos);
-  EXPECT_EQ(client.GetConnectionCount(), 1u);
-  EXPECT_EQ(server.Connections(), 1u);
+  EXPECT_EQ(std::vector<uint64_t>({client.GetConnectionCount(), server.Connections()}), std::vector<uint64_t>({1, 1}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -78,18 +75,14 @@ TEST(WebHdfsStatus, ConvertsToStat) {
   struct stat st {};
   ASSERT_TRUE(client.GetFileInfo("/a b/f", st).IsSuccess());
   EXPECT_EQ(server.Targets()[0], "/webhdfs/v1/a%20b/f?op=GETFILESTATUS&user.name=hdfs%20user&delegation=tok%2Fen%2B%3D");
-  EXPECT_EQ(st.st_mode, static_cast<mode_t>(S_IFREG | 0644));
-  EXPECT_EQ(st.st_size, 5);
-  EXPECT_EQ(st.st_mtim.tv_sec, 1700000000);
-  EXPECT_EQ(st.st_mtim.tv_nsec, 123000000);
-  EXPECT_EQ(st.st_atim.tv_sec, 1700000001);
+  EXPECT_EQ(std::vector<int64_t>({st.st_mode, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_atim.tv_sec}),
+            std::vector<int64_t>({S_IFREG | 0644, 5, 1700000000, 123000000, 1700000001}));
 }
 
 struct SFailureCase {
   const char* szName;
-  CWebHdfsServer::SReply reply;  // the answer to every request on /data
-  bool bErrno;                   // errno, else Win32
-  uint32_t uCode;
+  R::SReply reply;  // the answer to every request on /data
+  int iErrno;       // 0: Win32 13, a malformed answer
   const char* szMessagePart;
 };
 
@@ -98,11 +91,6 @@ class WebHdfsFailure : public ::testing::TestWithParam<SFailureCase> {};
 int ClosedPort() {
   CWebHdfsServer gone;  // nothing listens there once it is destroyed
   return gone.Port();
-}
-
-std::string Page(const std::string& strEntries, int iRemaining) {
-  return "{\"DirectoryListing\":{\"partialListing\":{\"FileStatuses\":{\"FileStatus\":[" + strEntries +
-         "]}},\"remainingEntries\":" + std::to_string(iRemaining) + "}}";
 }
 
 TEST_P(WebHdfsFailure, FailsTheListingWithAClearErrorAndStaysUsable) {
@@ -116,7 +104,7 @@ TEST_P(WebHdfsFailure, FailsTheListingWithAClearErrorAndStaysUsable) {
   int iCount = -1;
   CQiError error = client.ListDirectory("/data", arrEntries, iCount);
 
-  EXPECT_TRUE(c.bErrno ? error.IsErrNo(static_cast<int>(c.uCode)) : error.IsWin32(c.uCode)) << error.AsString();
+  EXPECT_TRUE(c.iErrno != 0 ? error.IsErrNo(c.iErrno) : error.IsWin32(13)) << error.AsString();
   EXPECT_NE(error.GetMessage().find(c.szMessagePart), std::string::npos) << error.GetMessage();
   EXPECT_EQ(error.AsString().find("tok"), std::string::npos);  // the delegation token stays secret
   EXPECT_TRUE(arrEntries.empty());
@@ -125,42 +113,46 @@ TEST_P(WebHdfsFailure, FailsTheListingWithAClearErrorAndStaysUsable) {
   EXPECT_EQ(client.GetFileInfo("/data/f", st).IsSuccess(), c.reply.iStatus != 0);
 }
 
-const std::string kEntry = CWebHdfsServer::StatusJson("a", "FILE", 1, 1, false);
-using R = CWebHdfsServer;
+R::SReply Remote(int iStatus, const char* szException, const char* szMessage) {
+  return {iStatus, R::RemoteException(szException, szMessage)};
+}
+// A listing page of the given entries (after a first good one when bAfterGood).
+R::SReply Page(std::string strEntries, int iRemaining = 0, bool bAfterGood = false, R::EAction eAction = R::EAction::Answer) {
+  if (bAfterGood) strEntries = R::StatusJson("a", "FILE", 1, 1, false) + (strEntries.empty() ? "" : ",") + strEntries;
+  return {200, "{\"DirectoryListing\":{\"partialListing\":{\"FileStatuses\":{\"FileStatus\":[" + strEntries +
+                   "]}},\"remainingEntries\":" + std::to_string(iRemaining) + "}}", eAction};
+}
+R::SReply Misbehave(R::EAction eAction) { return {200, "", eAction}; }
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, WebHdfsFailure,
     ::testing::Values(
-        SFailureCase{"NotFound", R::Reply(404, R::RemoteException("FileNotFoundException", "File /data does not exist.")), true,
-                     ENOENT, "LISTSTATUS_BATCH /data failed: FileNotFoundException: File /data does not exist. (HTTP 404)"},
-        SFailureCase{"Forbidden", R::Reply(403, R::RemoteException("AccessControlException", "Permission denied")), true,
-                     EACCES, "AccessControlException: Permission denied (HTTP 403)"},
-        SFailureCase{"OtherRemote", R::Reply(500, R::RemoteException("IOException", "disk gone")), true, EIO,
-                     "IOException: disk gone (HTTP 500)"},
-        SFailureCase{"BareStatus", R::Reply(503, "busy"), true, EIO, "LISTSTATUS_BATCH /data failed: HTTP 503"},
-        SFailureCase{"Closed", R::Reply(200, "", EAction::Close), true, ECONNRESET, "Empty reply from server"},
-        SFailureCase{"Garbage", R::Reply(200, "", EAction::Garbage), true, EPROTO, "LISTSTATUS_BATCH /data failed: "},
-        SFailureCase{"TruncatedBody", R::Reply(200, Page(kEntry, 0), EAction::Truncate), true, ECONNRESET, "failed: "},
-        SFailureCase{"Stalled", R::Reply(200, "", EAction::Stall), true, ETIMEDOUT, "Operation timed out after 4"},
-        SFailureCase{"RedirectLoop", R::Reply(307, "", EAction::Answer, "/webhdfs/v1/data"), true, ELOOP,
-                     "Maximum (5) redirects followed"},
-        SFailureCase{"Unreachable", R::Reply(0, ""), true, ECONNREFUSED, "LISTSTATUS_BATCH /data failed: "},
-        SFailureCase{"TlsToPlainHttp", R::Reply(0, ""), true, EPROTO, "LISTSTATUS_BATCH /data failed: "},
-        SFailureCase{"NotJson", R::Reply(200, "<html/>"), false, 13, "Malformed WebHDFS answer to LISTSTATUS_BATCH /data"},
-        SFailureCase{"TruncatedJson", R::Reply(200, Page(kEntry, 0).substr(0, 60)), false, 13, "Malformed WebHDFS answer"},
-        SFailureCase{"NoListing", R::Reply(200, "{\"FileStatuses\":{}}"), false, 13, "no DirectoryListing"},
-        SFailureCase{"NoPathSuffix", R::Reply(200, Page("{\"type\":\"FILE\"}", 0)), false, 13, "entry 0 has no pathSuffix"},
-        SFailureCase{"NegativeLength", R::Reply(200, Page(kEntry + ",{\"pathSuffix\":\"b\",\"type\":\"FILE\",\"length\":-1}", 0)),
-                     false, 13, "entry 1 has a bad length"},
-        SFailureCase{"UnknownType", R::Reply(200, Page("{\"pathSuffix\":\"b\",\"type\":\"PIPE\"}", 0)), false, 13, "bad type"},
-        SFailureCase{"BadPermission", R::Reply(200, Page("{\"pathSuffix\":\"b\",\"type\":\"FILE\",\"permission\":\"rwx\"}", 0)),
-                     false, 13, "bad permission"},
-        SFailureCase{"SuffixIsAPath", R::Reply(200, Page("{\"pathSuffix\":\"../etc\",\"type\":\"FILE\"}", 0)), false, 13,
+        SFailureCase{"NotFound", Remote(404, "FileNotFoundException", "File /data does not exist."), ENOENT,
+                     "LISTSTATUS_BATCH /data failed: FileNotFoundException: File /data does not exist. (HTTP 404)"},
+        SFailureCase{"Forbidden", Remote(403, "AccessControlException", "Permission denied"), EACCES,
+                     "AccessControlException: Permission denied (HTTP 403)"},
+        SFailureCase{"OtherRemote", Remote(500, "IOException", "disk gone"), EIO, "IOException: disk gone (HTTP 500)"},
+        SFailureCase{"BareStatus", {503, "busy"}, EIO, "LISTSTATUS_BATCH /data failed: HTTP 503"},
+        SFailureCase{"Closed", Misbehave(R::EAction::Close), ECONNRESET, "Empty reply from server"},
+        SFailureCase{"Garbage", Misbehave(R::EAction::Garbage), EPROTO, "LISTSTATUS_BATCH /data failed: "},
+        SFailureCase{"TruncatedBody", Page("", 0, true, R::EAction::Truncate), ECONNRESET, "failed: "},
+        SFailureCase{"Stalled", Misbehave(R::EAction::Stall), ETIMEDOUT, "Operation timed out after 4"},
+        SFailureCase{"RedirectLoop", {307, "", R::EAction::Answer, "/webhdfs/v1/data"}, ELOOP, "Maximum (5) redirects followed"},
+        SFailureCase{"Unreachable", {0, ""}, ECONNREFUSED, "LISTSTATUS_BATCH /data failed: "},
+        SFailureCase{"TlsToPlainHttp", {0, ""}, EPROTO, "LISTSTATUS_BATCH /data failed: "},
+        SFailureCase{"NotJson", {200, "<html/>"}, 0, "Malformed WebHDFS answer to LISTSTATUS_BATCH /data"},
+        SFailureCase{"TruncatedJson", {200, Page("", 0, true).strBody.substr(0, 60)}, 0, "Malformed WebHDFS answer"},
+        SFailureCase{"NoListing", {200, "{\"FileStatuses\":{}}"}, 0, "no DirectoryListing"},
+        SFailureCase{"NoPathSuffix", Page("{\"type\":\"FILE\"}"), 0, "entry 0 has no pathSuffix"},
+        SFailureCase{"NegativeLength", Page("{\"pathSuffix\":\"b\",\"type\":\"FILE\",\"length\":-1}", 0, true), 0,
+                     "entry 1 has a bad length"},
+        SFailureCase{"UnknownType", Page("{\"pathSuffix\":\"b\",\"type\":\"PIPE\"}"), 0, "bad type"},
+        SFailureCase{"BadPermission", Page("{\"pathSuffix\":\"b\",\"type\":\"FILE\",\"permission\":\"rwx\"}"), 0, "bad permission"},
+        SFailureCase{"SuffixIsAPath", Page("{\"pathSuffix\":\"../etc\",\"type\":\"FILE\"}"), 0,
                      "has the pathSuffix '../etc', not a name"},
-        SFailureCase{"ListingOfAFile", R::Reply(200, Page("{\"pathSuffix\":\"\",\"type\":\"FILE\"}", 0)), true, ENOTDIR,
-                     "not a directory"},
+        SFailureCase{"ListingOfAFile", Page("{\"pathSuffix\":\"\",\"type\":\"FILE\"}"), ENOTDIR, "not a directory"},
         // The same page again and again: "remainingEntries" never reaches 0.
-        SFailureCase{"PagesDoNotAdvance", R::Reply(200, Page(kEntry, 5)), false, 13, "the listing does not advance after 'a'"}),
+        SFailureCase{"PagesDoNotAdvance", Page("", 5, true), 0, "the listing does not advance after 'a'"}),
     [](const auto& info) { return std::string(info.param.szName); });
 
 }  // namespace

@@ -17,32 +17,23 @@ bool Readable(int iFd) {
 }
 
 void SendAll(int iFd, const std::string& strData) {
-  for (size_t n = 0; n < strData.size();) {
-    const ssize_t nSent = send(iFd, strData.data() + n, strData.size() - n, MSG_NOSIGNAL);
-    if (nSent <= 0) return;
-    n += static_cast<size_t>(nSent);
-  }
+  for (ssize_t n = 0, nSent = 0; n < static_cast<ssize_t>(strData.size()); n += nSent)
+    if ((nSent = send(iFd, strData.data() + n, strData.size() - n, MSG_NOSIGNAL)) <= 0) return;
 }
 
 std::string Decode(const std::string& strText) {
   std::string strResult;
   for (size_t i = 0; i < strText.size(); ++i) {
-    if (strText[i] == '%' && i + 2 < strText.size()) {
-      strResult.push_back(static_cast<char>(std::stoi(strText.substr(i + 1, 2), nullptr, 16)));
-      i += 2;
-    } else {
-      strResult.push_back(strText[i]);
-    }
+    const bool bEscape = strText[i] == '%' && i + 2 < strText.size();
+    strResult.push_back(bEscape ? static_cast<char>(std::stoi(strText.substr(i + 1, 2), nullptr, 16)) : strText[i]);
+    if (bEscape) i += 2;
   }
   return strResult;
 }
 
 std::string Quote(const std::string& strText) {
   std::string strResult = "\"";
-  for (char c : strText) {
-    if (c == '"' || c == '\\') strResult.push_back('\\');
-    strResult.push_back(c);
-  }
+  for (char c : strText) strResult += c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
   return strResult + "\"";
 }
 }  // namespace
@@ -60,8 +51,7 @@ CWebHdfsServer::CWebHdfsServer(int iBatchSize, bool bOldServer) : m_iBatchSize(i
   m_iPort = ntohs(addr.sin_port);
   m_thread = std::thread([this] {
     while (!m_bStop) {
-      if (!Readable(m_iListenFd)) continue;
-      const int iFd = accept4(m_iListenFd, nullptr, nullptr, SOCK_CLOEXEC);
+      const int iFd = Readable(m_iListenFd) ? accept4(m_iListenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
       if (iFd < 0) continue;
       ++m_ulConnections;
       Serve(iFd);
@@ -85,20 +75,6 @@ void CWebHdfsServer::AddFile(const std::string& strPath, int64_t llLength, const
     m_mapNodes[strParent].setChildren.insert(strChild.substr(nSlash + 1));
     strChild = strParent;
   }
-}
-
-void CWebHdfsServer::SetReply(const std::string& strPath, SReply reply) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_mapReplies[strPath] = std::move(reply);
-}
-
-std::vector<std::string> CWebHdfsServer::Targets() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_lstTargets;
-}
-
-CWebHdfsServer::SReply CWebHdfsServer::Reply(int iStatus, std::string strBody, EAction eAction, std::string strLocation) {
-  return SReply{iStatus, std::move(strBody), eAction, std::move(strLocation)};
 }
 
 std::string CWebHdfsServer::RemoteException(const std::string& strException, const std::string& strMessage) {
@@ -125,10 +101,8 @@ void CWebHdfsServer::Serve(int iFd) {
   char szChunk[16384];
   while (!m_bStop) {
     const size_t nEnd = strBuffer.find("\r\n\r\n");
-    if (!strBuffer.empty() && strBuffer[0] == '\x16') {  // a TLS handshake: what a plain server answers
-      SendAll(iFd, "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-      return;
-    }
+    if (!strBuffer.empty() && strBuffer[0] == '\x16')  // a TLS handshake: what a plain server answers
+      return SendAll(iFd, "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
     if (nEnd == std::string::npos) {
       if (!Readable(iFd)) continue;
       const ssize_t n = recv(iFd, szChunk, sizeof(szChunk), 0);
@@ -137,16 +111,12 @@ void CWebHdfsServer::Serve(int iFd) {
       continue;
     }
     const size_t nStart = strBuffer.find(' ') + 1;  // "GET <target> HTTP/1.1"
-    const std::string strTarget = strBuffer.substr(nStart, strBuffer.find(' ', nStart) - nStart);
+    const SReply reply = Answer(strBuffer.substr(nStart, strBuffer.find(' ', nStart) - nStart));
     strBuffer.erase(0, nEnd + 4);
-    const SReply reply = Answer(strTarget);
     if (reply.eAction == EAction::Close) return;
     if (reply.eAction == EAction::Garbage) return SendAll(iFd, "\x01\x02 no HTTP \xff\r\n\r\n");
-    if (reply.eAction == EAction::Stall) {  // until the client gives up and closes
-      while (!m_bStop)
-        if (Readable(iFd) && recv(iFd, szChunk, sizeof(szChunk), 0) <= 0) return;
-      return;
-    }
+    while (reply.eAction == EAction::Stall)  // until the client gives up and closes
+      if (m_bStop || (Readable(iFd) && recv(iFd, szChunk, sizeof(szChunk), 0) <= 0)) return;
     const size_t nAnnounced = reply.strBody.size() + (reply.eAction == EAction::Truncate ? 100 : 0);
     SendAll(iFd, "HTTP/1.1 " + std::to_string(reply.iStatus) + " X\r\nContent-Type: application/json\r\n" +
                      (reply.strLocation.empty() ? "" : "Location: " + reply.strLocation + "\r\n") +
@@ -162,26 +132,25 @@ CWebHdfsServer::SReply CWebHdfsServer::Answer(const std::string& strTarget) {
   std::string strPath = Decode(strTarget.substr(sizeof(kApi) - 1, nQuery - (sizeof(kApi) - 1)));
   if (strPath.empty()) strPath = "/";
   std::map<std::string, std::string> mapQuery;
-  for (size_t n = nQuery; n != std::string::npos;) {
-    const size_t nNext = strTarget.find('&', n + 1);
+  for (size_t n = nQuery, nNext; n != std::string::npos; n = nNext) {
+    nNext = strTarget.find('&', n + 1);
     const std::string strPair = strTarget.substr(n + 1, nNext == std::string::npos ? nNext : nNext - n - 1);
     mapQuery[strPair.substr(0, strPair.find('='))] = Decode(strPair.substr(strPair.find('=') + 1));
-    n = nNext;
   }
   if (auto it = m_mapReplies.find(strPath); it != m_mapReplies.end()) return it->second;
   const std::string& strOp = mapQuery["op"];
   const bool bBatch = strOp == "LISTSTATUS_BATCH";
   if (bBatch && m_bOldServer)
-    return Reply(400, RemoteException("IllegalArgumentException", "Invalid value for webhdfs parameter \"op\""));
+    return {400, RemoteException("IllegalArgumentException", "Invalid value for webhdfs parameter \"op\"")};
   std::string strEntries;
   long lRemaining = 0;
   auto itNode = m_mapNodes.find(strPath);
   if (m_fnLister && strOp != "GETFILESTATUS") {
     lRemaining = m_fnLister(strPath, mapQuery["startAfter"], strEntries);
   } else if (itNode == m_mapNodes.end()) {
-    return Reply(404, RemoteException("FileNotFoundException", "File " + strPath + " does not exist."));
+    return {404, RemoteException("FileNotFoundException", "File " + strPath + " does not exist.")};
   } else if (strOp == "GETFILESTATUS") {
-    return Reply(200, "{\"FileStatus\":" + StatusJson("", itNode->second.strType, itNode->second.llLength, 1, m_bOldServer) + "}");
+    return {200, "{\"FileStatus\":" + StatusJson("", itNode->second.strType, itNode->second.llLength, 1, m_bOldServer) + "}"};
   } else {
     const std::set<std::string>& setChildren = itNode->second.setChildren;
     auto it = bBatch ? setChildren.upper_bound(mapQuery["startAfter"]) : setChildren.begin();
@@ -192,7 +161,7 @@ CWebHdfsServer::SReply CWebHdfsServer::Answer(const std::string& strTarget) {
     lRemaining = static_cast<long>(std::distance(it, setChildren.end()));
   }
   const std::string strStatuses = "{\"FileStatuses\":{\"FileStatus\":[" + strEntries + "]}}";
-  if (!bBatch) return Reply(200, strStatuses);
-  return Reply(200, "{\"DirectoryListing\":{\"partialListing\":" + strStatuses +
-                        ",\"remainingEntries\":" + std::to_string(lRemaining) + "}}");
+  if (!bBatch) return {200, strStatuses};
+  return {200, "{\"DirectoryListing\":{\"partialListing\":" + strStatuses + ",\"remainingEntries\":" +
+                   std::to_string(lRemaining) + "}}"};
 }

@@ -26,9 +26,11 @@ class CWebHdfsServer {
  public:
   enum class EAction { Answer, Close, Garbage, Stall, Truncate };
   struct SReply {
-    int iStatus = 200;
+    SReply(int iStatus_ = 200, std::string strBody_ = {}, EAction eAction_ = EAction::Answer, std::string strLocation_ = {})
+        : iStatus(iStatus_), strBody(std::move(strBody_)), eAction(eAction_), strLocation(std::move(strLocation_)) {}
+    int iStatus;
     std::string strBody;
-    EAction eAction = EAction::Answer;
+    EAction eAction;
     std::string strLocation;  // sent as Location (redirects)
   };
   // Appends the FileStatus objects of one page of a folder after strStartAfter; the count that
@@ -41,19 +43,24 @@ class CWebHdfsServer {
 
   void AddFile(const std::string& strPath, int64_t llLength = 0, const std::string& strType = "FILE");
   void AddFolder(const std::string& strPath) { AddFile(strPath, 0, "DIRECTORY"); }
-  void SetReply(const std::string& strPath, SReply reply);
+  void SetReply(const std::string& strPath, SReply reply) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_mapReplies[strPath] = std::move(reply);
+  }
   void SetLister(Lister fnLister) { m_fnLister = std::move(fnLister); }
 
   int Port() const { return m_iPort; }
   std::string Url(const std::string& strPath) const { return "webhdfs://127.0.0.1:" + std::to_string(m_iPort) + strPath; }
   unsigned long Connections() const { return m_ulConnections.load(); }
-  std::vector<std::string> Targets() const;  // every request target, as sent
+  std::vector<std::string> Targets() const {  // every request target, as sent
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_lstTargets;
+  }
 
   // One FileStatus object as a name node writes it (times: modification 1700000000123 ms).
   static std::string StatusJson(const std::string& strSuffix, const std::string& strType, int64_t llLength,
                                 int64_t llFileId, bool bOldServer);
   static std::string RemoteException(const std::string& strException, const std::string& strMessage);
-  static SReply Reply(int iStatus, std::string strBody, EAction eAction = EAction::Answer, std::string strLocation = {});
 
  private:
   struct SNode {
