@@ -35,23 +35,16 @@ using namespace std::string_literals;
 
 namespace {
 
-constexpr unsigned long long kReferenceTime = 1000;
-
 // Declares one folder GPFS (device "gpfs0") and shortens every wait.
 class CFakePlatform : public CGpfsPlatform {
  public:
-  explicit CFakePlatform(std::string strRoot, std::string strTemp)
-      : m_strRoot(std::move(strRoot)), m_strTemp(std::move(strTemp)) {
+  CFakePlatform(std::string strRoot, std::string strTemp) : m_strRoot(std::move(strRoot)), m_strTemp(std::move(strTemp)) {
     SetTimings({20, 20, 10, 1});
   }
   CQiError GetFileSystemMagic(const std::string& strPath, uint64_t& ullMagic) override {
-    ullMagic = FXPath::IsAncestorOf(m_strRoot, strPath, true) ? kGpfsMagic : 0xEF53;
-    return CQiError();
+    return ullMagic = FXPath::IsAncestorOf(m_strRoot, strPath, true) ? kGpfsMagic : 0xEF53, CQiError();
   }
-  CQiError GetMountDevice(const std::string&, std::string& strDevice) override {
-    strDevice = "gpfs0";
-    return CQiError();
-  }
+  CQiError GetMountDevice(const std::string&, std::string& strDevice) override { return strDevice = "gpfs0", CQiError(); }
   bool IsRemoteDevice(const std::string&, const std::string&) override { return m_bRemote; }
   std::string getOrreryTempDirectory() override { return m_strTemp; }
   bool m_bRemote = false;
@@ -108,10 +101,8 @@ std::vector<SRecord> Delivered(const CTestCallback& callback) {
 class GpfsFixture {
  public:
   explicit GpfsFixture(const std::string& strVolumeName = "vol")
-      : m_strRoot(m_tree.MakeDir(strVolumeName)), m_strBin(m_tree.Path("bin")),
-        m_strJob(m_tree.MakeDir("job")),
-        m_pPlatform(std::make_shared<CFakePlatform>(m_strRoot, m_tree.MakeDir("work"))),
-        m_pEvents(std::make_shared<CEventRecorder>()) {
+      : m_strRoot(m_tree.MakeDir(strVolumeName)), m_strBin(m_tree.Path("bin")), m_strJob(m_tree.MakeDir("job")),
+        m_pPlatform(std::make_shared<CFakePlatform>(m_strRoot, m_tree.MakeDir("work"))) {
     CGpfsPlatform::SetCurrent(m_pPlatform);
     ISendEventInterface::SetProcessEventSink(m_pEvents);
     const char* szPath = getenv("PATH");
@@ -119,7 +110,7 @@ class GpfsFixture {
     setenv("PATH", (m_strBin + ":" + m_strOldPath).c_str(), 1);
     m_pCallback->Set("RegKey:GpfsScan", true);
     m_pCallback->Set("JR:subclient", m_strJob);
-    m_pCallback->Set("ReferenceTime", kReferenceTime);
+    m_pCallback->Set("ReferenceTime", 1000ull);
     m_pCallback->Set("JO:MTIME", true);
   }
   ~GpfsFixture() {
@@ -145,14 +136,13 @@ class GpfsFixture {
   size_t Runs() const { return ReadFileLines(m_strBin + "/mmapplypolicy.runs").size(); }
   bool FailJobSet() const {
     bool bSet = false;
-    (void)m_pCallback->GetScannerConfigurationBag()->Read("FailJobSet", bSet);
-    return bSet;
+    return m_pCallback->GetScannerConfigurationBag()->Read("FailJobSet", bSet).IsSuccess() && bSet;
   }
 
   CTempTree m_tree;
   std::string m_strRoot, m_strBin, m_strJob, m_strOldPath;
   std::shared_ptr<CFakePlatform> m_pPlatform;
-  std::shared_ptr<CEventRecorder> m_pEvents;
+  std::shared_ptr<CEventRecorder> m_pEvents = std::make_shared<CEventRecorder>();
   std::shared_ptr<CTestCallback> m_pCallback = std::make_shared<CTestCallback>();
 };
 

@@ -17,18 +17,6 @@
 
 namespace {
 
-#ifndef FSSCAN_TOOL_PATH
-TEST(FsscanGpfs, NotBuilt) { GTEST_SKIP() << "the fsscan tool is not part of this build"; }
-#else
-
-// The NUL-ended paths of an -0 listing, sorted.
-std::vector<std::string> SortedPaths(const std::string& strList) {
-  std::vector<std::string> lstPaths = FXString::Split(strList, '\0');
-  if (!lstPaths.empty() && lstPaths.back().empty()) lstPaths.pop_back();
-  std::sort(lstPaths.begin(), lstPaths.end());
-  return lstPaths;
-}
-
 struct SGpfsCase {
   const char* szName;
   bool bDeclareGpfs;
@@ -36,50 +24,47 @@ struct SGpfsCase {
   size_t nRuns;
 };
 
-class FsscanGpfsTest : public ::testing::TestWithParam<SGpfsCase> {
- protected:
-  void SetUp() override {
-    m_strData = m_tree.MakeDir("data");
-    m_tree.MakeFile("data/a.txt", "abc");
-    m_tree.MakeFile("data/sub/new\nline", "x");
-    m_tree.MakeFile("data/sub/with blank", "");
-    m_tree.MakeSymlink("data/link", "a.txt");
-    m_strBin = m_tree.Path("bin");
-    m_strJob = m_tree.MakeDir("job");
-    WriteFileText(m_tree.Path("settings.ini"), "[FileSystemAgent]\nsGpfsBin=" + m_strBin + "\nnGpfsScanNumRetry=1\n");
-  }
-  // Runs fsscan with the settings file; returns its exit code and -0 listing.
-  int Run(const std::vector<std::string>& lstArgs, std::string& strList) {
-    std::string strLine = "FSSCAN_SETTINGS_FILE=" + ShellQuote::Word(m_tree.Path("settings.ini")) + " " +
-                          ShellQuote::Word(FSSCAN_TOOL_PATH);
-    for (const std::string& strArg : lstArgs) strLine += " " + ShellQuote::Word(strArg);
-    ZrProcess process;
-    process.SetStderr(ZrProcess::EOutput::Null);
-    if (process.Start(strLine).IsError() || process.WaitForExit(120000).IsError()) return -1;
-    strList = process.GetStdout();
-    return process.GetExitCode();
-  }
-  CTempTree m_tree;
-  std::string m_strData, m_strBin, m_strJob;
-};
+class FsscanGpfsTest : public ::testing::TestWithParam<SGpfsCase> {};
+
+// Runs fsscan with the settings file: its exit code, and its output in strList (with -0 the
+// paths sorted, each ended by a NUL byte).
+int RunFsscan(const CTempTree& tree, const std::vector<std::string>& lstArgs, std::string& strList) {
+  std::string strLine = "FSSCAN_SETTINGS_FILE=" + ShellQuote::Word(tree.Path("settings.ini")) + " " + ShellQuote::Word(FSSCAN_TOOL_PATH);
+  for (const std::string& strArg : lstArgs) strLine += " " + ShellQuote::Word(strArg);
+  ZrProcess process;
+  process.SetStderr(ZrProcess::EOutput::Null);
+  if (process.Start(strLine).IsError() || process.WaitForExit(120000).IsError()) return -1;
+  strList = process.GetStdout();
+  if (std::find(lstArgs.begin(), lstArgs.end(), "-0") == lstArgs.end()) return process.GetExitCode();
+  std::vector<std::string> lstPaths = FXString::Split(strList, '\0');
+  std::sort(lstPaths.begin(), lstPaths.end());
+  strList.clear();
+  for (const std::string& strPath : lstPaths) strList += strPath.empty() ? "" : strPath + '\0';
+  return process.GetExitCode();
+}
 
 TEST_P(FsscanGpfsTest, ListsWhatFindFirstLists) {
   const SGpfsCase& c = GetParam();
-  SFakeGpfs fake;
-  fake.iPolicyExit = c.iPolicyExit;
-  fake.strPolicyBody = "find \"$1\" -mindepth 1 -printf \"WEIGHT(INF) LIST 'MODIFIED' %p SHOW(%y:%s:%n)\\n\"";
-  WriteFakeGpfsTools(m_strBin, fake);
+  CTempTree tree;
+  const std::string strData = tree.MakeDir("data"), strBin = tree.Path("bin");
+  tree.MakeFile("data/a.txt", "abc");
+  tree.MakeFile("data/sub/new\nline", "x");
+  tree.MakeFile("data/sub/with blank", "");
+  tree.MakeSymlink("data/link", "a.txt");
+  WriteFileText(tree.Path("settings.ini"), "[FileSystemAgent]\nsGpfsBin=" + strBin + "\nnGpfsScanNumRetry=1\n");
+  WriteFakeGpfsTools(strBin, {.iPolicyExit = c.iPolicyExit,
+                              .strPolicyBody = "find \"$1\" -mindepth 1 -printf \"WEIGHT(INF) LIST 'MODIFIED' %p SHOW(%y:%s:%n)\\n\""});
   std::string strExpected, strList;
-  ASSERT_EQ(Run({"--engines", "findfirst", "-0", m_strData}, strExpected), 0);
-  std::vector<std::string> lstArgs = {"--engines", "gpfs,findfirst", "--job-results", m_strJob, "-0", m_strData};
-  if (c.bDeclareGpfs) lstArgs.insert(lstArgs.begin(), {"--test-gpfs-volume", m_strData});
-  EXPECT_EQ(Run(lstArgs, strList), 0);
-  EXPECT_EQ(SortedPaths(strList), SortedPaths(strExpected));
-  EXPECT_EQ(SortedPaths(strList).size(), 5u);
-  EXPECT_EQ(ReadFileLines(m_strBin + "/mmapplypolicy.runs").size(), c.nRuns);
+  ASSERT_EQ(RunFsscan(tree, {"--engines", "findfirst", "-0", strData}, strExpected), 0);
+  std::vector<std::string> lstArgs = {"--engines", "gpfs,findfirst", "--job-results", tree.MakeDir("job"), "-0", strData};
+  if (c.bDeclareGpfs) lstArgs.insert(lstArgs.begin(), {"--test-gpfs-volume", strData});
+  EXPECT_EQ(RunFsscan(tree, lstArgs, strList), 0);
+  EXPECT_EQ(strList, strExpected);
+  EXPECT_EQ(std::count(strList.begin(), strList.end(), '\0'), 5);
+  EXPECT_EQ(ReadFileLines(strBin + "/mmapplypolicy.runs").size(), c.nRuns);
   // The policy listing carries no permission bits: its items show mode 0000.
   lstArgs.erase(std::find(lstArgs.begin(), lstArgs.end(), "-0"));
-  ASSERT_EQ(Run(lstArgs, strList), 0);
+  ASSERT_EQ(RunFsscan(tree, lstArgs, strList), 0);
   size_t nPolicyItems = 0;
   for (size_t pos = 0; (pos = strList.find(" 0000 ", pos)) != std::string::npos; ++pos) ++nPolicyItems;
   EXPECT_EQ(nPolicyItems, c.bDeclareGpfs && c.iPolicyExit == 0 ? 5u : 0u);
@@ -92,7 +77,5 @@ const SGpfsCase kGpfsCases[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Fsscan, FsscanGpfsTest, ::testing::ValuesIn(kGpfsCases),
                          [](const auto& info) { return std::string(info.param.szName); });
-
-#endif  // FSSCAN_TOOL_PATH
 
 }  // namespace
