@@ -60,14 +60,8 @@ class CEventRecorder : public ISendEventInterface {
     m_vEvents.push_back(FXString::Format("0x%X", event.GetCode()) + ISendEventInterface::ArgumentsAsString(args));
     return CQiError();
   }
-  std::vector<std::string> Events() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_vEvents;
-  }
-
- private:
   std::mutex m_mutex;
-  std::vector<std::string> m_vEvents;
+  std::vector<std::string> m_vEvents;  // read once the engine is done
 };
 
 // A policy output in the collect layout: progress, a path split by its newline, statistics.
@@ -170,7 +164,6 @@ struct SRunCase {
   int iResult;         // 0 success, -1 errno EINVAL, else the Win32 code
   size_t nRuns;
   std::vector<std::string> lstEvents;
-  bool bFailJobSet;
   const char* szLog;   // a message that must be logged (%R the volume, %J the job folder, %B the tools)
 };
 
@@ -180,46 +173,44 @@ const char kEnoent[] = "[E] Error on gpfs_iopen([/vol/gone],1234): No such file 
 const char kFatal[] = "[E] Error on gpfs_iopen([/vol/x],99): Permission denied\n";
 const char kRemote[] = "gpfs0 is a gpfs device mounted from a remote cluster. GPFS optimized scan cannot be used";
 const SRunCase kRunCases[] = {
-    {"Success", {}, "", nullptr, 0, 1, {}, false, "'%J/GpfsCollect_id1.zrf' sorted."},
-    {"Exit2OnlyEnoent", {.strPolicyStderr = kEnoent, .iPolicyExit = 2}, "", nullptr, 0, 1, {}, false,
+    {"Success", {}, "", nullptr, 0, 1, {}, "'%J/GpfsCollect_id1.zrf' sorted."},
+    {"Exit2OnlyEnoent", {.strPolicyStderr = kEnoent, .iPolicyExit = 2}, "", nullptr, 0, 1, {},
      "Parsing %J/GpfsCollect_id1.zrf.stderr to validate gpfs error"},
     {"Exit2ParsingDisabled", {.strPolicyStderr = kFatal, .iPolicyExit = 2}, "nDisableParseGpfsScanErrors=1\n", nullptr, 0, 1, {},
-     false, "mmapplypolicy command failed with return code 2"},
-    {"Exit2OtherError", {.strPolicyStderr = kFatal, .iPolicyExit = 2}, "", nullptr, 1627, 1, {"0x11000077"}, false,
+     "mmapplypolicy command failed with return code 2"},
+    {"Exit2OtherError", {.strPolicyStderr = kFatal, .iPolicyExit = 2}, "", nullptr, 1627, 1, {"0x11000077"},
      "Found a fatal error. Do not use mmapplypolicy output. Line: '[E] Error on gpfs_iopen([/vol/x],99): Permission denied'"},
-    {"Exit1RunsThreeTimes", {.iPolicyExit = 1}, "", nullptr, 1627, 3, {"0x11000077"}, false,
-     "Gpfs scan will be retried again. Num Retries left: 1."},
-    {"Exit1OneAttempt", {.iPolicyExit = 1}, "nGpfsScanNumRetry=1\n", nullptr, 1627, 1, {"0x11000077"}, false,
+    {"Exit1RunsThreeTimes", {.iPolicyExit = 1}, "", nullptr, 1627, 3, {"0x11000077"}, "Gpfs scan will be retried again. Num Retries left: 1."},
+    {"Exit1OneAttempt", {.iPolicyExit = 1}, "nGpfsScanNumRetry=1\n", nullptr, 1627, 1, {"0x11000077"},
      "mmapplypolicy command failed. GPFS scan will not be performed. error 1"},
     {"Exit1FailsTheJob", {.iPolicyExit = 1}, "nGpfsScanNumRetry=1\nnGpfsFailOnScanError=1\n", nullptr, 995, 1, {"0x11000079"},
-     true, "GpfsScan error will be considered fatal and job will be failed."},
-    {"ClusterDown", {.strState = "down"}, "", nullptr, -1, 0, {}, false, "Current status 'down:active:'."},
-    {"SuspendHangs", {.strSuspendWrite = "exec sleep 30"}, "nGpfsTimeout=1\n", nullptr, 1627, 0, {}, false,
+     "GpfsScan error will be considered fatal and job will be failed."},
+    {"ClusterDown", {.strState = "down"}, "", nullptr, -1, 0, {}, "Current status 'down:active:'."},
+    {"SuspendHangs", {.strSuspendWrite = "exec sleep 30"}, "nGpfsTimeout=1\n", nullptr, 1627, 0, {},
      "taking more time than 1 seconds. Reverting back to default scan"},
-    {"SuspendWriteUnsupported", {.strSuspendWrite = "exit 1", .bUsageHasSuspendWrite = false}, "", nullptr, 0, 1, {}, false,
+    {"SuspendWriteUnsupported", {.strSuspendWrite = "exit 1", .bUsageHasSuspendWrite = false}, "", nullptr, 0, 1, {},
      "mmfsctl suspend-write is not supported."},
-    {"RemoteDevice", {.strSuspendWrite = "exit 1"}, "", Remote, 1627, 0, {"0x1100009A\"gpfs0\""}, false, kRemote},
-    {"RemoteDeviceFailsTheJob", {.strSuspendWrite = "exit 1"}, "nGpfsFailOnScanError=1\n", Remote, 995, 0, {"0x1100009A\"gpfs0\""},
-     true, kRemote},
-    {"NoPolicyTool", {.bWithPolicyTool = false}, "", nullptr, 995, 0, {}, false,
+    {"RemoteDevice", {.strSuspendWrite = "exit 1"}, "", Remote, 1627, 0, {"0x1100009A\"gpfs0\""}, kRemote},
+    {"RemoteDeviceFailsTheJob", {.strSuspendWrite = "exit 1"}, "nGpfsFailOnScanError=1\n", Remote, 995, 0, {"0x1100009A\"gpfs0\""}, kRemote},
+    {"NoPolicyTool", {.bWithPolicyTool = false}, "", nullptr, 995, 0, {},
      "Unable to locate GPFS binary path at %B/. Please set correct location of GPFS binary path in registry key "
      "'sGpfsBin' in in Additional Settings of GUI and resume the job."},
     {"EmptyPolicyOutput", {}, "", [](GpfsFixture&, SFakeGpfs& fake) { fake.strPolicyStdout.clear(); }, 1627, 1, {"0x11000077"},
-     false, "Gpfs Scan failed. %J/GpfsCollect_id1.zrf.stdout does not exist or is empty."},
+     "Gpfs Scan failed. %J/GpfsCollect_id1.zrf.stdout does not exist or is empty."},
     {"UnwritableJobFolder", {}, "", [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("JR:subclient", f.m_tree.MakeFile("plain") + "/job"); },
-     1627, 0, {"0x11000077"}, false, "Unable to create Gpfs scripts"},
+     1627, 0, {"0x11000077"}, "Unable to create Gpfs scripts"},
     {"NeitherTimeSelected", {}, "", [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("JO:MTIME", false); }, 1627, 0,
-     {"0x11000077"}, false, "Invalid option. Both m_bUseMtimeForIncr and m_bUseCtimeForIncr not selected"},
-    {"NotEnabled", {}, "", [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("RegKey:GpfsScan", false); }, -1, 0, {}, false,
+     {"0x11000077"}, "Invalid option. Both m_bUseMtimeForIncr and m_bUseCtimeForIncr not selected"},
+    {"NotEnabled", {}, "", [](GpfsFixture& f, SFakeGpfs&) { f.m_pCallback->Set("RegKey:GpfsScan", false); }, -1, 0, {},
      "Gpfs Scan not enabled. "},
     {"TruncatedRecord", {}, "",
      [](GpfsFixture& f, SFakeGpfs& fake) { fake.strPolicyStdout = "WEIGHT(INF) LIST 'MODIFIED' " + f.m_strRoot + "/cut"; }, -1, 1,
-     {}, false, "Invalid entry WEIGHT(INF) LIST 'MODIFIED' %R/cut%ZRnewLine% in %J/GpfsCollect_id1.zrf"},
+     {}, "Invalid entry WEIGHT(INF) LIST 'MODIFIED' %R/cut%ZRnewLine% in %J/GpfsCollect_id1.zrf"},
     {"NotAGpfsVolume", {}, "",
      [](GpfsFixture& f, SFakeGpfs&) { CGpfsPlatform::SetCurrent(std::make_shared<CFakePlatform>(f.m_tree.Path("other"), f.m_tree.Path("work"))); },
-     -1, 0, {}, false, ""},
+     -1, 0, {}, ""},
     {"NoCollectRecordAtAll", {}, "", [](GpfsFixture&, SFakeGpfs& fake) { fake.strPolicyStdout = "[I] nothing\n"; }, 0, 1, {},
-     false, "'%J/GpfsCollect_id1.zrf' sorted."},
+     "'%J/GpfsCollect_id1.zrf' sorted."},
 };
 
 class GpfsRunTest : public ::testing::TestWithParam<SRunCase> {};
@@ -245,8 +236,9 @@ TEST_P(GpfsRunTest, OutcomeItemsAndEvents) {
   const bool bItems = c.iResult == 0 && fake.strPolicyStdout == PolicyOutput(f.m_strRoot);
   EXPECT_EQ(Delivered(*f.m_pCallback), bItems ? ExpectedItems(f.m_strRoot) : std::vector<SRecord>{});
   EXPECT_EQ(f.Runs(), c.nRuns);
-  EXPECT_EQ(f.m_pEvents->Events(), c.lstEvents);
-  EXPECT_EQ(f.FailJobSet(), c.bFailJobSet);
+  EXPECT_EQ(f.m_pEvents->m_vEvents, c.lstEvents);
+  // The job is failed exactly when the settings ask for it.
+  EXPECT_EQ(f.FailJobSet(), std::string(c.szSettings).find("nGpfsFailOnScanError=1") != std::string::npos);
   EXPECT_GE(log->CountContaining(Expand(c.szLog, f)), 1u) << Expand(c.szLog, f);
 }
 

@@ -74,13 +74,10 @@ TEST_P(RawDeviceScan, ReportsOneItemPerReadableSurfaceSizedAsItsDevice) {
   const std::string strImage = temp.Path("image");
   const std::string strLoop = bLoop ? Shell("truncate -s " + std::to_string(kLoopBytes) + " '" + strImage + "' && losetup -f --show '" + strImage + "'") : "";
   if (bLoop && strLoop.empty()) GTEST_SKIP() << "no loop device can be set up here";
-  struct SCleanup {
-    const std::string& strLoop;
-    ~SCleanup() {
-      CRawDeviceItem::SetDeviceSizeQuery(nullptr);
-      if (!strLoop.empty()) (void)Shell("losetup -d " + strLoop);
-    }
-  } cleanup{strLoop};
+  const std::shared_ptr<void> cleanup(nullptr, [&](void*) {  // the platform's size query back, the loop device gone
+    CRawDeviceItem::SetDeviceSizeQuery(nullptr);
+    if (!strLoop.empty()) (void)Shell("losetup -d " + strLoop);
+  });
   const std::string strNode = temp.Path("node");
   ASSERT_TRUE(bLoop || mknod(strNode.c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0);
   std::vector<std::string> lstContent = {bLoop ? strLoop : strNode};

@@ -84,16 +84,11 @@ std::string CWebHdfsServer::RemoteException(const std::string& strException, con
 
 std::string CWebHdfsServer::StatusJson(const std::string& strSuffix, const std::string& strType, int64_t llLength,
                                        int64_t llFileId, bool bOldServer) {
-  char szJson[512];
-  snprintf(szJson, sizeof(szJson),
-           "{\"accessTime\":1700000001123,\"blockSize\":134217728,%s\"group\":\"supergroup\",\"length\":%lld,"
-           "\"modificationTime\":1700000000123,\"owner\":\"hdfs\",\"permission\":\"%s\",\"replication\":3,%s",
-           bOldServer ? "" : "\"childrenNum\":0,", static_cast<long long>(llLength),
-           strType == "DIRECTORY" ? "755" : "644", bOldServer ? "" : "\"storagePolicy\":0,");
-  std::string strJson = szJson;
-  if (!bOldServer) strJson += "\"fileId\":" + std::to_string(llFileId) + ",";
-  if (strType == "SYMLINK") strJson += "\"symlink\":\"/target\",";
-  return strJson + "\"pathSuffix\":" + Quote(strSuffix) + ",\"type\":\"" + strType + "\"}";
+  return "{\"accessTime\":1700000001123,\"blockSize\":134217728," + std::string(bOldServer ? "" : "\"childrenNum\":0,") +
+         "\"group\":\"supergroup\",\"length\":" + std::to_string(llLength) + ",\"modificationTime\":1700000000123,\"owner\":\"hdfs\","
+         "\"permission\":\"" + (strType == "DIRECTORY" ? "755" : "644") + "\",\"replication\":3," +
+         (bOldServer ? "" : "\"storagePolicy\":0,\"fileId\":" + std::to_string(llFileId) + ",") +
+         (strType == "SYMLINK" ? "\"symlink\":\"/target\"," : "") + "\"pathSuffix\":" + Quote(strSuffix) + ",\"type\":\"" + strType + "\"}";
 }
 
 void CWebHdfsServer::Serve(int iFd) {
