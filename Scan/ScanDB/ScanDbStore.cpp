@@ -399,6 +399,43 @@ CQiError CScanDbStore::GetReferenceTime(uint64_t& ullReferenceTime) {
                       Shown(m_strFolder).c_str());
 }
 
+CQiError CScanDbStore::SetMetaText(const std::string& strKey, const std::string& strValue) {
+  QI_RETURN_IF_ERROR(CheckOpen());
+  std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
+  sqlite3_stmt* pStatement = nullptr;
+  QI_RETURN_IF_ERROR(m_pConnection->GetStatement(CScanDbConnection::kSetMeta, pStatement));
+  int rc = sqlite3_bind_text(pStatement, 1, strKey.data(), static_cast<int>(strKey.size()), SQLITE_STATIC);
+  if (rc == SQLITE_OK)
+    rc = sqlite3_bind_text(pStatement, 2, strValue.data(), static_cast<int>(strValue.size()), SQLITE_STATIC);
+  if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
+  sqlite3_reset(pStatement);
+  if (rc != SQLITE_DONE)
+    return SCANDB_ERROR(m_pConnection->GetHandle(), rc, "Cannot set %s in the scan database in %s",
+                        Shown(strKey).c_str(), Shown(m_strFolder).c_str());
+  return CQiError();
+}
+
+CQiError CScanDbStore::GetMetaText(const std::string& strKey, std::string& strValue) {
+  QI_RETURN_IF_ERROR(CheckOpen());
+  std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
+  sqlite3_stmt* pStatement = nullptr;
+  QI_RETURN_IF_ERROR(m_pConnection->GetStatement(CScanDbConnection::kGetMeta, pStatement));
+  int rc = sqlite3_bind_text(pStatement, 1, strKey.data(), static_cast<int>(strKey.size()), SQLITE_STATIC);
+  if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
+  if (rc == SQLITE_ROW) {
+    const unsigned char* pText = sqlite3_column_text(pStatement, 0);
+    strValue.assign(pText != nullptr ? reinterpret_cast<const char*>(pText) : "",
+                    static_cast<size_t>(sqlite3_column_bytes(pStatement, 0)));
+  }
+  sqlite3_reset(pStatement);
+  if (rc == SQLITE_ROW) return CQiError();
+  if (rc == SQLITE_DONE)
+    return QI_ERROR_WIN32(QiErrorCode::NotFound, "The scan database in %s has no %s", Shown(m_strFolder).c_str(),
+                          Shown(strKey).c_str());
+  return SCANDB_ERROR(m_pConnection->GetHandle(), rc, "Cannot read %s of the scan database in %s",
+                      Shown(strKey).c_str(), Shown(m_strFolder).c_str());
+}
+
 CQiError CScanDbStore::BeginBulk() {
   QI_RETURN_IF_ERROR(CheckOpen());
   std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());

@@ -23,6 +23,7 @@
 //    streamed row by row.
 //  - Validate: a full consistency check of the file (Win32 13 when damaged).
 //  - Reference time: a number kept in the database's meta table; Win32 1168 before it is set.
+//    Engines keep their own texts there too (SetMetaText / GetMetaText).
 //  - Bulk mode: BeginBulk opens one transaction that every later change joins until EndBulk
 //    commits it (or rolls it back). Outside bulk mode each change commits by itself. Close()
 //    rolls an unfinished bulk back.
@@ -96,6 +97,11 @@ class CScanDbStore {
 
   CQiError SetReferenceTime(uint64_t ullReferenceTime);
   CQiError GetReferenceTime(uint64_t& ullReferenceTime);
+  // A text value of the meta table under an engine's own key (not "ReferenceTime"); written in
+  // the running bulk transaction when there is one, so that it commits with the changes it
+  // describes. Win32 1168 when the key is absent.
+  CQiError SetMetaText(const std::string& strKey, const std::string& strValue);
+  CQiError GetMetaText(const std::string& strKey, std::string& strValue);
 
   CQiError BeginBulk();
   CQiError EndBulk(bool bCommit = true);

@@ -1,0 +1,297 @@
+#include "Scan/Unix/LustreChangelogApplier.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXPath.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
+#include "Scan/Unix/ZrScanDBLustreRecord.h"
+
+namespace {
+constexpr size_t kParentCacheLimit = 65536;
+
+std::string Esc(std::string_view text) { return FXString::EscapeControl(text); }
+
+std::string Join(const std::string& strParent, const std::string& strName) {
+  std::string strPath;
+  strPath.reserve(strParent.size() + strName.size() + 1);
+  strPath = strParent;
+  if (strPath.empty() || strPath.back() != '/') strPath.push_back('/');
+  strPath += strName;
+  return strPath;
+}
+
+// A name that cannot be a path component would make a wrong key.
+bool IsValidName(const std::string& strName) {
+  return !strName.empty() && strName != "." && strName != ".." && strName.find('/') == std::string::npos &&
+         strName.find('\0') == std::string::npos;
+}
+}  // namespace
+
+CLustreChangelogApplier::CLustreChangelogApplier(CScanDbStore& store, LustreAPI& api, std::string strMount,
+                                                 std::vector<std::string> lstRoots, CLustreHardlinkManager* pHardlinks)
+    : m_store(store), m_api(api), m_strMount(std::move(strMount)), m_lstRoots(std::move(lstRoots)),
+      m_pHardlinks(pHardlinks) {
+  for (std::string& strRoot : m_lstRoots) strRoot = FXPath::RemoveTrailingDelimiters(strRoot);
+}
+
+CQiError CLustreChangelogApplier::ProcessChangelogs(const std::string& strFile, int64_t llFirst, int64_t llLast,
+                                                    SCounts& counts) {
+  std::unique_ptr<FILE, int (*)(FILE*)> pFile(fopen(strFile.c_str(), "re"), fclose);
+  if (!pFile) return QI_ERROR_ERRNO(errno, "Cannot Open Changelog File %s", Esc(strFile).c_str());
+  char* pLine = nullptr;
+  size_t nSize = 0;
+  ssize_t nRead;
+  CQiError firstError;
+  CLustreChangelogRecord record;
+  while ((nRead = getline(&pLine, &nSize, pFile.get())) > 0) {
+    const std::string_view line(pLine, static_cast<size_t>(nRead));
+    ++counts.ullRecords;
+    ZRLOG(4, "The ChangelogLine - [%s]", Esc(line).c_str());
+    CQiError error;
+    if (line.back() != '\n' && !feof(pFile.get())) {
+      error = QI_ERROR_WIN32(QiErrorCode::InvalidData, "Cannot read the whole line");
+    } else {
+      error = CLustreChangelogRecord::Parse(line, record);
+    }
+    if (error.IsError()) {
+      ZRLOG(4, "Invalid Line read from changelog file %s", Esc(strFile).c_str());
+      ++counts.ullFailed;
+      if (firstError.IsSuccess())
+        firstError = QI_PUSH(error, "Invalid Line read from changelog file %s", Esc(strFile).c_str());
+      continue;
+    }
+    if (record.m_llIndex < llFirst || record.m_llIndex > llLast || record.m_llIndex <= counts.llLastIndex) {
+      ++counts.ullFailed;
+      if (firstError.IsSuccess())
+        firstError = QI_ERROR_WIN32(QiErrorCode::InvalidData,
+                                    "Changelog record %lld out of order or outside %lld to %lld in %s",
+                                    static_cast<long long>(record.m_llIndex), static_cast<long long>(llFirst),
+                                    static_cast<long long>(llLast), Esc(strFile).c_str());
+      continue;
+    }
+    counts.llLastIndex = record.m_llIndex;
+    bool bApplied = false;
+    error = ApplyRecord(record, bApplied);
+    if (error.IsError()) {
+      ++counts.ullFailed;
+      ZRLOG(-1, "Changelog record %lld of %s not applied, error=%s", static_cast<long long>(record.m_llIndex),
+            Esc(strFile).c_str(), error.AsString().c_str());
+      if (firstError.IsSuccess()) firstError = QI_PUSH(error);
+      continue;
+    }
+    ++(bApplied ? counts.ullApplied : counts.ullIgnored);
+  }
+  const bool bReadError = ferror(pFile.get()) != 0;
+  free(pLine);
+  if (bReadError) return QI_ERROR_ERRNO(EIO, "Cannot read Changelog File %s", Esc(strFile).c_str());
+  if (firstError.IsError()) return QI_PUSH(firstError, "Cannot Process Changelogs");
+  return CQiError();
+}
+
+bool CLustreChangelogApplier::IsInsideContent(const std::string& strPath) const {
+  for (const std::string& strRoot : m_lstRoots)
+    if (FXPath::IsAncestorOf(strRoot, strPath, true)) return true;
+  return false;
+}
+
+CQiError CLustreChangelogApplier::ResolveParent(const std::string& strFid, std::string& strPath, EWhere& eWhere) {
+  eWhere = EWhere::kInside;
+  auto it = m_mapParents.find(strFid);
+  if (it != m_mapParents.end()) {
+    strPath = it->second;
+    return CQiError();
+  }
+  CScanDbRecord record;
+  CQiError error = m_store.LookupByFileId(strFid, record);
+  if (error.IsSuccess()) {
+    strPath = record.GetPath();
+    if (m_mapParents.size() >= kParentCacheLimit) m_mapParents.clear();
+    m_mapParents.emplace(strFid, strPath);
+    return CQiError();
+  }
+  if (!error.IsWin32(QiErrorCode::NotFound)) return QI_PUSH(error);
+  // Not in the database: outside the content, unless the file system places it inside.
+  LustreAPI::CLustreFID fid;
+  std::vector<std::string> lstPaths;
+  error = LustreAPI::CLustreFID::FromText(strFid, fid) ? m_api.GetPathFromFID(m_strMount, fid, lstPaths)
+                                                       : QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid FID");
+  eWhere = EWhere::kOutside;
+  if (error.IsWin32(QiErrorCode::NotFound)) return CQiError();
+  QI_RETURN_IF_ERROR(error, "Cannot convert FID to Path due to %s", error.AsString().c_str());
+  for (const std::string& strFound : lstPaths) {
+    if (IsInsideContent(strFound))
+      return QI_ERROR_WIN32(QiErrorCode::NotFound,
+                            "The parent FID %s (%s) is not present in the Database. Possible Database corruption",
+                            strFid.c_str(), Esc(strFound).c_str());
+  }
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::AddPath(const std::string& strPath, const std::string& strFid, bool bFolder) {
+  ZrScanDBLustreRecord record;
+  bool bExists = false;
+  record.FromPath(strPath, strFid, bFolder ? S_IFDIR : S_IFREG, bExists);
+  CQiError error = m_store.Add(record);
+  // A path still recorded (a replaced object) takes the new one's record.
+  if (error.IsErrNo(EEXIST)) error = m_store.Update(record);
+  if (error.IsError()) {
+    ZRLOG(-1, bFolder ? "Cannot Add Folder Record to the Database %s" : "Cannot Add File Record to the Database %s",
+          Esc(strPath).c_str());
+    return QI_PUSH(error);
+  }
+  if (!bFolder && m_pHardlinks != nullptr && record.GetStat().st_nlink > 1) m_pHardlinks->Add(strFid);
+  ZRLOG(5, bFolder ? "Add Folder Record %s" : "Add File Record %s", Esc(strPath).c_str());
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::RemovePath(const std::string& strPath, bool bFolder) {
+  CQiError error = m_store.Remove(strPath, bFolder);
+  if (error.IsWin32(QiErrorCode::NotFound)) {
+    // Nothing to remove: the database holds what the file system holds.
+    if (bFolder) ZRLOG(1, "Cannot remove Folder since the Folder doesn't exist in the Database");
+    else ZRLOG(1, "Cannot Remove File Record from the Database %s", Esc(strPath).c_str());
+    return CQiError();
+  }
+  if (error.IsError()) {
+    ZRLOG(-1, bFolder ? "Cannot Remove Folder Record to the Database %s. Possible Database Corruption."
+                      : "Cannot Remove File Record from the Database %s",
+          Esc(strPath).c_str());
+    return QI_PUSH(error);
+  }
+  if (bFolder) ForgetParents();
+  ZRLOG(5, bFolder ? "Remove Folder Record %s" : "Remove File Record %s", Esc(strPath).c_str());
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::ApplyRecord(const CLustreChangelogRecord& record, bool& bApplied) {
+  bApplied = false;
+  const LustreChangeType eChange = record.m_eChange;
+  if (eChange == kLustreChangeNone) {
+    if (record.m_eType == kLustreUnknownType)
+      ZRLOG(1, "Unknown Lustre changelog record type %s in record %lld changes nothing",
+            Esc(record.m_strTypeToken).c_str(), static_cast<long long>(record.m_llIndex));
+    return CQiError();
+  }
+  if (eChange == kLustreModified) return Modify(record, bApplied);
+  if (!record.HasParent() || !IsValidName(record.m_strName) ||
+      (eChange == kLustreRenamed && !IsValidName(record.m_strOldName)))
+    return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid Changelog Line processed: record %lld",
+                          static_cast<long long>(record.m_llIndex));
+  if (eChange == kLustreRenamed) return Rename(record, bApplied);
+  std::string strParent;
+  EWhere eWhere;
+  QI_RETURN_IF_ERROR(ResolveParent(record.m_strTargetParentFID, strParent, eWhere));
+  if (eWhere == EWhere::kOutside) {
+    ZRLOG(5, "Changelog record %lld lies outside the content", static_cast<long long>(record.m_llIndex));
+    return CQiError();
+  }
+  const std::string strPath = Join(strParent, record.m_strName);
+  switch (eChange) {
+    case kLustreFileCreated:
+    case kLustreHardlinkAdded:
+      QI_RETURN_IF_ERROR(AddPath(strPath, record.m_strTargetFID, false));
+      if (eChange == kLustreHardlinkAdded && m_pHardlinks != nullptr) m_pHardlinks->Add(record.m_strTargetFID);
+      break;
+    case kLustreFolderCreated: QI_RETURN_IF_ERROR(AddPath(strPath, record.m_strTargetFID, true)); break;
+    case kLustreFileRemoved: QI_RETURN_IF_ERROR(RemovePath(strPath, false)); break;
+    case kLustreFolderRemoved: QI_RETURN_IF_ERROR(RemovePath(strPath, true)); break;
+    default:
+      return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Unknown Lustre ChangeType %d", static_cast<int>(eChange));
+  }
+  bApplied = true;
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::Modify(const CLustreChangelogRecord& record, bool& bApplied) {
+  CScanDbRecord found;
+  CQiError error = m_store.LookupByFileId(record.m_strTargetFID, found);
+  if (error.IsWin32(QiErrorCode::NotFound)) {
+    ZRLOG(5, "The Target FID %s is not present in the Database. Possible Database corruption/Record not found.",
+          record.m_strTargetFID.c_str());
+    return CQiError();
+  }
+  QI_RETURN_IF_ERROR(error, "Cannot check whether the record exists in the Database %s", record.m_strTargetFID.c_str());
+  ZRLOG(5, "The Target FID %s is present in the Database", record.m_strTargetFID.c_str());
+  struct stat st {};
+  if (lstat(found.GetPath().c_str(), &st) != 0) return CQiError();  // gone since: a later record says how
+  found.SetStat(st);
+  error = m_store.Update(found);
+  if (error.IsError()) {
+    ZRLOG(-1, "Error in updating the record %s due to %s", Esc(found.GetPath()).c_str(), error.AsString().c_str());
+    return QI_PUSH(error);
+  }
+  ZRLOG(5, "Update Record %s successfully", Esc(found.GetPath()).c_str());
+  bApplied = true;
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, bool& bApplied) {
+  std::string strOldParent, strNewParent;
+  EWhere eOld, eNew;
+  QI_RETURN_IF_ERROR(ResolveParent(record.m_strSourceParentFID, strOldParent, eOld));
+  QI_RETURN_IF_ERROR(ResolveParent(record.m_strTargetParentFID, strNewParent, eNew));
+  const std::string strOld = Join(strOldParent, record.m_strOldName);
+  const std::string strNew = Join(strNewParent, record.m_strName);
+  if (eOld == EWhere::kOutside && eNew == EWhere::kOutside) return CQiError();
+  bApplied = true;
+  ForgetParents();
+  if (eNew == EWhere::kOutside) return RemovePath(strOld, true);
+  // A replaced target goes first.
+  LustreAPI::CLustreFID victim;
+  if (LustreAPI::CLustreFID::FromText(record.m_strTargetFID, victim) && !victim.IsZero()) {
+    CQiError error = m_store.Remove(strNew, true);
+    if (error.IsError() && !error.IsWin32(QiErrorCode::NotFound)) return QI_PUSH(error);
+  }
+  if (eOld == EWhere::kOutside) return AddSubtree(strNew);
+  CQiError error = m_store.Rename(strOld, strNew);
+  if (error.IsErrNo(EEXIST)) {
+    QI_RETURN_IF_ERROR(m_store.Remove(strNew, true));
+    error = m_store.Rename(strOld, strNew);
+  }
+  if (error.IsWin32(QiErrorCode::NotFound)) {
+    ZRLOG(1, "Cannot rename %s to %s due to %s", Esc(strOld).c_str(), Esc(strNew).c_str(), error.AsString().c_str());
+    return AddSubtree(strNew);
+  }
+  if (error.IsError()) {
+    ZRLOG(-1, "Cannot rename %s to %s due to %s", Esc(strOld).c_str(), Esc(strNew).c_str(), error.AsString().c_str());
+    return QI_PUSH(error);
+  }
+  ZRLOG(5, "Renaming Record from %s to %s", Esc(strOld).c_str(), Esc(strNew).c_str());
+  // The moved object's change time moved with it.
+  CScanDbRecord moved;
+  struct stat st {};
+  if (m_store.Lookup(strNew, moved).IsSuccess() && lstat(strNew.c_str(), &st) == 0) {
+    moved.SetStat(st);
+    QI_RETURN_IF_ERROR(m_store.Update(moved));
+  }
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::AddSubtree(const std::string& strPath) {
+  struct stat st {};
+  if (lstat(strPath.c_str(), &st) != 0) return CQiError();  // gone again: a later record removes it
+  LustreAPI::CLustreFID fid;
+  QI_RETURN_IF_ERROR(m_api.GetFIDFromPath(strPath, fid));
+  CScanDbRecord record(strPath, st, fid.ToString());
+  QI_RETURN_IF_ERROR(m_store.Update(record), "Cannot Add File Record to the Database %s", Esc(strPath).c_str());
+  if (!S_ISDIR(st.st_mode)) {
+    if (st.st_nlink > 1 && m_pHardlinks != nullptr) m_pHardlinks->Add(record.GetFileId());
+    return CQiError();
+  }
+  std::unique_ptr<DIR, int (*)(DIR*)> pDir(opendir(strPath.c_str()), closedir);
+  if (!pDir) return QI_ERROR_ERRNO(errno, "Error in Adding Folder %s", Esc(strPath).c_str());
+  while (const struct dirent* pEntry = readdir(pDir.get())) {
+    const std::string strName = pEntry->d_name;
+    if (strName == "." || strName == "..") continue;
+    QI_RETURN_IF_ERROR(AddSubtree(Join(strPath, strName)));
+  }
+  return CQiError();
+}

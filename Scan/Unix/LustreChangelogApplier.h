@@ -1,0 +1,80 @@
+// CLustreChangelogApplier: applies the changelog records of one MDT to the Lustre engine's scan
+// database (ProcessChangelogs of the engine).
+//
+// Each record names its objects by FID: the parent folder's path is looked up by the parent
+// FID in the database (a small cache of recent parents saves most look-ups; it is emptied when
+// a folder is renamed or removed) and joined with the record's name. Then, by change type:
+//   1 file created / 7 hard link added: add the path's record (lstat now) with the target FID;
+//   2 folder created (02MKDIR, and 05MKNOD on purpose): the same, logged as a folder;
+//   3 file removed: remove the path's record; 4 folder removed: remove it with its subtree;
+//   5 rename: move the record (and a folder's subtree) from source parent + old name to parent
+//     + new name, dropping a target it replaced; moved in from outside the content, the
+//     object is walked and added; moved out, it is removed;
+//   6 modified: refresh the record of the target FID when the database has it (level 5 when not);
+//   0 nothing (00MARK, 09RNMTO, 19ATIME, 20MIGRT and types this engine does not know).
+// Records whose parent FID the database does not have are outside the content when the file
+// system places the parent outside every content root or no longer knows it (level 5); a
+// parent it places inside a content root means the database lost track: an error.
+//
+// Exactness: a line that is not a record, a record out of index order or outside the fetched
+// range, a namespace record without parent and name, and any failed database operation make
+// ProcessChangelogs fail once the file is read (the failures logged one by one with the
+// engine's messages), so that the job turns into a full scan instead of leaving the database
+// with a hole. A remove of a path the database does not have is logged and changes nothing (the
+// end state is the same).
+//
+// Ownership: works on the store, API and hard-link table it is given (all outlive it).
+// Threads: one thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Platform/QiError.h"
+#include "Scan/ScanDB/ScanDbStore.h"
+#include "Scan/Unix/LustreAPI.h"
+#include "Scan/Unix/LustreChangelogRecord.h"
+#include "Scan/Unix/LustreHardlinkManager.h"
+
+class CLustreChangelogApplier {
+ public:
+  struct SCounts {
+    uint64_t ullRecords = 0;   // records read
+    uint64_t ullApplied = 0;   // records that changed the database
+    uint64_t ullIgnored = 0;   // records that change nothing or lie outside the content
+    uint64_t ullFailed = 0;    // records that could not be applied
+    int64_t llLastIndex = -1;  // index of the last record read
+  };
+
+  CLustreChangelogApplier(CScanDbStore& store, LustreAPI& api, std::string strMount,
+                          std::vector<std::string> lstRoots, CLustreHardlinkManager* pHardlinks);
+
+  // Applies the records of the file in order; their indexes must rise and lie in
+  // [llFirst, llLast].
+  CQiError ProcessChangelogs(const std::string& strFile, int64_t llFirst, int64_t llLast, SCounts& counts);
+  // Applies one parsed record. bApplied false when it changes nothing.
+  CQiError ApplyRecord(const CLustreChangelogRecord& record, bool& bApplied);
+  // Adds (or refreshes) the object at the path and, for a folder, everything below it (FIDs
+  // from the API): objects moved in from outside the content, and previous scan failures.
+  CQiError AddSubtree(const std::string& strPath);
+
+ private:
+  enum class EWhere { kInside, kOutside };
+  // The path of a folder FID: from the database, else placed by the file system.
+  CQiError ResolveParent(const std::string& strFid, std::string& strPath, EWhere& eWhere);
+  bool IsInsideContent(const std::string& strPath) const;
+  CQiError AddPath(const std::string& strPath, const std::string& strFid, bool bFolder);
+  CQiError RemovePath(const std::string& strPath, bool bFolder);
+  CQiError Rename(const CLustreChangelogRecord& record, bool& bApplied);
+  CQiError Modify(const CLustreChangelogRecord& record, bool& bApplied);
+  void ForgetParents() { m_mapParents.clear(); }
+
+  CScanDbStore& m_store;
+  LustreAPI& m_api;
+  std::string m_strMount;
+  std::vector<std::string> m_lstRoots;
+  CLustreHardlinkManager* m_pHardlinks;
+  std::unordered_map<std::string, std::string> m_mapParents;  // folder FID -> path
+};

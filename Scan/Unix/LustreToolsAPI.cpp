@@ -1,0 +1,223 @@
+#include "Scan/Unix/LustreToolsAPI.h"
+
+#include <mntent.h>
+#include <sys/statfs.h>
+
+#include <cerrno>
+#include <sstream>
+
+#include "Platform/FXErrorUtil.h"
+#include "Platform/FXPath.h"
+#include "Platform/FXString.h"
+#include "Platform/LogWriterInterface.h"
+#include "Platform/ShellQuote.h"
+#include "Platform/ZrProcess.h"
+
+namespace {
+std::string Esc(const std::string& strText) { return FXString::EscapeControl(strText); }
+std::string Q(const std::string& strText) { return ShellQuote::Argument(strText); }
+
+bool ParseIndex(std::string_view text, int64_t& llValue) {
+  long long ll = 0;
+  if (FXString::ToInt64(FXString::Trim(text), ll).IsError()) return false;
+  llValue = ll;
+  return true;
+}
+}  // namespace
+
+std::string CLustreToolsAPI::RemoteCommand(const std::string& strUser, const std::string& strHost,
+                                           const std::string& strRemote) {
+  return "ssh -o BatchMode=yes " + Q(strUser + "@" + strHost) + " " + ShellQuote::Word(strRemote);
+}
+
+CQiError CLustreToolsAPI::Run(const std::string& strCommand, std::string& strOutput, const std::string& strOutFile) {
+  ZRLOG(2, "Running %s", Esc(strCommand).c_str());
+  ZrProcess process;
+  process.SetStdinFromNull(true);
+  if (!strOutFile.empty()) process.SetStdout(ZrProcess::EOutput::File, strOutFile);
+  QI_RETURN_IF_ERROR(process.Start(strCommand), "Cannot run %s", Esc(strCommand).c_str());
+  CQiError error = process.WaitForExit(kCommandTimeoutMs);
+  if (error.IsError()) {
+    (void)process.Kill(SIGKILL);
+    return QI_PUSH(error, "%s did not finish", Esc(strCommand).c_str());
+  }
+  strOutput = process.GetStdout();
+  if (process.GetExitCode() != 0) {
+    const std::string strText = FXString::Trim(process.GetStdout() + process.GetStderr());
+    if (strText.find("No such file or directory") != std::string::npos)
+      return QI_ERROR_WIN32(QiErrorCode::NotFound, "%s: %s", Esc(strCommand).c_str(), Esc(strText).c_str());
+    return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "%s failed with exit code %d: %s", Esc(strCommand).c_str(),
+                          process.GetExitCode(), Esc(strText).c_str());
+  }
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::LoadFunctions() {
+  std::string strOutput;
+  CQiError error = Run("command -v lfs lctl ssh", strOutput);
+  if (error.IsError()) return QI_PUSH(error, "The Lustre tools lfs, lctl and ssh are not all on PATH");
+  return CQiError();
+}
+
+bool CLustreToolsAPI::IsLustre(const std::string& strPath, std::string& strFileSystem, std::string& strMount) {
+  struct statfs sfs {};
+  if (statfs(strPath.c_str(), &sfs) != 0 || static_cast<uint64_t>(sfs.f_type) != kLustreMagic) return false;
+  FILE* pMounts = setmntent("/proc/self/mounts", "r");
+  if (pMounts == nullptr) return false;
+  strMount.clear();
+  struct mntent entry {};
+  char szBuffer[4096];
+  while (getmntent_r(pMounts, &entry, szBuffer, sizeof(szBuffer)) != nullptr) {
+    const std::string strDir = entry.mnt_dir;
+    if (std::string(entry.mnt_type) != "lustre" || !FXPath::IsAncestorOf(strDir, strPath, true) ||
+        strDir.size() < strMount.size())
+      continue;
+    strMount = strDir;
+    const std::string strSource = entry.mnt_fsname;
+    const size_t pos = strSource.find(":/");
+    strFileSystem = pos == std::string::npos ? strSource : strSource.substr(pos + 2);
+  }
+  endmntent(pMounts);
+  return !strMount.empty();
+}
+
+CQiError CLustreToolsAPI::GetMDTList(const std::string& strMount, std::vector<SMdt>& lstMdt) {
+  lstMdt.clear();
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run("lfs mdts " + Q(strMount), strOutput));
+  std::istringstream lines(strOutput);
+  for (std::string strLine; std::getline(lines, strLine);) {
+    std::istringstream words(strLine);
+    std::string strNumber, strUuid;
+    if (!(words >> strNumber >> strUuid) || strNumber.back() != ':' || !FXString::EndsWith(strUuid, "_UUID")) continue;
+    SMdt mdt;
+    mdt.strName = strUuid.substr(0, strUuid.size() - 5);
+    std::string strConn;
+    QI_RETURN_IF_ERROR(Run("lctl get_param -n " + Q("mdc." + mdt.strName + "-mdc-*.mds_conn_uuid"), strConn));
+    strConn = FXString::Trim(strConn.substr(0, strConn.find('\n')));
+    mdt.strHost = strConn.substr(0, strConn.find('@'));
+    if (mdt.strHost.empty())
+      return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "No connection of MDT %s", Esc(mdt.strName).c_str());
+    lstMdt.push_back(mdt);
+  }
+  if (lstMdt.empty())
+    return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "lfs mdts %s listed no MDT: %s", Esc(strMount).c_str(),
+                          Esc(strOutput).c_str());
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::RegisterChangelog(const SMdt& mdt, const std::string& strUser, std::string& strChangelogId) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run(RemoteCommand(strUser, mdt.strHost, "lctl --device " + Q(mdt.strName) + " changelog_register"),
+                         strOutput));
+  const size_t pos = strOutput.find("changelog userid '");
+  const size_t end = pos == std::string::npos ? pos : strOutput.find('\'', pos + 18);
+  if (end == std::string::npos || end == pos + 18)
+    return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "Unexpected changelog_register output: %s",
+                          Esc(strOutput).c_str());
+  strChangelogId = strOutput.substr(pos + 18, end - pos - 18);
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::DeRegisterChangelog(const SMdt& mdt, const std::string& strUser,
+                                              const std::string& strChangelogId) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run(RemoteCommand(strUser, mdt.strHost,
+                                       "lctl --device " + Q(mdt.strName) + " changelog_deregister " + Q(strChangelogId)),
+                         strOutput));
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::ChangelogUsers(const SMdt& mdt, const std::string& strUser, std::string& strOutput) {
+  QI_RETURN_IF_ERROR(Run(RemoteCommand(strUser, mdt.strHost,
+                                       "lctl get_param " + Q("mdd." + mdt.strName + ".changelog_users")),
+                         strOutput));
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::ParseChangelogUsers(const std::string& strOutput, const std::string& strChangelogId,
+                                              int64_t& llCurrent, int64_t& llCleared) {
+  bool bCurrent = false, bReader = false;
+  std::istringstream lines(strOutput);
+  for (std::string strLine; std::getline(lines, strLine);) {
+    const size_t pos = strLine.find("current index:");
+    if (pos != std::string::npos) {
+      bCurrent = ParseIndex(std::string_view(strLine).substr(pos + 14), llCurrent);
+      continue;
+    }
+    std::istringstream words(strLine);
+    std::string strId, strIndex;
+    if (!strChangelogId.empty() && words >> strId >> strIndex && strId == strChangelogId)
+      bReader = ParseIndex(strIndex, llCleared);
+  }
+  if (!bCurrent)
+    return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "No current index in changelog_users output: %s",
+                          Esc(strOutput).c_str());
+  if (!strChangelogId.empty() && !bReader)
+    return QI_ERROR_WIN32(QiErrorCode::NotFound, "The changelog reader %s is not registered",
+                          Esc(strChangelogId).c_str());
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::GetChangelogCurrentIndex(const SMdt& mdt, const std::string& strUser, int64_t& llIndex) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(ChangelogUsers(mdt, strUser, strOutput));
+  int64_t llCleared = 0;
+  QI_RETURN_IF_ERROR(ParseChangelogUsers(strOutput, std::string(), llIndex, llCleared));
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::GetStartAndEndChangelogRecordNumbers(const SMdt& mdt, const std::string& strUser,
+                                                               const std::string& strChangelogId, int64_t& llStart,
+                                                               int64_t& llEnd) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(ChangelogUsers(mdt, strUser, strOutput));
+  int64_t llCleared = 0;
+  QI_RETURN_IF_ERROR(ParseChangelogUsers(strOutput, strChangelogId, llEnd, llCleared));
+  llStart = llCleared + 1;
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::GetChangelogs(const std::string& /*strMount*/, const std::string& strMDT, int64_t llStart,
+                                        int64_t llEnd, const std::string& strFile) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run(FXString::Format("lfs changelog %s %lld %lld", Q(strMDT).c_str(),
+                                          static_cast<long long>(llStart), static_cast<long long>(llEnd)),
+                         strOutput, strFile));
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::ClearChangelog(const std::string& /*strMount*/, const std::string& strMDT,
+                                         const std::string& strChangelogId, int64_t llEnd) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run(FXString::Format("lfs changelog_clear %s %s %lld", Q(strMDT).c_str(),
+                                          Q(strChangelogId).c_str(), static_cast<long long>(llEnd)),
+                         strOutput));
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::GetPathFromFID(const std::string& strMount, const CLustreFID& fid,
+                                         std::vector<std::string>& lstPaths) {
+  lstPaths.clear();
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run("lfs fid2path " + Q(strMount) + " " + Q(fid.ToString()), strOutput));
+  std::istringstream lines(strOutput);
+  for (std::string strLine; std::getline(lines, strLine);) {
+    if (strLine.empty()) continue;
+    lstPaths.push_back(FXPath::IsAbsolute(strLine) ? strLine : FXPath::Append(strMount, strLine));
+  }
+  if (lstPaths.empty()) return QI_ERROR_WIN32(QiErrorCode::NotFound, "fid2path %s gave no path", fid.ToString().c_str());
+  return CQiError();
+}
+
+CQiError CLustreToolsAPI::GetFIDFromPath(const std::string& strPath, CLustreFID& fid) {
+  std::string strOutput;
+  QI_RETURN_IF_ERROR(Run("lfs path2fid " + Q(strPath), strOutput));
+  // One path prints the FID alone; some versions print "PATH: [FID]".
+  const std::string strText = FXString::Trim(strOutput);
+  const size_t pos = strText.rfind('[');
+  if (pos == std::string::npos || !CLustreFID::FromText(std::string_view(strText).substr(pos), fid))
+    return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "Unexpected path2fid output for %s: %s", Esc(strPath).c_str(),
+                          Esc(strText).c_str());
+  return CQiError();
+}
