@@ -12,6 +12,7 @@
 #include "Scan/Unix/GpfsScanEngine.h"
 #include "Scan/Unix/HadoopScanEngine.h"
 #include "Scan/Unix/RawDeviceScanEngine.h"
+#include "Scan/Unix/LustreScanEngine.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ const std::vector<SEngineEntry>& Entries() {
       {"traverse", true, [](const CHadoopFSPtr&) { return std::make_shared<CTraverseScanEngine>(); }},
       {"ondemand", true, [](const CHadoopFSPtr&) { return std::make_shared<COnDemandScanEngine>(); }},
       {"gpfs", true, [](const CHadoopFSPtr&) { return std::make_shared<CGpfsScanEngine>(); }},
+      {"lustre", true, [](const CHadoopFSPtr&) { return std::make_shared<CLustreScanEngine>(); }},
       {"rawdevice", false, [](const CHadoopFSPtr&) { return std::make_shared<CRawDeviceScanEngine>(); }},
       {"hadoop", false, [](const CHadoopFSPtr& pFS) { return std::make_shared<CHadoopScanEngine>(pFS); }},
   };

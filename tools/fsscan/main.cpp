@@ -73,6 +73,14 @@
 //     (--since, default 0: everything counts as modified) and both time tests. The test option
 //     --test-gpfs-volume DIR declares the file system holding DIR to be GPFS (device "gpfs0")
 //     so that tests run the engine against fake GPFS tools ("sGpfsBin" in the settings file).
+//   - the lustre engine (--engines lustre,findfirst) keeps its readers, statistics and scan
+//     databases in the job results folder: each run is one backup job there, a full one the
+//     first time (or whenever the engine finds it must), an incremental from the MDT changelogs
+//     after that, listing only what changed; a successful run ends with the job's
+//     post-operations. The test option --test-lustre-volume DIR serves DIR as a simulated
+//     Lustre (one MDT "lustre-MDT0000" on host "localhost") whose changelog is the text file
+//     "<job results>/simulated-lustre/lustre-MDT0000.changelog": tests change DIR and append
+//     the records, in the format `lfs changelog` prints, that the change would have written.
 #include <fcntl.h>
 #include <getopt.h>
 #include <pwd.h>
@@ -86,6 +94,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -108,6 +117,8 @@
 #include "Scan/ScannerConfigurationBagId.h"
 #include "Scan/Unix/RawDeviceScanEngine.h"
 #include "ProgressLine.h"
+#include "Scan/Unix/LustreScanEngine.h"
+#include "Scan/Unix/SimulatedLustreAPI.h"
 #include "TestGpfsPlatform.h"
 
 namespace {
@@ -141,6 +152,7 @@ struct SOptions {
   std::string strJobResults;      // --job-results: the gpfs engine's job results folder
   unsigned long long ullSince = 0;  // --since: the gpfs engine's reference time
   std::string strTestGpfsVolume;  // --test-gpfs-volume (test option)
+  std::string strTestLustreVolume;  // --test-lustre-volume (test option)
   ItemSet setExcludes;
   ItemSet setExceptions;
   ItemSet setContentExceptions;
@@ -199,6 +211,8 @@ const char kUsage[] =
     "      --hdfs-token TOKEN       a delegation token for webhdfs:// content\n"
     "      --hdfs-ca FILE           the CA certificates for swebhdfs:// (default: the system's)\n"
     "      --hdfs-timeout SECONDS   the time-out of each WebHDFS request, 1 to 3600 (default 120)\n"
+    "      --test-lustre-volume DIR test option: serve DIR as a simulated Lustre file system for\n"
+    "                               the lustre engine (changelog in the job results folder)\n"
     "  -l, --log FILE               write the library's log to FILE ('-' for stderr)\n"
     "  -L, --log-level N            log level, -1 to 7 (default 1; alone: log to stderr)\n"
     "  -h, --help                   show this help\n"
@@ -285,11 +299,35 @@ int ParseHadoopContent(SOptions& options, const char* szTryHelp) {
   return 0;
 }
 
+// The lustre engine's job: its parameters, the last job's id from its post-operation state and,
+// with the test option, the simulated file system. kExitSuccess or kExitUsage.
+int SetUpLustreJob(const SOptions& options, const std::string& strJobResults, CBag& bag,
+                   unsigned long long& ullLastJob) {
+  std::ifstream state(strJobResults + "/" + CLustreScanEngine::kPostOpStateFile);
+  if (!(state >> ullLastJob)) ullLastJob = 0;
+  (void)bag.Write(SXScannerConfigurationBagId::idJobResultsDirectory, strJobResults);
+  (void)bag.Write(SXScannerConfigurationBagId::idReferenceTime, options.ullSince);
+  (void)bag.Write(CLustreScanEngine::kParamBackupType, std::string("INCREMENTAL"));
+  (void)bag.Write(CLustreScanEngine::kParamLastSuccessfulJobId, ullLastJob);
+  if (options.strTestLustreVolume.empty()) return kExitSuccess;
+  const std::string strState = strJobResults + "/simulated-lustre";
+  struct stat st {};
+  if ((mkdir(strState.c_str(), 0700) != 0 && errno != EEXIST) ||
+      stat(options.strTestLustreVolume.c_str(), &st) != 0) {
+    fprintf(stderr, "fsscan: --test-lustre-volume: cannot use '%s': %m\n", options.strTestLustreVolume.c_str());
+    return kExitUsage;
+  }
+  LustreAPI::SetCurrent(std::make_shared<CSimulatedLustreAPI>(
+      MakeAbsolute(options.strTestLustreVolume), std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "localhost"}},
+      strState));
+  return kExitSuccess;
+}
+
 // 0 to go on, kExitUsage on a usage error, -1 when the help was printed.
 int ParseOptions(int argc, char** argv, SOptions& options) {
   enum { kOptTopLevel = 256, kOptEngines, kOptTraverse, kOptScanners, kOptFromFile, kOptJobResults, kOptSince,
          kOptTestGpfsVolume, kOptHdfsUser, kOptHdfsToken,
-         kOptHdfsCa, kOptHdfsTimeout };
+         kOptHdfsCa, kOptHdfsTimeout, kOptTestLustreVolume };
   static const struct option kLongOptions[] = {
       {"output", required_argument, nullptr, 'o'},   {"print0", no_argument, nullptr, '0'},
       {"top-level", no_argument, nullptr, kOptTopLevel}, {"failures", required_argument, nullptr, 'f'},
@@ -302,6 +340,7 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
       {"test-gpfs-volume", required_argument, nullptr, kOptTestGpfsVolume},
       {"hdfs-user", required_argument, nullptr, kOptHdfsUser}, {"hdfs-token", required_argument, nullptr, kOptHdfsToken},
       {"hdfs-ca", required_argument, nullptr, kOptHdfsCa}, {"hdfs-timeout", required_argument, nullptr, kOptHdfsTimeout},
+      {"test-lustre-volume", required_argument, nullptr, kOptTestLustreVolume},
       {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
   int iOption;
   while ((iOption = getopt_long(argc, argv, "o:0f:x:e:c:w:l:L:h", kLongOptions, nullptr)) != -1) {
@@ -371,6 +410,7 @@ int ParseOptions(int argc, char** argv, SOptions& options) {
           return kExitUsage;
         }
         break;
+      case kOptTestLustreVolume: options.strTestLustreVolume = optarg; break;
       case 'h': printf(kUsage, CEngineFactory::GetNamesText().c_str()); return -1;
       default: fputs("Try 'fsscan --help' for more information.\n", stderr); return kExitUsage;
     }
@@ -547,6 +587,10 @@ int main(int argc, char** argv) {
   auto pBag = std::make_shared<CBag>();
   if (options.bTopLevel) (void)pBag->Write(SXScannerConfigurationBagId::idProcessTopLevelContent, true);
   if (options.iWorkers > 1 || options.bEnginesGiven) (void)pBag->Write(kEnableFolderLevelMultithread, true);
+  const char* szTemp = getenv("TMPDIR");
+  const std::string strJobResults = !options.strJobResults.empty() ? MakeAbsolute(options.strJobResults)
+                                    : szTemp != nullptr && *szTemp != '\0' ? std::string(szTemp)
+                                                                            : std::string("/tmp");
   if (std::find(options.lstEngines.begin(), options.lstEngines.end(), "gpfs") != options.lstEngines.end()) {
     if (!options.strTestGpfsVolume.empty()) {
       auto pPlatform = std::make_shared<CTestGpfsPlatform>();
@@ -556,16 +600,16 @@ int main(int argc, char** argv) {
       }
       CGpfsPlatform::SetCurrent(pPlatform);
     }
-    const char* szTemp = getenv("TMPDIR");
-    const std::string strJobResults = !options.strJobResults.empty() ? MakeAbsolute(options.strJobResults)
-                                      : szTemp != nullptr && *szTemp != '\0' ? std::string(szTemp)
-                                                                              : std::string("/tmp");
     (void)pBag->Write("RegKey:GpfsScan", true);
     (void)pBag->Write("JO:MTIME", true);
     (void)pBag->Write("JO:CTIME", true);
     (void)pBag->Write(SXScannerConfigurationBagId::idJobResultsDirectory, strJobResults);
     (void)pBag->Write(SXScannerConfigurationBagId::idReferenceTime, options.ullSince);
   }
+  const bool bLustre =
+      std::find(options.lstEngines.begin(), options.lstEngines.end(), "lustre") != options.lstEngines.end();
+  unsigned long long ullLustreJob = 0;
+  if (bLustre && SetUpLustreJob(options, strJobResults, *pBag, ullLustreJob) != kExitSuccess) return kExitUsage;
   (void)pCallback->SetScannerConfigurationBag(pBag);
 
   const auto tStart = std::chrono::steady_clock::now();
@@ -707,5 +751,13 @@ int main(int argc, char** argv) {
   if (CFsscanCallback::IsInterrupted()) return kExitInterrupted;
   if (bSetUpFailed) return kExitUsage;
   if (ullFailures > 0 || nUnfinishedUnits > 0) return kExitContentFailed;
+  // A whole job: the lustre engine's post-operations make it the base of the next one.
+  if (bLustre) {
+    CQiError error = CLustreScanEngine::RunPostOperations(strJobResults, ullLustreJob + 1);
+    if (error.IsError()) {
+      fprintf(stderr, "fsscan: the lustre post-operations failed: %s\n", error.GetMessage().c_str());
+      return kExitUsage;
+    }
+  }
   return kExitSuccess;
 }
