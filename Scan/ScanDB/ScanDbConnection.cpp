@@ -57,7 +57,7 @@ static const char* const kStatementSql[CScanDbConnection::kStatementCount] = {
     // kDeleteSubtree: ?1 the folder, [?2, ?3) the parents below it ("folder/" .. "folder0")
     "DELETE FROM scan_entry WHERE parent = ?1 OR (parent >= ?2 AND parent < ?3)",
     // kRenameEntry
-    "UPDATE scan_entry SET parent = ?1, name = ?2 WHERE parent = ?3 AND name = ?4",
+    "UPDATE scan_entry SET parent = ?1, name = ?2 WHERE parent = ?3 AND name = ?4 RETURNING mode",
     // kRenameSubtree: ?1 the new folder, ?2 the old folder's length + 1, ?3 .. ?5 as
     // kDeleteSubtree. || gives TEXT; the CAST keeps the parent a BLOB (same bytes), so that it
     // still compares in byte order with the other keys.
@@ -74,6 +74,8 @@ static const char* const kStatementSql[CScanDbConnection::kStatementCount] = {
     "SAVEPOINT scan_db_op",
     "RELEASE scan_db_op",
     "ROLLBACK TO scan_db_op",
+    // kSelectPathByFileId: answered from the FID index alone (it holds the key columns)
+    "SELECT parent, name FROM scan_entry WHERE fid = ?1 ORDER BY parent, name LIMIT 1",
 };
 
 // Listing statements kept for reuse; more cursors than this at once prepare their own.

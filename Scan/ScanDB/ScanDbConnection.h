@@ -55,6 +55,7 @@ class CScanDbConnection {
     kSavepoint,
     kRelease,
     kRollbackTo,
+    kSelectPathByFileId,
     kStatementCount
   };
 

@@ -1,5 +1,7 @@
 #include "Scan/ScanDB/ScanDbStore.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -158,7 +160,8 @@ CQiError CScanDbStore::Remove(const std::string& strPath, bool bWithSubtree, uin
   sqlite3* pDb = m_pConnection->GetHandle();
   uint64_t ullRemoved = 0;
   std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
-  CQiError err = InSavepoint([&]() -> CQiError {
+  // One statement is atomic by itself; the subtree's two need a savepoint around them.
+  auto body = [&]() -> CQiError {
     sqlite3_stmt* pStatement = nullptr;
     QI_RETURN_IF_ERROR(m_pConnection->GetStatement(CScanDbConnection::kDeleteEntry, pStatement));
     int rc = CScanDbConnection::BindBytes(pStatement, 1, parent);
@@ -182,8 +185,8 @@ CQiError CScanDbStore::Remove(const std::string& strPath, bool bWithSubtree, uin
                           Shown(path).c_str());
     ullRemoved += static_cast<uint64_t>(sqlite3_changes64(pDb));
     return CQiError();
-  });
-  QI_RETURN_IF_ERROR(err);
+  };
+  QI_RETURN_IF_ERROR(bWithSubtree ? InSavepoint(body) : body());
   if (ullRemoved == 0)
     return QI_ERROR_WIN32(QiErrorCode::NotFound, "[%s] is not in the scan database",
                           Shown(path).c_str());
@@ -192,8 +195,9 @@ CQiError CScanDbStore::Remove(const std::string& strPath, bool bWithSubtree, uin
 }
 
 CQiError CScanDbStore::Rename(const std::string& strOldPath, const std::string& strNewPath,
-                              uint64_t* pMoved) {
+                              uint64_t* pMoved, bool* pFolder) {
   if (pMoved != nullptr) *pMoved = 0;
+  if (pFolder != nullptr) *pFolder = false;
   QI_RETURN_IF_ERROR(CheckOpen());
   QI_RETURN_IF_ERROR(CScanDbRecord::ValidatePath(strOldPath));
   QI_RETURN_IF_ERROR(CScanDbRecord::ValidatePath(strNewPath));
@@ -227,6 +231,10 @@ CQiError CScanDbStore::Rename(const std::string& strOldPath, const std::string& 
     if (rc == SQLITE_OK) rc = CScanDbConnection::BindBytes(pStatement, 3, oldParent);
     if (rc == SQLITE_OK) rc = CScanDbConnection::BindBytes(pStatement, 4, oldName);
     if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
+    // The moved record's mode comes back: only a folder has records below it.
+    const bool bMoved = rc == SQLITE_ROW;
+    const bool bFolder = bMoved && S_ISDIR(static_cast<mode_t>(sqlite3_column_int64(pStatement, 0)));
+    if (bMoved) rc = sqlite3_step(pStatement);
     sqlite3_reset(pStatement);
     if ((rc & 0xff) == SQLITE_CONSTRAINT)
       return QI_ERROR_ERRNO(
@@ -235,11 +243,13 @@ CQiError CScanDbStore::Rename(const std::string& strOldPath, const std::string& 
     if (rc != SQLITE_DONE)
       return SCANDB_ERROR(pDb, rc, "Cannot rename [%s] to [%s] in the scan database",
                           Shown(oldPath).c_str(), Shown(newPath).c_str());
-    if (sqlite3_changes64(pDb) == 0)
+    if (!bMoved)
       return QI_ERROR_WIN32(QiErrorCode::NotFound,
                             "Cannot rename [%s]: it is not in the scan database",
                             Shown(oldPath).c_str());
     ullMoved = 1;
+    if (pFolder != nullptr) *pFolder = bFolder;
+    if (!bFolder) return CQiError();
 
     // Every record below the old path: its parent's leading old path becomes the new path.
     QI_RETURN_IF_ERROR(m_pConnection->GetStatement(CScanDbConnection::kRenameSubtree, pStatement));
@@ -309,6 +319,33 @@ CQiError CScanDbStore::LookupByFileId(const std::string& strFileId, CScanDbRecor
                           Shown(strFileId).c_str());
   return SCANDB_ERROR(m_pConnection->GetHandle(), rc,
                       "Cannot look up the file id %s in the scan database",
+                      Shown(strFileId).c_str());
+}
+
+CQiError CScanDbStore::LookupPathByFileId(const std::string& strFileId, std::string& strPath) {
+  QI_RETURN_IF_ERROR(CheckOpen());
+  if (strFileId.empty() || strFileId.find('\0') != std::string::npos)
+    return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "Invalid file id [%s]", Shown(strFileId).c_str());
+  std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
+  sqlite3_stmt* pStatement = nullptr;
+  QI_RETURN_IF_ERROR(m_pConnection->GetStatement(CScanDbConnection::kSelectPathByFileId, pStatement));
+  int rc = sqlite3_bind_text64(pStatement, 1, strFileId.data(), strFileId.size(), SQLITE_STATIC, SQLITE_UTF8);
+  if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
+  if (rc == SQLITE_ROW) {
+    const auto* pParent = static_cast<const char*>(sqlite3_column_blob(pStatement, 0));
+    const std::string_view parent(pParent != nullptr ? pParent : "", static_cast<size_t>(sqlite3_column_bytes(pStatement, 0)));
+    const auto* pName = static_cast<const char*>(sqlite3_column_blob(pStatement, 1));
+    const std::string_view name(pName != nullptr ? pName : "", static_cast<size_t>(sqlite3_column_bytes(pStatement, 1)));
+    // "" + "/" is the root; "/" + "a" is "/a"; "/a" + "b" is "/a/b".
+    strPath.assign(parent);
+    if (!parent.empty() && parent != "/") strPath.push_back('/');
+    strPath.append(name);
+  }
+  sqlite3_reset(pStatement);
+  if (rc == SQLITE_ROW) return CQiError();
+  if (rc == SQLITE_DONE)
+    return QI_ERROR_WIN32(QiErrorCode::NotFound, "The file id %s is not in the scan database", Shown(strFileId).c_str());
+  return SCANDB_ERROR(m_pConnection->GetHandle(), rc, "Cannot look up the file id %s in the scan database",
                       Shown(strFileId).c_str());
 }
 
@@ -434,6 +471,14 @@ CQiError CScanDbStore::GetMetaText(const std::string& strKey, std::string& strVa
                           Shown(strKey).c_str());
   return SCANDB_ERROR(m_pConnection->GetHandle(), rc, "Cannot read %s of the scan database in %s",
                       Shown(strKey).c_str(), Shown(m_strFolder).c_str());
+}
+
+CQiError CScanDbStore::SetCacheSize(uint32_t uMiB) {
+  QI_RETURN_IF_ERROR(CheckOpen());
+  std::lock_guard<std::mutex> lock(m_pConnection->GetMutex());
+  const std::string strSql = "PRAGMA cache_size = -" + std::to_string(uint64_t{uMiB} * 1024);
+  QI_RETURN_IF_ERROR(m_pConnection->Exec(strSql.c_str()));
+  return CQiError();
 }
 
 CQiError CScanDbStore::BeginBulk() {

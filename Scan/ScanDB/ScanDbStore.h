@@ -13,8 +13,8 @@
 //  - Update: add or replace the record of the path (upsert).
 //  - Remove: the record of a path, and with bWithSubtree every record below it; Win32 1168 when
 //    nothing was removed.
-//  - Rename: moves a record and every record below it (a folder's whole subtree, rewritten in
-//    one statement); Win32 1168 when the old path is absent; errno 17 when the new path or a
+//  - Rename: moves a record and, when it is a folder, every record below it (the whole
+//    subtree, rewritten in one statement; records below a non-folder are not looked for); Win32 1168 when the old path is absent; errno 17 when the new path or a
 //    path below it is present; Win32 87 for "/" or a move into the old path's own subtree. A
 //    failed rename changes nothing.
 //  - Lookup by path, LookupByFileId (the first path in byte order when hard links share a FID):
@@ -80,12 +80,15 @@ class CScanDbStore {
   CQiError Update(const CScanDbRecord& record);
   // pRemoved (optional) receives the number of records removed.
   CQiError Remove(const std::string& strPath, bool bWithSubtree, uint64_t* pRemoved = nullptr);
-  // pMoved (optional) receives the number of records moved, the renamed one included.
+  // pMoved (optional) receives the number of records moved, the renamed one included;
+  // pFolder (optional) whether the renamed record is a folder's.
   CQiError Rename(const std::string& strOldPath, const std::string& strNewPath,
-                  uint64_t* pMoved = nullptr);
+                  uint64_t* pMoved = nullptr, bool* pFolder = nullptr);
 
   CQiError Lookup(const std::string& strPath, CScanDbRecord& record);
   CQiError LookupByFileId(const std::string& strFileId, CScanDbRecord& record);
+  // The path alone, read from the file-id index without touching the records (cheaper).
+  CQiError LookupPathByFileId(const std::string& strFileId, std::string& strPath);
 
   CQiError ListFolder(const std::string& strFolder, const TRecordCallback& callback);
   CQiError OpenFolderCursor(const std::string& strFolder, CScanDbFolderCursor& cursor);
@@ -102,6 +105,10 @@ class CScanDbStore {
   // describes. Win32 1168 when the key is absent.
   CQiError SetMetaText(const std::string& strKey, const std::string& strValue);
   CQiError GetMetaText(const std::string& strKey, std::string& strValue);
+
+  // The page cache of this connection, in MiB (64 by default): more keeps more of a large
+  // database in memory for random changes. Memory use is bounded by it, not by the records.
+  CQiError SetCacheSize(uint32_t uMiB);
 
   CQiError BeginBulk();
   CQiError EndBulk(bool bCommit = true);

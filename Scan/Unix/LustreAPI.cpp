@@ -1,7 +1,5 @@
 #include "Scan/Unix/LustreAPI.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <mutex>
 
 #include "Scan/Unix/LustreToolsAPI.h"
@@ -43,9 +41,28 @@ bool LustreAPI::CLustreFID::FromText(std::string_view text, CLustreFID& fid) {
 }
 
 std::string LustreAPI::CLustreFID::ToString() const {
+  // "[0x%llx:0x%x:0x%x]", formatted by hand: every changelog record formats two or more.
   char szText[64];
-  snprintf(szText, sizeof(szText), "[0x%" PRIx64 ":0x%x:0x%x]", m_ullSeq, m_uOid, m_uVer);
-  return szText;
+  char* p = szText;
+  auto hex = [&p](uint64_t ullValue) {
+    *p++ = '0';
+    *p++ = 'x';
+    char szDigits[16];
+    int n = 0;
+    do {
+      szDigits[n++] = "0123456789abcdef"[ullValue & 0xf];
+      ullValue >>= 4;
+    } while (ullValue != 0);
+    while (n > 0) *p++ = szDigits[--n];
+  };
+  *p++ = '[';
+  hex(m_ullSeq);
+  *p++ = ':';
+  hex(m_uOid);
+  *p++ = ':';
+  hex(m_uVer);
+  *p++ = ']';
+  return std::string(szText, static_cast<size_t>(p - szText));
 }
 
 LustreAPIPtr LustreAPI::Current() {

@@ -87,8 +87,10 @@ CQiError CLustreChangelogApplier::ProcessChangelogs(const std::string& strFile, 
       if (firstError.IsSuccess()) firstError = QI_PUSH(error);
       continue;
     }
-    ++(bApplied ? counts.ullApplied : counts.ullIgnored);
+    if (record.m_eChange != kLustreModified) ++(bApplied ? counts.ullApplied : counts.ullIgnored);
   }
+  CQiError flushError = FlushModifications(counts);
+  if (flushError.IsError() && firstError.IsSuccess()) firstError = QI_PUSH(flushError);
   const bool bReadError = ferror(pFile.get()) != 0;
   free(pLine);
   if (bReadError) return QI_ERROR_ERRNO(EIO, "Cannot read Changelog File %s", Esc(strFile).c_str());
@@ -109,10 +111,8 @@ CQiError CLustreChangelogApplier::ResolveParent(const std::string& strFid, std::
     strPath = it->second;
     return CQiError();
   }
-  CScanDbRecord record;
-  CQiError error = m_store.LookupByFileId(strFid, record);
+  CQiError error = m_store.LookupPathByFileId(strFid, strPath);
   if (error.IsSuccess()) {
-    strPath = record.GetPath();
     if (m_mapParents.size() >= kParentCacheLimit) m_mapParents.clear();
     m_mapParents.emplace(strFid, strPath);
     return CQiError();
@@ -180,7 +180,10 @@ CQiError CLustreChangelogApplier::ApplyRecord(const CLustreChangelogRecord& reco
             Esc(record.m_strTypeToken).c_str(), static_cast<long long>(record.m_llIndex));
     return CQiError();
   }
-  if (eChange == kLustreModified) return Modify(record, bApplied);
+  if (eChange == kLustreModified) {
+    ++m_mapModified[record.m_strTargetFID];
+    return CQiError();
+  }
   if (!record.HasParent() || !IsValidName(record.m_strName) ||
       (eChange == kLustreRenamed && !IsValidName(record.m_strOldName)))
     return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid Changelog Line processed: record %lld",
@@ -210,27 +213,43 @@ CQiError CLustreChangelogApplier::ApplyRecord(const CLustreChangelogRecord& reco
   return CQiError();
 }
 
-CQiError CLustreChangelogApplier::Modify(const CLustreChangelogRecord& record, bool& bApplied) {
-  CScanDbRecord found;
-  CQiError error = m_store.LookupByFileId(record.m_strTargetFID, found);
-  if (error.IsWin32(QiErrorCode::NotFound)) {
-    ZRLOG(5, "The Target FID %s is not present in the Database. Possible Database corruption/Record not found.",
-          record.m_strTargetFID.c_str());
-    return CQiError();
+CQiError CLustreChangelogApplier::FlushModifications(SCounts& counts) {
+  CQiError firstError;
+  std::string strPath;
+  for (const auto& [strFid, ullRecords] : m_mapModified) {
+    CQiError error = m_store.LookupPathByFileId(strFid, strPath);
+    if (error.IsWin32(QiErrorCode::NotFound)) {
+      ZRLOG(5, "The Target FID %s is not present in the Database. Possible Database corruption/Record not found.",
+            strFid.c_str());
+      counts.ullIgnored += ullRecords;
+      continue;
+    }
+    struct stat st {};
+    if (error.IsSuccess()) {
+      ZRLOG(5, "The Target FID %s is present in the Database", strFid.c_str());
+      // Gone since (a later record says how): nothing to refresh.
+      if (lstat(strPath.c_str(), &st) != 0) {
+        counts.ullIgnored += ullRecords;
+        continue;
+      } else {
+        error = m_store.Update(CScanDbRecord(strPath, st, strFid));
+        if (error.IsError())
+          ZRLOG(-1, "Error in updating the record %s due to %s", Esc(strPath).c_str(), error.AsString().c_str());
+        else
+          ZRLOG(5, "Update Record %s successfully", Esc(strPath).c_str());
+      }
+    } else {
+      ZRLOG(-1, "Cannot check whether the record exists in the Database %s", strFid.c_str());
+    }
+    if (error.IsError()) {
+      counts.ullFailed += ullRecords;
+      if (firstError.IsSuccess()) firstError = QI_PUSH(error);
+      continue;
+    }
+    counts.ullApplied += ullRecords;
   }
-  QI_RETURN_IF_ERROR(error, "Cannot check whether the record exists in the Database %s", record.m_strTargetFID.c_str());
-  ZRLOG(5, "The Target FID %s is present in the Database", record.m_strTargetFID.c_str());
-  struct stat st {};
-  if (lstat(found.GetPath().c_str(), &st) != 0) return CQiError();  // gone since: a later record says how
-  found.SetStat(st);
-  error = m_store.Update(found);
-  if (error.IsError()) {
-    ZRLOG(-1, "Error in updating the record %s due to %s", Esc(found.GetPath()).c_str(), error.AsString().c_str());
-    return QI_PUSH(error);
-  }
-  ZRLOG(5, "Update Record %s successfully", Esc(found.GetPath()).c_str());
-  bApplied = true;
-  return CQiError();
+  m_mapModified.clear();
+  return firstError;
 }
 
 CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, bool& bApplied) {
@@ -242,7 +261,6 @@ CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, b
   const std::string strNew = Join(strNewParent, record.m_strName);
   if (eOld == EWhere::kOutside && eNew == EWhere::kOutside) return CQiError();
   bApplied = true;
-  ForgetParents();
   if (eNew == EWhere::kOutside) return RemovePath(strOld, true);
   // A replaced target goes first.
   LustreAPI::CLustreFID victim;
@@ -251,10 +269,12 @@ CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, b
     if (error.IsError() && !error.IsWin32(QiErrorCode::NotFound)) return QI_PUSH(error);
   }
   if (eOld == EWhere::kOutside) return AddSubtree(strNew);
-  CQiError error = m_store.Rename(strOld, strNew);
+  bool bFolder = false;
+  CQiError error = m_store.Rename(strOld, strNew, nullptr, &bFolder);
   if (error.IsErrNo(EEXIST)) {
+    ForgetParents();
     QI_RETURN_IF_ERROR(m_store.Remove(strNew, true));
-    error = m_store.Rename(strOld, strNew);
+    error = m_store.Rename(strOld, strNew, nullptr, &bFolder);
   }
   if (error.IsWin32(QiErrorCode::NotFound)) {
     ZRLOG(1, "Cannot rename %s to %s due to %s", Esc(strOld).c_str(), Esc(strNew).c_str(), error.AsString().c_str());
@@ -265,13 +285,11 @@ CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, b
     return QI_PUSH(error);
   }
   ZRLOG(5, "Renaming Record from %s to %s", Esc(strOld).c_str(), Esc(strNew).c_str());
+  // A moved folder moves the paths of the parents cached below it.
+  if (bFolder) ForgetParents();
   // The moved object's change time moved with it.
-  CScanDbRecord moved;
   struct stat st {};
-  if (m_store.Lookup(strNew, moved).IsSuccess() && lstat(strNew.c_str(), &st) == 0) {
-    moved.SetStat(st);
-    QI_RETURN_IF_ERROR(m_store.Update(moved));
-  }
+  if (lstat(strNew.c_str(), &st) == 0) QI_RETURN_IF_ERROR(m_store.Update(CScanDbRecord(strNew, st, record.m_strSourceFID)));
   return CQiError();
 }
 

@@ -10,7 +10,12 @@
 //   5 rename: move the record (and a folder's subtree) from source parent + old name to parent
 //     + new name, dropping a target it replaced; moved in from outside the content, the
 //     object is walked and added; moved out, it is removed;
-//   6 modified: refresh the record of the target FID when the database has it (level 5 when not);
+//   6 modified: refresh the record of the target FID when the database has it (level 5 when not).
+//     Modifications are gathered per file and applied after its namespace records, once per FID
+//     and in FID order (the FID index is then read in order, and a file opened, written and
+//     closed a thousand times is looked at once); the object's state is read from the file
+//     system then, so it is the newest either way. Memory: one entry per FID modified in the
+//     file, bounded by the batch size;
 //   0 nothing (00MARK, 09RNMTO, 19ATIME, 20MIGRT and types this engine does not know).
 // Records whose parent FID the database does not have are outside the content when the file
 // system places the parent outside every content root or no longer knows it (level 5); a
@@ -28,6 +33,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -54,21 +60,22 @@ class CLustreChangelogApplier {
   // Applies the records of the file in order; their indexes must rise and lie in
   // [llFirst, llLast].
   CQiError ProcessChangelogs(const std::string& strFile, int64_t llFirst, int64_t llLast, SCounts& counts);
-  // Applies one parsed record. bApplied false when it changes nothing.
-  CQiError ApplyRecord(const CLustreChangelogRecord& record, bool& bApplied);
   // Adds (or refreshes) the object at the path and, for a folder, everything below it (FIDs
   // from the API): objects moved in from outside the content, and previous scan failures.
   CQiError AddSubtree(const std::string& strPath);
 
  private:
   enum class EWhere { kInside, kOutside };
+  // Applies one parsed record. bApplied false when it changes nothing (or is gathered).
+  CQiError ApplyRecord(const CLustreChangelogRecord& record, bool& bApplied);
+  // Refreshes the records of the gathered modifications; counts them.
+  CQiError FlushModifications(SCounts& counts);
   // The path of a folder FID: from the database, else placed by the file system.
   CQiError ResolveParent(const std::string& strFid, std::string& strPath, EWhere& eWhere);
   bool IsInsideContent(const std::string& strPath) const;
   CQiError AddPath(const std::string& strPath, const std::string& strFid, bool bFolder);
   CQiError RemovePath(const std::string& strPath, bool bFolder);
   CQiError Rename(const CLustreChangelogRecord& record, bool& bApplied);
-  CQiError Modify(const CLustreChangelogRecord& record, bool& bApplied);
   void ForgetParents() { m_mapParents.clear(); }
 
   CScanDbStore& m_store;
@@ -77,4 +84,5 @@ class CLustreChangelogApplier {
   std::vector<std::string> m_lstRoots;
   CLustreHardlinkManager* m_pHardlinks;
   std::unordered_map<std::string, std::string> m_mapParents;  // folder FID -> path
+  std::map<std::string, uint64_t> m_mapModified;               // FID -> records naming it
 };

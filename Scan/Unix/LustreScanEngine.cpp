@@ -98,8 +98,11 @@ CQiError CLustreScanEngine::ProcessWorkUnit(CWorkUnitPtr pWorkUnit) {
   ZRDEBUG_FUNCTION(2);
   if (!pWorkUnit) return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No work unit");
   m_pApi = LustreAPI::Current();
-  if (!m_pApi->IsLustre(pWorkUnit->GetLocalVolumeName(), m_strFileSystem, m_strMount)) {
-    ZRLOG(1, "%s is not a Lustre file system", Esc(pWorkUnit->GetLocalVolumeName()).c_str());
+  // The scan path tells: a Lustre file system may be mounted inside the unit's volume.
+  const std::string strProbe = pWorkUnit->GetScanPaths().empty() ? pWorkUnit->GetLocalVolumeName()
+                                                                 : pWorkUnit->GetScanPaths().front()->GetLocalScanPath();
+  if (!m_pApi->IsLustre(strProbe, m_strFileSystem, m_strMount)) {
+    ZRLOG(1, "%s is not a Lustre file system", Esc(strProbe).c_str());
     return QI_ERROR_WIN32(QiErrorCode::NotSupported, "Not a Lustre volume");
   }
   if (!m_bInitialized) {

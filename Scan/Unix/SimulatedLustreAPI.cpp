@@ -327,7 +327,10 @@ void CSimulatedLustreAPI::Load() {
     std::ifstream records(m_strStateFolder + "/" + entry.first + ".changelog", std::ios::binary);
     while (std::getline(records, strLine)) {
       const size_t pos = strLine.find(' ');
-      if (pos != std::string::npos) log.mapRecords[std::atoll(strLine.c_str())] = strLine.substr(pos + 1);
+      if (pos == std::string::npos) continue;
+      const int64_t llIndex = std::atoll(strLine.c_str());
+      log.mapRecords[llIndex] = strLine.substr(pos + 1);
+      log.llLastIndex = std::max(log.llLastIndex, llIndex);  // records appended by a test
     }
   }
 }

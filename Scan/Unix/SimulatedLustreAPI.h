@@ -18,7 +18,8 @@
 // - State: with a state folder, the changelogs and readers are loaded from it at construction
 //   and written back after every change, so that separate processes (fsscan runs) share one
 //   simulated file system; files "<MDT>.changelog" (the records) and "<MDT>.readers" (first
-//   line the MDT's last index, then "ID INDEX" per reader).
+//   line the MDT's last index, then "ID INDEX" per reader). Records a test appends to the
+//   changelog file count: the last index is at least the last record's.
 //
 // Threads: every operation takes one lock.
 #pragma once

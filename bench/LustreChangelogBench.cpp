@@ -1,0 +1,279 @@
+// Lustre changelog benchmark driver (run by bench/run-lustre-bench).
+//
+//   LustreChangelogBench FOLDER [FOLDERS [FILES_PER_FOLDER [RECORDS [BATCH [HOT]]]]]
+//
+// Builds a scan database in FOLDER as a full Lustre job would (a root, FOLDERS folders of
+// FILES_PER_FOLDER files, each with its FID; defaults 10,000 and 99: 1,000,001 records), keeps a
+// copy as the previous backup's database, writes RECORDS changelog records (default 1,000,000)
+// of a realistic mix in the text format of `lfs changelog`, applies them in batches of BATCH
+// (default 100,000) as the engine does (one transaction per batch with the index), and then
+// enumerates the changed entries of every folder against the previous database. The objects do
+// not exist on disk (the root is a path that is not there), so the lstat of each applied record
+// fails at once and the figures are those of parsing and the database. Prints "key value" lines.
+//
+// Mix, by share of the records: 30% modifications of existing files (11CLOSE, 17MTIME, 14SATTR,
+// 10OPEN), 20% 01CREAT, 10% 06UNLNK (half of created files, half of existing ones), 5% 02MKDIR,
+// 5% 08RENME of files across folders (with the 09RNMTO that follows), 3% 03HLINK, 2% 19ATIME
+// and 20% records of files created earlier in the run being modified. Nine changes in ten land
+// in the hot HOT percent of the folders (default 10), as a night's work concentrates on some
+// projects; HOT 100 spreads every change evenly over the whole tree (the worst case for the
+// database's page cache).
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Scan/ScanDB/ScanDbFiles.h"
+#include "Scan/ScanDB/ScanDbStore.h"
+#include "Scan/Unix/LustreChangelogApplier.h"
+#include "Scan/Unix/LustreScanDBPathEnumerator.h"
+#include "Scan/Unix/SimulatedLustreAPI.h"
+
+namespace {
+using TClock = std::chrono::steady_clock;
+constexpr const char* kRoot = "/nonexistent-lustre-bench/fs";
+constexpr const char* kIndexKey = "LustreChangelogIndex:lustre-MDT0000";
+
+double CpuSeconds() {
+  struct timespec ts;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+double Seconds(TClock::time_point from, TClock::time_point to) { return std::chrono::duration<double>(to - from).count(); }
+
+long MaxRssKiB() {
+  struct rusage usage {};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+void Check(const CQiError& err, const char* what) {
+  if (err.IsError()) {
+    fprintf(stderr, "%s failed: %s\n", what, err.AsString().c_str());
+    exit(1);
+  }
+}
+
+std::string Fid(uint64_t ullObject) {
+  char sz[64];
+  snprintf(sz, sizeof(sz), "[0x%" PRIx64 ":0x%x:0x0]", static_cast<uint64_t>(0x200000400ULL + (ullObject >> 32)),
+           static_cast<unsigned>(ullObject & 0xffffffffu));
+  return sz;
+}
+
+std::string Folder(uint64_t i) { return std::string(kRoot) + "/dir" + std::to_string(i); }
+
+// Object numbers: 1 the root, 2.. folders, then files; new objects above all of them.
+struct SModel {
+  uint64_t ullFolders, ullFiles;
+  uint64_t ullHotPercent = 10;
+  // A folder for the next change: nine in ten from the hot part.
+  uint64_t PickFolder(std::mt19937_64& random) const {
+    const uint64_t ullHot = std::max<uint64_t>(1, ullFolders * ullHotPercent / 100);
+    return random() % 10 != 0 ? random() % ullHot : random() % ullFolders;
+  }
+  uint64_t FolderObject(uint64_t i) const { return 2 + i; }
+  uint64_t FileObject(uint64_t i, uint64_t j) const { return 2 + ullFolders + i * ullFiles + j; }
+};
+
+void Build(CScanDbStore& store, const SModel& model) {
+  struct stat st {};
+  st.st_mode = S_IFDIR | 0755;
+  st.st_nlink = 2;
+  Check(store.BeginBulk(), "BeginBulk");
+  Check(store.Add(CScanDbRecord(kRoot, st, Fid(1))), "Add root");
+  for (uint64_t i = 0; i < model.ullFolders; ++i) {
+    st.st_mode = S_IFDIR | 0755;
+    st.st_ino = model.FolderObject(i);
+    Check(store.Add(CScanDbRecord(Folder(i), st, Fid(model.FolderObject(i)))), "Add folder");
+    st.st_mode = S_IFREG | 0644;
+    for (uint64_t j = 0; j < model.ullFiles; ++j) {
+      st.st_ino = model.FileObject(i, j);
+      st.st_size = static_cast<off_t>(j * 100);
+      Check(store.Add(CScanDbRecord(Folder(i) + "/file" + std::to_string(j), st, Fid(model.FileObject(i, j)))),
+            "Add file");
+    }
+  }
+  Check(store.SetMetaText(kIndexKey, "0"), "SetMetaText");
+  Check(store.EndBulk(true), "EndBulk");
+}
+
+// Writes the records; returns how many.
+uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_t ullRecords) {
+  FILE* pFile = fopen(strFile.c_str(), "w");
+  if (pFile == nullptr) exit(1);
+  std::mt19937_64 random(42);
+  const char* kHead = " 13:57:43.418431669 2026.11.23 0x0 t=";
+  uint64_t ullIndex = 0, ullNext = 2 + model.ullFolders + model.ullFolders * model.ullFiles + 10;
+  uint64_t ullNextUnlink = model.ullFiles - 1, ullNextRename = 0;
+  struct SCreated { uint64_t ullObject, ullFolder; std::string strName; };
+  std::vector<SCreated> lstCreated;  // bounded: the oldest are dropped
+  auto existing = [&](uint64_t& i, uint64_t& j) {
+    i = model.PickFolder(random);
+    j = random() % (model.ullFiles / 2);  // the lower half is never unlinked or renamed
+  };
+  auto emit = [&](const std::string& strRest) { fprintf(pFile, "%" PRIu64 " %s\n", ++ullIndex, strRest.c_str()); };
+  static const char* kModify[] = {"11CLOSE", "17MTIME", "14SATTR", "10OPEN "};
+  while (ullIndex < ullRecords) {
+    const unsigned uDice = static_cast<unsigned>(random() % 100);
+    uint64_t i, j;
+    if (uDice < 30) {
+      existing(i, j);
+      emit(std::string(kModify[random() % 4]) + kHead + Fid(model.FileObject(i, j)) + " ef=0xf u=0:0 nid=0@lo");
+    } else if (uDice < 50) {
+      const uint64_t ullFolder = model.PickFolder(random);
+      SCreated created{ullNext++, ullFolder, "new file " + std::to_string(ullIndex)};
+      emit(std::string("01CREAT") + kHead + Fid(created.ullObject) + " ef=0xf u=0:0 nid=0@lo p=" +
+           Fid(model.FolderObject(ullFolder)) + " " + created.strName);
+      if (lstCreated.size() > 100000) lstCreated.erase(lstCreated.begin(), lstCreated.begin() + 50000);
+      lstCreated.push_back(created);
+    } else if (uDice < 60) {
+      if ((uDice & 1) && !lstCreated.empty()) {
+        const SCreated created = lstCreated.back();
+        lstCreated.pop_back();
+        emit(std::string("06UNLNK") + kHead + Fid(created.ullObject) + " ef=0xf u=0:0 nid=0@lo p=" +
+             Fid(model.FolderObject(created.ullFolder)) + " " + created.strName);
+      } else {
+        i = random() % model.ullFolders;
+        if (ullNextUnlink < model.ullFiles / 2 + 1) continue;
+        emit(std::string("06UNLNK") + kHead + Fid(model.FileObject(i, ullNextUnlink)) + " ef=0xf u=0:0 nid=0@lo p=" +
+             Fid(model.FolderObject(i)) + " file" + std::to_string(ullNextUnlink));
+        if (i == model.ullFolders - 1) --ullNextUnlink;
+      }
+    } else if (uDice < 65) {
+      const uint64_t ullFolder = model.PickFolder(random);
+      emit(std::string("02MKDIR") + kHead + Fid(ullNext++) + " ef=0xf u=0:0 nid=0@lo p=" + Fid(model.FolderObject(ullFolder)) +
+           " sub " + std::to_string(ullIndex));
+    } else if (uDice < 70) {
+      // Each folder's files model.ullFiles/2 + 1... are renamed once, in turn, to the next folder.
+      const uint64_t ullFile = model.ullFiles / 2 + 1 + ullNextRename / model.ullFolders;
+      const uint64_t ullFrom = ullNextRename % model.ullFolders, ullTo = (ullFrom + 1) % model.ullFolders;
+      if (ullFile >= ullNextUnlink) continue;
+      ++ullNextRename;
+      const std::string strObject = Fid(model.FileObject(ullFrom, ullFile));
+      emit(std::string("08RENME") + kHead + "[0x0:0x0:0x0] ef=0xf u=0:0 nid=0@lo p=" + Fid(model.FolderObject(ullTo)) +
+           " moved " + std::to_string(ullIndex) + " s=" + strObject + " sp=" + Fid(model.FolderObject(ullFrom)) + " file" +
+           std::to_string(ullFile));
+      emit(std::string("09RNMTO") + kHead + strObject + " ef=0xf u=0:0 nid=0@lo p=" + Fid(model.FolderObject(ullTo)) +
+           " moved");
+    } else if (uDice < 73) {
+      existing(i, j);
+      emit(std::string("03HLINK") + kHead + Fid(model.FileObject(i, j)) + " ef=0xf u=0:0 nid=0@lo p=" +
+           Fid(model.FolderObject(i)) + " link " + std::to_string(ullIndex));
+    } else if (uDice < 75) {
+      existing(i, j);
+      emit(std::string("19ATIME") + kHead + Fid(model.FileObject(i, j)) + " ef=0xf u=0:0 nid=0@lo");
+    } else if (!lstCreated.empty()) {
+      emit(std::string(kModify[random() % 4]) + kHead + Fid(lstCreated[random() % lstCreated.size()].ullObject) +
+           " ef=0xf u=0:0 nid=0@lo");
+    }
+  }
+  fclose(pFile);
+  return ullIndex;
+}
+
+// Lists every folder below the root, depth first; counts what is handed out.
+void Enumerate(CLustreScanDBPathEnumerator& enumerator, uint64_t& ullItems) {
+  std::vector<std::string> lstFolders{kRoot};
+  while (!lstFolders.empty()) {
+    const std::string strFolder = lstFolders.back();
+    lstFolders.pop_back();
+    CItemPtr pItem;
+    for (CQiError err = enumerator.FindFirst(strFolder, nullptr, pItem); pItem; err = enumerator.FindNext(pItem)) {
+      bool bUnchanged = false;
+      (void)pItem->GetItemBag()->Read(CLustreScanDBPathEnumerator::kUnchangedKey, bUnchanged);
+      if (!bUnchanged) ++ullItems;
+      if (pItem->IsFolder()) lstFolders.push_back(pItem->GetLocalFullyQualifiedItemName());
+    }
+  }
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    fprintf(stderr, "usage: LustreChangelogBench FOLDER [FOLDERS [FILES [RECORDS [BATCH]]]]\n");
+    return 2;
+  }
+  const std::string strFolder = argv[1];
+  const SModel baseModel{argc > 2 ? strtoull(argv[2], nullptr, 10) : 10000, argc > 3 ? strtoull(argv[3], nullptr, 10) : 99};
+  const uint64_t ullRecords = argc > 4 ? strtoull(argv[4], nullptr, 10) : 1000000;
+  const int64_t llBatch = argc > 5 ? strtoll(argv[5], nullptr, 10) : 100000;
+  SModel model = baseModel;
+  model.ullHotPercent = argc > 6 ? strtoull(argv[6], nullptr, 10) : 10;
+  const std::string strCurrent = strFolder + "/current", strPrevious = strFolder + "/previous";
+  Check(CScanDbFiles::Remove(strCurrent), "Remove");
+  Check(CScanDbFiles::Remove(strPrevious), "Remove");
+
+  CScanDbStore store;
+  Check(store.Open(strCurrent), "Open");
+  auto t0 = TClock::now();
+  Build(store, model);
+  uint64_t ullEntries = 0;
+  Check(store.GetRecordCount(ullEntries), "GetRecordCount");
+  printf("entries %" PRIu64 "\nbuild_s %.3f\n", ullEntries, Seconds(t0, TClock::now()));
+  Check(store.Close(), "Close");
+  Check(CScanDbFiles::Copy(strCurrent, strPrevious), "Copy");
+  const std::string strChangelog = strFolder + "/changelog";
+  const uint64_t ullWritten = WriteChangelog(strChangelog, model, ullRecords);
+  printf("records %" PRIu64 "\nrss_before_apply_kib %ld\n", ullWritten, MaxRssKiB());
+
+  // The changelog split into batch files as lfs would deliver them.
+  Check(store.Open(strCurrent), "Open");
+  Check(store.SetCacheSize(256), "SetCacheSize");
+  CSimulatedLustreAPI api("/nonexistent-lustre-bench", {{"lustre-MDT0000", "localhost"}});
+  CLustreChangelogApplier applier(store, api, "/nonexistent-lustre-bench", {kRoot}, nullptr);
+  std::vector<std::string> lstBatches;
+  {
+    FILE* pIn = fopen(strChangelog.c_str(), "r");
+    FILE* pOut = nullptr;
+    char* pLine = nullptr;
+    size_t nSize = 0;
+    for (int64_t llLine = 0; getline(&pLine, &nSize, pIn) > 0; ++llLine) {
+      if (llLine % llBatch == 0) {
+        if (pOut != nullptr) fclose(pOut);
+        lstBatches.push_back(strChangelog + "." + std::to_string(lstBatches.size()));
+        pOut = fopen(lstBatches.back().c_str(), "w");
+      }
+      fputs(pLine, pOut);
+    }
+    if (pOut != nullptr) fclose(pOut);
+    free(pLine);
+    fclose(pIn);
+  }
+  CLustreChangelogApplier::SCounts counts;
+  t0 = TClock::now();
+  const double dCpu0 = CpuSeconds();
+  for (size_t b = 0; b < lstBatches.size(); ++b) {
+    const int64_t llFrom = static_cast<int64_t>(b) * llBatch + 1, llTo = llFrom + llBatch - 1;
+    Check(store.BeginBulk(), "BeginBulk");
+    Check(applier.ProcessChangelogs(lstBatches[b], llFrom, llTo, counts), "ProcessChangelogs");
+    Check(store.SetMetaText(kIndexKey, std::to_string(llTo)), "SetMetaText");
+    Check(store.EndBulk(true), "EndBulk");
+  }
+  const double dApply = Seconds(t0, TClock::now()), dApplyCpu = CpuSeconds() - dCpu0;
+  printf("apply_cpu_s %.3f\napply_records_per_cpu_s %.0f\n", dApplyCpu, static_cast<double>(counts.ullRecords) / dApplyCpu);
+  printf("apply_s %.3f\napply_records_per_s %.0f\napplied %" PRIu64 "\nignored %" PRIu64 "\nfailed %" PRIu64
+         "\nrss_after_apply_kib %ld\n",
+         dApply, static_cast<double>(counts.ullRecords) / dApply, counts.ullApplied, counts.ullIgnored, counts.ullFailed,
+         MaxRssKiB());
+
+  CScanDbStore previous;
+  Check(previous.Open(strPrevious), "Open previous");
+  CLustreScanDBPathEnumerator enumerator(store, previous, nullptr, {});
+  uint64_t ullItems = 0;
+  t0 = TClock::now();
+  Enumerate(enumerator, ullItems);
+  printf("enumerate_s %.3f\nchanged %" PRIu64 "\ndeleted %" PRIu64 "\nrss_end_kib %ld\n", Seconds(t0, TClock::now()),
+         ullItems, enumerator.GetDeletedCount(), MaxRssKiB());
+  for (const std::string& strBatch : lstBatches) remove(strBatch.c_str());
+  remove(strChangelog.c_str());
+  return 0;
+}
