@@ -59,6 +59,7 @@ class CLustreScanEngine : public CScanEngine {
  public:
   static constexpr const char* kEngineTag = "LUSTRE";
   static constexpr int32_t kDefaultBatchSize = 100000;
+  static constexpr uint32_t kScanDbCacheMiB = 256;  // page cache of the job's scan database
   static constexpr const char* kParamBackupType = "JO:BackupType";
   static constexpr const char* kParamLastSuccessfulJobId = "JO:LastSuccessfulJobId";
   static constexpr const char* kIndexKeyPrefix = "LustreChangelogIndex:";
