@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "LustreTestSupport.h"
+#include "Support/FileText.h"
 #include "Support/LogCapture.h"
 
 using namespace LustreTestSupport;
@@ -177,6 +178,22 @@ TEST_P(LustreOutcomeTest, FullScanOnlyWithAReason) {
 
 INSTANTIATE_TEST_SUITE_P(Lustre, LustreOutcomeTest, ::testing::ValuesIn(kOutcomeCases),
                          [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- the previous job's scan failures are scanned and reported again ----
+
+TEST(LustreScanFailures, FailedPathsOfTheLastJobAreReportedAgain) {
+  CLustreFixture f;
+  f.MakeTree();
+  ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
+  WriteFileText(f.m_strJob + "/scan_Failures_Last.zrf", "file " + f.m_strRoot + "/top.txt:5\nfolder " + f.m_strRoot +
+                                                           "/d:13\nfile " + f.m_strRoot + "/gone:2\nfile /elsewhere/x:5\n");
+  CLogCapture log;
+  ASSERT_TRUE(f.RunAndPostOps(false).IsSuccess());
+  EXPECT_EQ(f.Delivered(), (V{"d", "d/x", "d/y", "d/y/z", "top.txt"}));
+  EXPECT_EQ(log->CountContaining("Processing " + f.m_strRoot + "/d failed folder from previous backup"), 1u);
+  EXPECT_EQ(log->CountContaining("stat(" + f.m_strRoot + "/gone) failed due to"), 1u);
+  EXPECT_EQ(f.Stored(), f.Walked());
+}
 
 // ---- a job killed between batches, run again ----
 
