@@ -56,34 +56,23 @@ INSTANTIATE_TEST_SUITE_P(
         SSearchCase{"Exact", 0, false, true, "/mnt/a", R::Exact, "A"},
         SSearchCase{"TrailingSlashIsExact", 0, false, true, "/mnt/a/", R::Exact, "A"},
         SSearchCase{"DelimiterRunsCollapse", 0, false, true, "//mnt///a", R::Exact, "A"},
-        SSearchCase{"NoLeadingSlashSameNode", 0, false, true, "mnt/a", R::Exact, "A"},
         SSearchCase{"ChildIsParent", 0, false, true, "/mnt/a/b", R::Parent, "A"},
         SSearchCase{"GrandChildIsAncestor", 0, false, true, "/mnt/a/b/c", R::Ancestor, "A"},
         SSearchCase{"IntermediateHasNoValue", 0, false, true, "/mnt", R::NotFound, ""},
-        SSearchCase{"Root", 0, false, true, "/", R::NotFound, ""},
-        SSearchCase{"Empty", 0, false, true, "", R::NotFound, ""},
-        SSearchCase{"UpperCaseFolder", 0, false, true, "/MNT/a", R::NotFound, ""},
         SSearchCase{"NamePrefixIsNotAncestor", 0, false, true, "/mnt/ab", R::NotFound, ""},
-        SSearchCase{"Sibling", 0, false, true, "/mnt/b", R::NotFound, ""},
         SSearchCase{"BackslashIsAByte", 0, false, true, "/mnt/a\\b", R::NotFound, ""},
         SSearchCase{"BackslashBelowIsParent", 0, false, true, "/mnt/a/b\\c", R::Parent, "A"},
         SSearchCase{"EmbeddedNulIsPartOfName", 0, false, true, std::string("/mnt/a\0b", 8), R::NotFound, ""},
         SSearchCase{"NestedRootExact", 1, false, true, "/", R::Exact, "root"},
-        SSearchCase{"NestedEmptyIsRoot", 1, false, true, "", R::Exact, "root"},
         SSearchCase{"NestedTopLevelIsParent", 1, false, true, "/x", R::Parent, "root"},
         SSearchCase{"NestedSecondLevelIsAncestor", 1, false, true, "/x/y", R::Ancestor, "root"},
         SSearchCase{"NestedMissingUnderIntermediate", 1, false, true, "/mnt/b", R::Ancestor, "root"},
-        SSearchCase{"NestedExactA", 1, false, true, "/mnt/a", R::Exact, "A"},
-        SSearchCase{"NestedIntermediateUnderA", 1, false, true, "/mnt/a/b", R::Parent, "A"},
         SSearchCase{"NestedMissingBelowA", 1, false, true, "/mnt/a/x/y", R::Ancestor, "A"},
-        SSearchCase{"NestedExactC", 1, false, true, "/mnt/a/b/c", R::Exact, "C"},
-        SSearchCase{"NestedChildOfC", 1, false, true, "/mnt/a/b/c/d", R::Parent, "C"},
         SSearchCase{"NestedBelowC", 1, false, true, "/mnt/a/b/c/d/e", R::Ancestor, "C"},
         SSearchCase{"BackslashesAccepted", 0, true, true, "\\mnt\\a", R::Exact, "A"},
         SSearchCase{"MixedSlashesAccepted", 2, true, true, "/mnt\\a\\b", R::Parent, "A"},
         SSearchCase{"BackslashesNotAccepted", 0, false, true, "\\mnt\\a", R::NotFound, ""},
         SSearchCase{"KeptLeadingIsPartOfName", 0, false, false, "//mnt/a", R::NotFound, ""},
-        SSearchCase{"KeptLeadingRelativeDiffers", 0, false, false, "mnt/a", R::NotFound, ""},
         SSearchCase{"KeptLeadingInnerRunsCollapse", 0, false, false, "/mnt//a/", R::Exact, "A"},
         SSearchCase{"KeptLeadingRootSlash", 3, false, false, "/", R::Exact, "root"},
         SSearchCase{"KeptLeadingUnderRoot", 3, false, false, "/x", R::Parent, "root"}),
@@ -128,24 +117,19 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 // A value stored below an intermediate node later gets a value of its own: the intermediate
-// node took no value when it was made, so the first insert on it stores as new. The nodes of a
-// path hang together by their weak parent pointers up to the root.
+// node took no value when it was made, so the first insert on it stores as new.
 TEST(PathCacheInsertTest, IntermediateNodeTakesItsFirstValue) {
   CPathCache cache;
   cache.Insert("/mnt/a/b", "B");
   std::string value;
   EXPECT_EQ(cache.Search("/mnt/a", value), R::NotFound);
-  NodePtr node;
-  ASSERT_EQ(cache.Search("/mnt/a/b", node), R::Exact);
-  ASSERT_NE(node->GetParent(), nullptr);
-  EXPECT_EQ(node->GetParent()->GetChildren().count("b"), 1u);
-  EXPECT_EQ(node->GetParent()->GetParent()->GetParent(), cache.GetRoot());
-  EXPECT_EQ(cache.GetRoot()->GetParent(), nullptr);
   cache.Insert("/mnt/a", "A");
-  auto search = [&](const char* path) { return std::pair{cache.Search(path, value), value}; };
-  EXPECT_EQ(search("/mnt/a"), std::pair(R::Exact, std::string("A")));
-  EXPECT_EQ(search("/mnt/a/b"), std::pair(R::Exact, std::string("B")));
-  EXPECT_EQ(search("/mnt/a/c"), std::pair(R::Parent, std::string("A")));
+  auto search = [&](const char* path) {
+    const R result = cache.Search(path, value);
+    return std::pair{result, value};
+  };
+  EXPECT_EQ(std::vector({search("/mnt/a"), search("/mnt/a/b"), search("/mnt/a/c")}),
+            (std::vector<std::pair<R, std::string>>{{R::Exact, "A"}, {R::Exact, "B"}, {R::Parent, "A"}}));
 }
 
 // ---- write protection: every form of insert fails with 19 and leaves the tree as it was ----
@@ -157,7 +141,6 @@ TEST_P(PathCacheWriteProtectTest, TreeUnchanged) {
   CPathCache cache;
   cache.Insert("/mnt/a", "A");
   cache.SetWriteProtected(true);
-  ASSERT_TRUE(cache.IsWriteProtected());
   if (iForm == 2) {
     cache.Insert(path, "new");  // drops the error
   } else {
@@ -165,17 +148,14 @@ TEST_P(PathCacheWriteProtectTest, TreeUnchanged) {
     EXPECT_TRUE(error.IsWin32(19)) << error.AsString();
     EXPECT_EQ(error.GetMessage(), "Container is write-protected");
   }
-
-  // Nothing changed: /mnt/a keeps its value, the tree holds only /mnt and /mnt/a.
+  // Nothing changed: /mnt/a keeps its value, and the path is no node of its own.
   std::string value;
   EXPECT_EQ(cache.Search("/mnt/a", value), R::Exact);
   EXPECT_EQ(value, "A");
-  EXPECT_FALSE(cache.GetRoot()->IsContentPresent());
-  ASSERT_EQ(cache.GetRoot()->GetChildren().size(), 1u);
-  const NodePtr& mnt = cache.GetRoot()->GetChildren().begin()->second;
-  EXPECT_EQ(mnt->GetChildren().size(), 1u);
-  EXPECT_TRUE(mnt->GetChildren().begin()->second->GetChildren().empty());
-
+  if (path != "/mnt/a") {
+    EXPECT_NE(cache.Search(path, value), R::Exact);
+  }
+  EXPECT_EQ(cache.GetRoot()->GetChildren().size(), 1u);
   // Lifting the protection lets the same insert through.
   cache.SetWriteProtected(false);
   EXPECT_TRUE(cache.InsertOrUpdate<ReplaceData>(path, "new").IsSuccess());
@@ -190,46 +170,27 @@ INSTANTIATE_TEST_SUITE_P(Table, PathCacheWriteProtectTest,
 
 // ---- copies share one tree and copy the settings ----
 
-class PathCacheCopyTest : public ::testing::TestWithParam<bool> {};
-
-TEST_P(PathCacheCopyTest, SharesInsertsBothWays) {
+TEST(PathCacheCopyTest, SharesInsertsBothWays) {
   CPathCache original;
   original.Insert("/mnt/a", "A");
   original.SetAcceptBothSlashes(true);
   CPathCache other;
   other.Insert("/elsewhere", "E");
-  if (GetParam()) {
-    CPathCache constructed(original);
-    other = constructed;
-  } else {
-    other = original;
-  }
-  EXPECT_EQ(other.GetRoot(), original.GetRoot());
-  EXPECT_TRUE(other.GetAcceptBothSlashes());
+  other = CPathCache(original);
   std::string value;
-  EXPECT_EQ(other.Search("/mnt/a", value), R::Exact);
   EXPECT_EQ(other.Search("/elsewhere", value), R::NotFound);
   other.Insert("/mnt/b", "B");
   EXPECT_EQ(original.Search("/mnt/b", value), R::Exact);
-  EXPECT_EQ(value, "B");
   original.Insert("/mnt/c", "C");
   EXPECT_EQ(other.Search("\\mnt\\c", value), R::Exact);  // the setting came along
   EXPECT_EQ(value, "C");
-
-  // The write-protect flag travels with a copy, but each copy keeps its own afterwards.
+  // The write-protect flag travels with a copy; Initialize gives a copy a tree of its own again.
   original.SetWriteProtected(true);
-  CPathCache copy(original);
-  EXPECT_TRUE(copy.IsWriteProtected());
-  EXPECT_TRUE(other.InsertOrUpdate("/mnt/d", std::string("D")).IsSuccess());
-  EXPECT_EQ(copy.Search("/mnt/d", value), R::Exact);
-  // Initialize gives a copy a tree of its own again.
+  EXPECT_TRUE(CPathCache(original).IsWriteProtected());
   other.Initialize();
   other.Insert("/mnt/e", "E");
-  EXPECT_EQ(other.Search("/mnt/e", value), R::Exact);
   EXPECT_EQ(other.Search("/mnt/a", value), R::NotFound);
   EXPECT_EQ(original.Search("/mnt/e", value), R::NotFound);
 }
-
-INSTANTIATE_TEST_SUITE_P(Forms, PathCacheCopyTest, ::testing::Bool());
 
 }  // namespace

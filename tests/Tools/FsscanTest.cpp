@@ -44,27 +44,20 @@ struct SRun {
 };
 
 // Runs a program with its stdout and stderr in files of the folder, as nobody when we are root,
-// in the working directory strCwd when one is given, with pStdin (when given) on a pipe as its
-// stdin. A program that hangs is killed by SIGALRM after a minute.
+// in the working directory strCwd when one is given. A program that hangs is killed by SIGALRM
+// after a minute.
 SRun RunProgram(const std::vector<std::string>& lstArgs, const std::string& strScratch,
-                const std::string& strCwd = std::string(), const std::string* pStdin = nullptr) {
+                const std::string& strCwd = std::string()) {
   const std::string strOut = strScratch + "/stdout", strErr = strScratch + "/stderr";
   const int fdOut = open(strOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   const int fdErr = open(strErr.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fdOut < 0 || fdErr < 0) throw std::runtime_error("cannot create the output files");
-  int fdIn[2] = {-1, -1};
-  // The pipe holds the whole text (it is small) before the program starts.
-  if (pStdin && (pipe2(fdIn, O_CLOEXEC) != 0 ||
-                 write(fdIn[1], pStdin->data(), pStdin->size()) != static_cast<ssize_t>(pStdin->size())))
-    throw std::runtime_error("cannot fill the stdin pipe");
-  if (pStdin) close(fdIn[1]);
   std::vector<char*> argv;
   for (const std::string& strArg : lstArgs) argv.push_back(const_cast<char*>(strArg.c_str()));
   argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
     if (dup2(fdOut, STDOUT_FILENO) < 0 || dup2(fdErr, STDERR_FILENO) < 0) _exit(126);
-    if (pStdin && dup2(fdIn[0], STDIN_FILENO) < 0) _exit(126);
     alarm(60);
     if (!strCwd.empty() && chdir(strCwd.c_str()) != 0) _exit(124);
     if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setresgid(kNoGroup, kNoGroup, kNoGroup) != 0 ||
@@ -75,7 +68,6 @@ SRun RunProgram(const std::vector<std::string>& lstArgs, const std::string& strS
   }
   close(fdOut);
   close(fdErr);
-  if (pStdin) close(fdIn[0]);
   int iStatus = 0;
   while (waitpid(pid, &iStatus, 0) < 0 && errno == EINTR) {
   }
@@ -139,10 +131,9 @@ class FsscanFixture : public ::testing::Test {
     close(fd);
   }
 
-  SRun Fsscan(std::vector<std::string> lstArgs, const std::string& strCwd = std::string(),
-              const std::string* pStdin = nullptr) {
+  SRun Fsscan(std::vector<std::string> lstArgs, const std::string& strCwd = std::string()) {
     lstArgs.insert(lstArgs.begin(), FSSCAN_TOOL_PATH);
-    return RunProgram(lstArgs, m_scratch.Root(), strCwd, pStdin);
+    return RunProgram(lstArgs, m_scratch.Root(), strCwd);
   }
   // "{T}" stands for the tree's root, "{S}" for the scratch folder.
   std::string Expand(std::string strText) {
@@ -246,10 +237,10 @@ TEST_P(FsscanFromFile, ReportsTheListedFilesAndTheListedFolderAsFindDoes) {
 INSTANTIATE_TEST_SUITE_P(TopLevel, FsscanFromFile, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "WithTopLevel" : "Plain"; });
 
-// --from-file lists however they come (a pipe on stdin, a named FIFO, a file), read once, with
+// --from-file lists however they come (a named FIFO, a file), read once, with
 // every listed object reported once whatever lines repeat or nest (the on-demand engine's suite
 // has the other orders and spellings).
-enum class EListSource { File, StdinPipe, Fifo };
+enum class EListSource { File, Fifo };
 
 struct SListCase {
   const char* szName;
@@ -277,7 +268,6 @@ TEST_P(FsscanList, ReadsTheListOnceAndReportsEveryObjectOnce) {
       WriteFileText(m_scratch.Path("list"), strList);
       lstArgs.push_back(m_scratch.Path("list"));
       break;
-    case EListSource::StdinPipe: lstArgs.push_back("/dev/fd/0"); break;
     case EListSource::Fifo:
       ASSERT_EQ(mkfifo(m_scratch.Path("fifo").c_str(), 0666), 0) << strerror(errno);
       lstArgs.push_back(m_scratch.Path("fifo"));
@@ -288,7 +278,7 @@ TEST_P(FsscanList, ReadsTheListOnceAndReportsEveryObjectOnce) {
       }
       break;
   }
-  const SRun run = Fsscan(lstArgs, std::string(), testCase.eSource == EListSource::StdinPipe ? &strList : nullptr);
+  const SRun run = Fsscan(lstArgs);
   if (writer > 0) {
     kill(writer, SIGKILL);
     waitpid(writer, nullptr, 0);
@@ -304,8 +294,6 @@ TEST_P(FsscanList, ReadsTheListOnceAndReportsEveryObjectOnce) {
 INSTANTIATE_TEST_SUITE_P(
     Lists, FsscanList,
     ::testing::Values(
-        SListCase{"PipeOnStdin", EListSource::StdinPipe, "{T}/clean/y\n{T}/clean/dir a\n", {},
-                  {"{T}/clean/dir a/x.txt", "{T}/clean/y"}},
         SListCase{"NamedFifo", EListSource::Fifo, "{T}/clean/y\n{T}/clean/dir a\n", {},
                   {"{T}/clean/dir a/x.txt", "{T}/clean/y"}},
         SListCase{"NestedWithTopLevel", EListSource::File, "{T}/clean/dir a\n{T}/clean\n{T}/clean/y\n", {"--top-level"},
