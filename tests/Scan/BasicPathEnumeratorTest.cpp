@@ -337,8 +337,6 @@ INSTANTIATE_TEST_SUITE_P(
                       SMountCase{"EveryKindRefused", true, {"/src/m/a", "/src/m/b", "/src/m/link", "/src/m/pipe"},
                                  {"a", "b", "link", "pipe"}},
                       SMountCase{"ParentHitIsNotExact", true, {"/src/m"}, {}},
-                      SMountCase{"AncestorHitIsNotExact", true, {"/src"}, {}},
-                      SMountCase{"PathBelowEntryIsNotExact", true, {"/src/m/b/inside"}, {}},
                       SMountCase{"LocalPathIsNotTheKey", true, {"@/a", "@/b"}, {}}),
     [](const auto& info) { return std::string(info.param.name); });
 

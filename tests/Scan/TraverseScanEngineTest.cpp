@@ -42,7 +42,6 @@ struct SConfigCase {
 
 const SConfigCase kConfigCases[] = {
     {"NoBagUsesDefaults", false, 0, 3, -1, false, 1, 0, 0},
-    {"ScannerMaxWorkers", true, 2, 0, -1, false, 2, 0, 0},
     {"WorkUnitMaxWorkersWins", true, 2, 3, -1, false, 3, 0, 0},
     {"CrossOSLogged", true, 0, 0, 1, false, 1, 1, 0},
     {"AbortEventEndsTheScan", true, 2, 0, 0, true, 2, 1, 995},

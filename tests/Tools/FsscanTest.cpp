@@ -195,10 +195,8 @@ INSTANTIATE_TEST_SUITE_P(
                       SPrint0Case{"FastDriver4Workers", "mixed", {"--workers", "4"}},
                       SPrint0Case{"ArbiterFastThenFindFirst", "mixed",
                                   {"--engines", "fast,findfirst", "--workers", "2", "--scanners", "2"}},
-                      SPrint0Case{"Traverse1Worker", "mixed", {"--traverse", "--workers", "1"}},
                       SPrint0Case{"Traverse2Workers", "mixed", {"--traverse", "--workers", "2"}},
                       SPrint0Case{"LongFacade", "long", {"--workers", "1"}},
-                      SPrint0Case{"LongFastDriver3Workers", "long", {"--workers", "3"}},
                       SPrint0Case{"LongArbiterFindFirst", "long", {"--engines", "findfirst"}},
                       SPrint0Case{"LongTraverse2Workers", "long", {"--traverse", "--workers", "2"}}),
     [](const auto& info) { return std::string(info.param.szName); });
