@@ -177,7 +177,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // name, path, callback, aborted, handler, handler error, debug, log level,
         // expected error, delivered, line
-        SItemCase{"NoCallbackItemsStillFlow", S, false, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"NoHandlerDropsSilently", S, true, false, false, 0, false, 7, 0, 0, ELine::None},
         SItemCase{"Delivered", S, true, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"RefusalSkippedAtLevel7", S, true, false, true, 50, false, 7, 0, 0, ELine::OnItemFailed},
@@ -185,15 +184,8 @@ INSTANTIATE_TEST_SUITE_P(
         SItemCase{"OtherErrorStops", S, true, false, true, 5, false, 7, 5, 0, ELine::None},
         SItemCase{"AbortStops", S, true, true, true, 0, false, 7, 995, 0, ELine::None},
         SItemCase{"DebugLinePerItem", S, true, false, true, 0, true, 0, 0, 1, ELine::Debug},
-        SItemCase{"DebugLineBeforeAbort", S, true, true, true, 0, true, 7, 995, 0, ELine::Debug},
-        SItemCase{"DebugLineWithoutHandler", S, true, false, false, 0, true, 7, 0, 0, ELine::Debug},
-        SItemCase{"DebugLineNeedsLevel0", S, true, false, true, 0, true, -1, 0, 1, ELine::None},
-        SItemCase{"FilteredNoCallback", F, false, false, true, 0, false, 7, 0, 0, ELine::None},
-        SItemCase{"FilteredNoHandler", F, true, false, false, 0, false, 7, 0, 0, ELine::None},
         SItemCase{"FilteredNotCountedByBaseHandler", F, true, false, true, 5, false, 7, 0, 0, ELine::None},
-        SItemCase{"FilteredAbortStops", F, true, true, true, 0, false, 7, 995, 0, ELine::None},
         SItemCase{"FilteredDebugLineBeforeAbort", F, true, true, true, 0, true, 7, 995, 0, ELine::DebugFiltered},
-        SItemCase{"DeletedNoCallback", D, false, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"DeletedNoHandler", D, true, false, false, 0, false, 7, 0, 0, ELine::None},
         SItemCase{"DeletedDelivered", D, true, false, true, 0, false, 7, 0, 1, ELine::None},
         SItemCase{"DeletedAbortStops", D, true, true, true, 0, false, 7, 995, 0, ELine::None},
