@@ -1,11 +1,9 @@
 // The scan engine's item paths (selected, filtered, deleted items reaching the output handler,
-// aborts, the debug line per item, the logged refusals), opening and closing its output handler,
-// and items from several traversal workers with an abort from another thread.
+// aborts, the debug line per item, the logged refusals), and opening and closing its output
+// handler.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
-#include <thread>
 
 #include "Platform/Bag.h"
 #include "Platform/FXErrorUtil.h"
@@ -249,33 +247,5 @@ INSTANTIATE_TEST_SUITE_P(
                       SHandlerCase{"ClosedThenDestroyedIsQuiet", 0, 0, 0, false, false, "ocd", {0, 0}, 1, 1, 0},
                       SHandlerCase{"NoCallbackToAsk", 0, 0, 0, false, true, "o", {87}, 0, 0, -1}),
     [](const ::testing::TestParamInfo<SHandlerCase>& info) { return info.param.name; });
-
-// ---------------------------------------------------------------------------------------------
-
-// Traversal workers call the item paths at once; an abort from another thread stops the items
-// that follow it.
-TEST_F(ScanEngineFixture, ConcurrentItemsAndAbortFromAnotherThread) {
-  CTestEngine engine;
-  ASSERT_TRUE(engine.SetScannerCallback(m_pCallback).IsSuccess());
-  ASSERT_TRUE(engine.OpenOutputHandler("/vol").IsSuccess());
-  constexpr int kThreads = 4, kItems = 500;
-  std::atomic<int> failures{0};
-  std::vector<std::thread> vThreads;
-  for (int t = 0; t < kThreads; ++t)
-    vThreads.emplace_back([&] {
-      for (int i = 0; i < kItems; ++i)
-        if (engine.ScanQueryCallback(m_pItem).IsError()) ++failures;
-    });
-  for (auto& thread : vThreads) thread.join();
-  EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(m_pHandler->Items(), static_cast<size_t>(kThreads * kItems));
-
-  std::thread aborter([&] { (void)m_pCallback->Abort(); });
-  aborter.join();
-  EXPECT_TRUE(engine.ScanQueryCallback(m_pItem).IsWin32(QiErrorCode::OperationAborted));
-  EXPECT_FALSE(engine.DeletedItemsCallback(m_pItem));
-  EXPECT_EQ(m_pHandler->Items(), static_cast<size_t>(kThreads * kItems));
-  EXPECT_TRUE(engine.CloseOutputHandler().IsSuccess());
-}
 
 }  // namespace

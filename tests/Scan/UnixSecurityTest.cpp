@@ -90,12 +90,7 @@ TEST_P(UnixPermissionTest, SummarisesOwnerAndGroupBits) {
 // 0750 alice/staff in miniature: daemon (1) and staff (50).
 INSTANTIATE_TEST_SUITE_P(Modes, UnixPermissionTest,
                          ::testing::Values(SModeRow{"Mode0750", 0750, 1, 50, "UG", "U", "UG", "U"},
-                                           SModeRow{"Mode0700", 0700, 1, 50, "U", "U", "U", "U"},
-                                           SModeRow{"Mode4700SetUidIgnored", 04700, 1, 50, "U", "U", "U", "U"},
                                            SModeRow{"Mode0077GroupOnlyOthersIgnored", 0077, 1, 50, "G", "G", "G", "G"},
-                                           SModeRow{"Mode0440ReadOnly", 0440, 0, 50, "UG", "", "", ""},
-                                           SModeRow{"Mode0220WriteOnly", 0220, 0, 0, "", "UG", "", ""},
-                                           SModeRow{"Mode0110ExecuteOnly", 0110, 0, 0, "", "", "UG", ""},
                                            SModeRow{"Mode0007NothingForOthers", 0007, 0, 0, "", "", "", ""},
                                            SModeRow{"UnknownOwnerAndGroup", 0700, kNoSuchUser, kNoSuchGroup, "U",
                                                     "U", "U", "U"}),
