@@ -1,14 +1,12 @@
 // The Unix work unit manager: content paths becoming work units on real temporary trees, with
-// the machine's mount table or a recorded one, raw devices, the content mapper both ways,
-// special content kinds, mount points below content, GPFS filesets and bad input.
+// the machine's mount table or a recorded one, raw devices, the content mapper, special content
+// kinds, mount points below content, GPFS filesets and bad input.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <cerrno>
 
 #include "Platform/FXErrorUtil.h"
-#include "Platform/FXString.h"
 #include "Platform/PrefixContentMapper.h"
 #include "Platform/VolumeIdentity.h"
 #include "Scan/FabricatedItem.h"
@@ -88,43 +86,6 @@ TEST_F(WorkUnitManagerTest, TwoContentPathsOnOneVolumeShareOneUnit) {
   EXPECT_EQ(ScanPathsText(unit), a + " " + b);
 }
 
-TEST_F(WorkUnitManagerTest, ContentOnTwoVolumesGivesTwoUnitsOnTheirOwnMedia) {
-  std::unique_ptr<CTempTree> shm = MakeTreeIn("/dev/shm");
-  std::string onRoot = m_tree.MakeDir("content"), onShm = shm->MakeDir("content");
-  if (VolumeOf(onRoot) == VolumeOf(onShm)) GTEST_SKIP() << "temporary folder and /dev/shm share a volume";
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(onRoot).IsSuccess());
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(onShm).IsSuccess());
-  ASSERT_EQ(m_manager.GetWorkUnitMap().size(), 2u);
-  CWorkUnitPtr rootUnit = Unit(VolumeOf(onRoot)), shmUnit = Unit(VolumeOf(onShm));
-  ASSERT_TRUE(rootUnit && shmUnit);
-  EXPECT_EQ(ScanPathsText(shmUnit), onShm);
-  // Each medium is the one the volume identity gives; tmpfs has no disk, so its own number.
-  std::string rootMedia, shmMedia;
-  ASSERT_TRUE(CVolumeIdentity::GetDefault().GetPhysicalMediaId(VolumeOf(onRoot), rootMedia).IsSuccess());
-  ASSERT_TRUE(CVolumeIdentity::GetDefault().GetPhysicalMediaId(VolumeOf(onShm), shmMedia).IsSuccess());
-  EXPECT_EQ(rootUnit->GetPhysicalMediaId(), rootMedia);
-  EXPECT_EQ(shmUnit->GetPhysicalMediaId(), shmMedia);
-  EXPECT_NE(rootMedia, shmMedia);
-  EXPECT_TRUE(FXString::StartsWith(shmMedia, "dev-")) << shmMedia;
-  ASSERT_EQ(m_manager.GetPhysicalMediaVolumeWorkUnitMap().size(), 2u);
-  // Keys are compared without regard to case.
-  EXPECT_EQ(m_manager.GetWorkUnitMap().count(FXString::ToUpper(VolumeOf(onShm))), 1u);
-}
-
-// Missing content is placed on the volume that would hold it (the engine reports it when it
-// scans); names keep their bytes.
-TEST_F(WorkUnitManagerTest, MissingContentAndNonUtf8NamesArePlacedAsGiven) {
-  std::string missing = m_tree.Path("does/not/exist"), dir = m_tree.MakeDir("\xff\xfe-\x01");
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(missing + "/").IsSuccess());
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(dir).IsSuccess());
-  ASSERT_EQ(Keys(), std::vector<std::string>{VolumeOf(m_tree.Root())});
-  CWorkUnitPtr unit = Unit(VolumeOf(m_tree.Root()));
-  EXPECT_EQ(ScanPathsText(unit), missing + " " + dir);
-  ASSERT_TRUE(Finalize({dir + "/x"}).IsSuccess());
-  EXPECT_TRUE(unit->IsFileFilteredOut(dir + "/x/y"));
-  EXPECT_FALSE(unit->IsFileFilteredOut(dir + "/z"));
-}
-
 struct SBadInputRow {
   const char* name;
   std::string path;
@@ -147,85 +108,18 @@ TEST_P(WorkUnitManagerBadInput, ClearErrorAndNoUnit) {
 }
 
 constexpr auto kWin32 = CQiError::EQiErrorSpace::Win32, kErrNo = CQiError::EQiErrorSpace::ErrNo;
-std::string ManyLongComponents() {
-  std::string p = "/tmp";
-  for (int i = 0; i < 30; ++i) p += "/" + std::string(200, 'c');
-  return p;
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Table, WorkUnitManagerBadInput,
     ::testing::Values(
         SBadInputRow{"Empty", "", kWin32, 87, "Content path is empty"},
         SBadInputRow{"NulByte", std::string("/tmp/a\0b", 8), kWin32, 87, "Content path holds a NUL byte"},
-        SBadInputRow{"Relative", "relative/dir", kWin32, 87, "expandContentPathByVolumes failed"},
         SBadInputRow{"LongerThanPathMax", "/tmp/" + std::string(5000, 'x'), kErrNo, ENAMETOOLONG,
                      "expandContentPathByVolumes failed"},
-        SBadInputRow{"ManyLongComponents", ManyLongComponents(), kErrNo, ENAMETOOLONG, "Path is longer than PATH_MAX"},
-        // A wildcard without fixed leading folders names no volume.
-        SBadInputRow{"WildcardWithoutPrefix", "*.txt", kWin32, 87, "Path is not absolute"},
         SBadInputRow{"MalformedWildcard", "/tmp/[z-a]/x", kWin32, 13,
                      "LoadRaw failed for wildcard scan path, LocalScanPath=/tmp/[z-a]/x"}),
     [](const ::testing::TestParamInfo<SBadInputRow>& info) { return std::string(info.param.name); });
 
-// ---- wildcards ------------------------------------------------------------------------------
-
-TEST_F(WorkUnitManagerTest, WildcardContentIsPlacedOnTheVolumeOfItsPrefix) {
-  std::unique_ptr<CTempTree> shm = MakeTreeIn("/dev/shm");
-  std::string rootPattern = m_tree.MakeDir("w") + "/*.txt", shmPattern = shm->MakeDir("logs") + "/**/*.log";
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(rootPattern).IsSuccess());
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(shmPattern).IsSuccess());
-  // Given in both forms, the source scan path keeps the pattern below the source folder.
-  std::string local = m_tree.MakeDir("snap/data") + "/*.db";
-  ASSERT_TRUE(m_manager.AssignWorkUnit("/data/*.db", local, false).IsSuccess());
-  CWorkUnitPtr rootUnit = Unit(VolumeOf(m_tree.Root())), shmUnit = Unit(VolumeOf(shm->Root()));
-  ASSERT_TRUE(rootUnit && shmUnit);
-  EXPECT_EQ(ScanPathsText(rootUnit), rootPattern + "~" + m_tree.Path("w") + " " + local + "=/data/*.db~/data");
-  EXPECT_EQ(LocalScanPaths(shmUnit), std::vector<std::string>{shmPattern});
-  EXPECT_FALSE(rootUnit->ContainsVolumeWildcardScanPaths());
-  // The pattern becomes the scan content.
-  ASSERT_TRUE(Finalize().IsSuccess());
-  EXPECT_FALSE(rootUnit->IsFileFilteredOut(m_tree.Path("w/a.txt")));
-  EXPECT_TRUE(rootUnit->IsFileFilteredOut(m_tree.Path("w/a.doc")));
-}
-
 // ---- raw devices ----------------------------------------------------------------------------
-
-enum class EDevice { DevNull, LinkToDevNull, BlockNode, LinkToBlockNode };
-
-class WorkUnitManagerDevices : public WorkUnitManagerTest, public ::testing::WithParamInterface<EDevice> {};
-
-TEST_P(WorkUnitManagerDevices, DeviceNodesGiveARawDeviceUnitAndNoVolumeUnit) {
-  std::string path = "/dev/null", node = "/dev/null";
-  if (GetParam() == EDevice::LinkToDevNull) path = m_tree.MakeSymlink("links/null", "/dev/null");
-  if (GetParam() == EDevice::BlockNode || GetParam() == EDevice::LinkToBlockNode) {
-    node = m_tree.Path("blk");
-    if (mknod(node.c_str(), S_IFBLK | 0600, makedev(7, 200)) != 0) GTEST_SKIP() << "mknod: " << errno;
-    path = GetParam() == EDevice::BlockNode ? node : m_tree.MakeSymlink("links/blk", node);
-  }
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(path + "/").IsSuccess());
-  const std::string key = std::string(CWorkUnitManager::kRawDeviceVolumePrefix) + node;
-  ASSERT_EQ(Keys(), std::vector<std::string>{key});
-  auto raw = std::dynamic_pointer_cast<CRawDeviceWorkUnit>(Unit(key));
-  ASSERT_TRUE(raw);
-  EXPECT_EQ(ScanPathsText(raw), path);
-  CRawDeviceWorkUnit::SurfaceMap surfaces;
-  ASSERT_TRUE(raw->GetSurfaceMap(surfaces).IsSuccess());
-  EXPECT_EQ(surfaces, (CRawDeviceWorkUnit::SurfaceMap{{path, node}}));
-  EXPECT_EQ(raw->GetLocalVolumeName(), key);
-  EXPECT_FALSE(raw->GetPhysicalMediaId().empty());
-  // The arbiter reaches it through its own volume and medium.
-  ASSERT_EQ(m_manager.GetPhysicalMediaVolumeWorkUnitMap().count(raw->GetPhysicalMediaId()), 1u);
-  const auto& volumes = m_manager.GetPhysicalMediaVolumeWorkUnitMap().at(raw->GetPhysicalMediaId())->GetVolumeWorkUnits();
-  ASSERT_EQ(volumes.size(), 1u);
-  EXPECT_EQ(volumes[0]->GetLocalVolumeName(), key);
-}
-
-const char* const kDeviceNames[] = {"DevNull", "LinkToDevNull", "BlockNode", "LinkToBlockNode"};
-INSTANTIATE_TEST_SUITE_P(Table, WorkUnitManagerDevices,
-                         ::testing::Values(EDevice::DevNull, EDevice::LinkToDevNull, EDevice::BlockNode,
-                                           EDevice::LinkToBlockNode),
-                         [](const auto& info) { return std::string(kDeviceNames[static_cast<int>(info.param)]); });
 
 TEST_F(WorkUnitManagerTest, TwoPathsToOneDeviceExtendOneRawUnit) {
   std::string link = m_tree.MakeSymlink("null-link", "/dev/null");
@@ -276,33 +170,12 @@ TEST_F(WorkUnitManagerTest, HadoopContentGoesToTheHadoopVolume) {
   ASSERT_TRUE(m_manager.AssignLocalWorkUnit("*.parquet", Context({Id::idIsHadoopScan}), false).IsSuccess());
   EXPECT_TRUE(unit->ContainsVolumeWildcardScanPaths());
   EXPECT_TRUE(unit->IsUseInsensitiveFilterForWildCardSet());
-}
-
-// Where the content kind is read from: 0 content context, 1 item as context, 2 default context,
-// 3 configuration bag.
-class WorkUnitManagerContextSources : public WorkUnitManagerTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(WorkUnitManagerContextSources, TheContentKindIsReadFromTheContextBag) {
-  FVBasePtr context;
-  auto bag = std::make_shared<CBag>();
-  ASSERT_TRUE(bag->Write(Id::idIsHadoopScan, true).IsSuccess());
-  if (GetParam() == 0) context = Context({Id::idIsHadoopScan});
-  if (GetParam() == 1) {
-    auto item = std::make_shared<CFabricatedItem>(CBagPtr(), "/x", "/x");
-    ASSERT_TRUE(item->GetItemBag()->Write(Id::idIsHadoopScan, true).IsSuccess());
-    context = item;
-  }
-  if (GetParam() == 2) m_manager.SetDefaultContext(Context({Id::idIsHadoopScan}));
-  if (GetParam() == 3) m_manager.SetConfigurationBag(bag);
-  CQiError error = context ? m_manager.AssignLocalWorkUnit("/hdfs/a", context, false)
-                           : m_manager.AssignLocalWorkUnit("/hdfs/a");
-  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+  // The content kind may also come from an item used as context.
+  auto item = std::make_shared<CFabricatedItem>(CBagPtr(), "/x", "/x");
+  ASSERT_TRUE(item->GetItemBag()->Write(Id::idIsHadoopScan, true).IsSuccess());
+  ASSERT_TRUE(m_manager.AssignLocalWorkUnit("/hdfs/a", item, false).IsSuccess());
   EXPECT_EQ(Keys(), std::vector<std::string>{"quillon_hadoop_vol"});
 }
-
-const char* const kContextNames[] = {"ContentContext", "ItemBag", "DefaultContext", "ConfigurationBag"};
-INSTANTIATE_TEST_SUITE_P(Table, WorkUnitManagerContextSources, ::testing::Values(0, 1, 2, 3),
-                         [](const auto& info) { return std::string(kContextNames[info.param]); });
 
 TEST_F(WorkUnitManagerTest, AContentSettingOfTheWrongTypeIsAnError) {
   auto context = std::make_shared<CContentContext>();
@@ -341,17 +214,6 @@ TEST_F(WorkUnitManagerTest, CriteriaBasedAutomountContentIsItsOwnVolume) {
   EXPECT_EQ(ScanPathsText(Unit(VolumeOf(other))), other);
 }
 
-TEST_F(WorkUnitManagerTest, UnitsTakeTheCataloguingSettingsOfTheScan) {
-  auto bag = std::make_shared<CBag>();
-  ASSERT_TRUE(bag->Write(Id::idUseIdxLogWriterBasedCataloging, 1ull).IsSuccess());
-  m_manager.SetConfigurationBag(bag);
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(m_tree.Root()).IsSuccess());
-  unsigned long long value = 0;
-  ASSERT_TRUE(Unit(VolumeOf(m_tree.Root()))->GetBag()->Read(Id::idUseIdxLogWriterBasedCataloging, value).IsSuccess());
-  EXPECT_EQ(value, 1u);
-  EXPECT_FALSE(Unit(VolumeOf(m_tree.Root()))->GetBag()->Contains(Id::idFileServerScan));
-}
-
 // ---- a recorded mount table -----------------------------------------------------------------
 
 class WorkUnitManagerRecorded : public WorkUnitManagerTest {
@@ -363,23 +225,6 @@ class WorkUnitManagerRecorded : public WorkUnitManagerTest {
   void Record(const std::string& lines) { m_pMounts = std::make_unique<CMountInfoFile>(m_tree, RootLine() + lines); }
   std::unique_ptr<CMountInfoFile> m_pMounts;
 };
-
-TEST_F(WorkUnitManagerRecorded, TwoPartitionsOfOneDiskShareOnePhysicalMediaUnit) {
-  CFakeKernelTree kernel;
-  m_manager.SetVolumeIdentity(CVolumeIdentity(kernel.SysRoot(), kernel.DevRoot()));
-  std::string p1 = m_tree.MakeDir("p1/data"), p2 = m_tree.MakeDir("p2/data"), other = m_tree.MakeDir("other");
-  Record(MountLine(2, 1, "8:1", m_tree.Path("p1"), "ext4", "/dev/sda1") +
-         MountLine(3, 1, "8:2", m_tree.Path("p2"), "xfs", "/dev/sda2"));
-  for (const std::string& path : {p1, p2, other}) ASSERT_TRUE(m_manager.AssignLocalWorkUnit(path).IsSuccess());
-  EXPECT_EQ(Keys(), (std::vector<std::string>{"/", m_tree.Path("p1"), m_tree.Path("p2")}));
-  std::string listing;
-  for (const auto& [id, media] : m_manager.GetPhysicalMediaVolumeWorkUnitMap())
-    for (const auto& volume : media->GetVolumeWorkUnits())
-      listing += id + ": " + volume->GetLocalVolumeName() + " " + volume->GetLocalVolumeUniqueId() + "\n";
-  EXPECT_EQ(listing, "/dev/sda: " + m_tree.Path("p1") + " dev-8:1\n/dev/sda: " + m_tree.Path("p2") +
-                         " dev-8:2\n/dev/sdb: / dev-8:16\n");
-  EXPECT_EQ(Unit(m_tree.Path("p2"))->GetPhysicalMediaId(), "/dev/sda");
-}
 
 struct SMountRow {
   const char* name;
@@ -417,17 +262,6 @@ INSTANTIATE_TEST_SUITE_P(Table, WorkUnitManagerMounts,
                                            SMountRow{"FollowedWithoutExclusion", true, false, true, true}),
                          [](const ::testing::TestParamInfo<SMountRow>& info) { return std::string(info.param.name); });
 
-TEST_F(WorkUnitManagerRecorded, WildcardContentDoesNotFollowMountsBelowItsPrefix) {
-  std::string content = m_tree.MakeDir("c"), mount = m_tree.MakeDir("c/m");
-  Record(MountLine(2, 1, "0:90", mount, "tmpfs", "tmpfs"));
-  m_manager.SetFollowMountPaths(true);
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(content + "/**/*.txt").IsSuccess());
-  EXPECT_EQ(Keys(), std::vector<std::string>{"/"});
-  ASSERT_TRUE(Finalize().IsSuccess());
-  EXPECT_FALSE(Unit("/")->IsFileFilteredOut(content + "/a/b.txt"));
-  EXPECT_TRUE(Unit("/")->IsFileFilteredOut(mount + "/b.txt"));
-}
-
 TEST_F(WorkUnitManagerRecorded, ChangingAMountOptionLaterKeepsExistingUnits) {
   std::string content = m_tree.MakeDir("c"), mount = m_tree.MakeDir("c/m");
   Record(MountLine(2, 1, "0:90", mount, "tmpfs", "tmpfs"));
@@ -457,26 +291,6 @@ class WorkUnitManagerMapper : public WorkUnitManagerRecorded {
   void RecordProxy(const std::string& more = "") { Record(MountLine(2, 1, "0:92", m_strProxy, "tmpfs", "tmpfs") + more); }
   const std::string m_strProxy = m_tree.MakeDir("proxy");
 };
-
-TEST_F(WorkUnitManagerMapper, SourceContentSeenUnderAProxy) {
-  RecordProxy();
-  ASSERT_TRUE(m_manager.AssignSourceWorkUnit("/src/dir/").IsSuccess());
-  // The other way round: local content gets its source form from the mapper.
-  ASSERT_TRUE(m_manager.AssignLocalWorkUnit(m_strProxy + "/dir2").IsSuccess());
-  // Source wildcards keep their pattern in both forms.
-  ASSERT_TRUE(m_manager.AssignSourceWorkUnit("/src/dir/*.txt").IsSuccess());
-  ASSERT_EQ(Keys(), std::vector<std::string>{m_strProxy});
-  CWorkUnitPtr unit = Unit(m_strProxy);
-  EXPECT_EQ(ScanPathsText(unit), m_strProxy + "/dir=/src/dir " + m_strProxy + "/dir2=/src/dir2 " + m_strProxy +
-                                     "/dir/*.txt=/src/dir/*.txt~/src/dir");
-  EXPECT_EQ(unit->GetSourceVolumeName(), "/src/");
-  EXPECT_EQ(unit->GetLocalVolumeName(), m_strProxy);
-  // Scan content and filters are in source form.
-  ASSERT_TRUE(Finalize({"/src/dir/skip", m_strProxy + "/dir2"}).IsSuccess());
-  EXPECT_EQ(unit->GetFilters()->GetItemCount(), 1u);
-  EXPECT_FALSE(unit->IsFileFilteredOut("/src/dir/a"));
-  EXPECT_TRUE(unit->IsFileFilteredOut("/src/dir/skip/a"));
-}
 
 // Every refusal of the mapper is an invalid parameter naming the path it could not convert, and
 // leaves no unit behind. Steps: 's' a source path, 'l' a local path (a relative one is made below
@@ -512,40 +326,16 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         SMapperFailureRow{"SourceOutsideTheMapping", 's', "/elsewhere/x",
                           "Failed to convert host path to proxy path, SourceScanPath=/elsewhere/x"},
-        SMapperFailureRow{"SourceRelative", 's', "src/x", "Failed to convert host path to proxy path, SourceScanPath=src/x"},
-        SMapperFailureRow{"SourceEmpty", 's', "", "Failed to convert host path to proxy path, SourceScanPath="},
         SMapperFailureRow{"LocalOutsideTheProxy", 'l', "/var/x",
                           "Failed to convert proxy path to host path, LocalScanPath=/var/x"},
-        SMapperFailureRow{"LocalEmpty", 'l', "", "Failed to convert proxy path to host path, LocalScanPath="},
         SMapperFailureRow{"VolumeName", 'v', "/src/dir", "Failed to convert proxy path to host path, LocalVolumeName=/"},
         SMapperFailureRow{"MountPath", 'b', "outside",
                           "Failed to convert proxy path to host path, LocalMountPath={tree}/outside"},
         SMapperFailureRow{"SourceScanPath", 'l', "proxy/refuse",
                           "Failed to convert host path to proxy path, SourcePath=/src/refuse"},
         SMapperFailureRow{"Fileset", 'f', "/src/dir/refuse",
-                          "Failed to convert host path to proxy path, fileset /src/dir/refuse"},
-        // /dev/null is not under the proxy, so its source form cannot be had.
-        SMapperFailureRow{"RawDevice", 'l', "/dev/null",
-                          "Failed to convert proxy path to host path, LocalScanPath=/dev/null"}),
+                          "Failed to convert host path to proxy path, fileset /src/dir/refuse"}),
     [](const ::testing::TestParamInfo<SMapperFailureRow>& info) { return std::string(info.param.name); });
-
-// A failed scan path is always reported: without a consumer the error is extended to say so,
-// with one it is written to the failures file.
-TEST_F(WorkUnitManagerMapper, AFailedScanPathIsAlwaysReported) {
-  Record("");  // the proxy folder lies on "/", which the mapper does not map
-  const std::string message = "Failed to convert proxy path to host path, LocalVolumeName=/";
-  CQiError error = m_manager.AssignSourceWorkUnit("/src/dir");
-  ExpectRefused(error, message);
-  EXPECT_TRUE(HasFrame(error, message + ". Reporting scan failures is not supported."));
-  EXPECT_TRUE(HasFrame(error, "AddScanPathToWorkUnit failed, LocalScanPathForVolumeIdentification=" + m_strProxy +
-                                  "/dir, LocalScanPath=" + m_strProxy + "/dir"));
-  const std::string failures = m_tree.Path("failures.txt");
-  m_manager.SetScanFailureConsumer(std::make_shared<CScanFailureConsumer>(0, failures, "w"));
-  error = m_manager.AssignSourceWorkUnit("/src/dir");
-  ExpectRefused(error, message);
-  EXPECT_EQ(error.AsString().find("Reporting scan failures is not supported"), std::string::npos);
-  EXPECT_EQ(ReadFileText(failures), "folder /src/dir:87\n");
-}
 
 TEST_F(WorkUnitManagerMapper, FailedContentIsReportedToTheScanFailureConsumer) {
   RecordProxy();
