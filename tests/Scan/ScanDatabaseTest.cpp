@@ -774,9 +774,7 @@ INSTANTIATE_TEST_SUITE_P(
     Conversion, RecordToItem,
     ::testing::Values(SRecordToItem{"FolderWithoutTypeBits", 0755, true, 4096, "", 040755, 4096},
                       SRecordToItem{"FolderWithFileTypeBits", 0100755, true, 0, "", 040755, 0},
-                      SRecordToItem{"FileKeepsItsBits", 0100600, false, 4096, "", 0100600, 4096},
                       SRecordToItem{"SizeOnDiskTruncatesTo512", 0100644, false, 1000, "", 0100644, 512},
-                      SRecordToItem{"SizeOnDiskBelowOneBlock", 0100644, false, 511, "", 0100644, 0},
                       SRecordToItem{"ReadThroughALocalPath", 0100644, false, 1024, "/snap/r/a", 0100644, 1024}),
     [](const auto& info) { return std::string(info.param.name); });
 

@@ -163,7 +163,7 @@ TEST_F(WorkUnitManagerTest, HadoopContentGoesToTheHadoopVolume) {
   ASSERT_TRUE(m_manager.AssignLocalWorkUnit("/user/hdfs/*.csv", Context({Id::idIsHadoopScan}), false).IsSuccess());
   ASSERT_EQ(Keys(), std::vector<std::string>{"quillon_hadoop_vol"});
   CWorkUnitPtr unit = Unit("quillon_hadoop_vol");
-  EXPECT_EQ(LocalScanPaths(unit), (std::vector<std::string>{"/user/hdfs/data", "/user/hdfs/*.csv"}));
+  EXPECT_EQ(ScanPathsText(unit), "/user/hdfs/data /user/hdfs/*.csv~/user/hdfs");
   EXPECT_EQ(unit->GetPhysicalMediaId(), "quillon_hadoop_vol");
   EXPECT_EQ(unit->GetLocalVolumeUniqueId(), "quillon_hadoop_vol");
   // A pattern without fixed folders marks the unit as holding volume-wide, case-blind wildcards.

@@ -1,5 +1,5 @@
-// Helpers shared by the work unit suites: a recorded mount table, a fake kernel
-// tree for volume identities, temporary trees on a chosen file system, and units in one line.
+// Helpers shared by the work unit suites: a recorded mount table, temporary trees on a chosen
+// file system, and units in one line.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,29 +38,6 @@ inline std::string MountLine(int id, int parent, const std::string& number, cons
 // The root line of a recorded table: an ext4 root on /dev/sdb (8:16).
 inline std::string RootLine() { return MountLine(1, 0, "8:16", "/", "ext4", "/dev/sdb"); }
 
-// A fake /sys and /dev: disk sda (8:0) with partitions sda1 (8:1) and sda2 (8:2), disk sdb (8:16).
-class CFakeKernelTree {
- public:
-  CFakeKernelTree() {
-    Disk("pci0/block/sda", "8:0");
-    Disk("pci0/block/sda/sda1", "8:1", true);
-    Disk("pci0/block/sda/sda2", "8:2", true);
-    Disk("pci0/block/sdb", "8:16");
-    for (const char* node : {"sda1", "sda2", "sdb"}) m_tree.MakeFile(std::string("dev/") + node);
-  }
-  std::string SysRoot() const { return m_tree.Path("sys"); }
-  std::string DevRoot() const { return m_tree.Path("dev"); }
-
- private:
-  void Disk(const std::string& device, const std::string& number, bool bPartition = false) {
-    m_tree.MakeFile("sys/devices/" + device + "/dev", number + "\n");
-    if (bPartition) m_tree.MakeFile("sys/devices/" + device + "/partition", "1\n");
-    m_tree.MakeSymlink("sys/dev/block/" + number, "../../devices/" + device);
-    m_tree.MakeSymlink("sys/class/block/" + device.substr(device.rfind('/') + 1), "../../devices/" + device);
-  }
-  CTempTree m_tree;
-};
-
 // A temporary tree made under the given folder (for example /dev/shm), removed with the object.
 inline std::unique_ptr<CTempTree> MakeTreeIn(const char* base) {
   const char* old = getenv("TMPDIR");
@@ -93,12 +70,6 @@ inline CContentContextPtr Context(std::initializer_list<const char*> trueKeys) {
   auto context = std::make_shared<CContentContext>();
   for (const char* key : trueKeys) EXPECT_TRUE(context->GetBag()->Write(key, true).IsSuccess());
   return context;
-}
-
-inline std::vector<std::string> LocalScanPaths(const CWorkUnitPtr& unit) {
-  std::vector<std::string> out;
-  for (const auto& path : unit->GetScanPaths()) out.push_back(path->GetLocalScanPath());
-  return out;
 }
 
 // The unit's scan paths in one line, blank-separated: each "<local>", "=<source>" added when the
