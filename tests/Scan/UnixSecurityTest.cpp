@@ -1,5 +1,5 @@
 // Unix security and analytics attributes: the owner and permission summary of real files
-// (chmod/chown as root), unknown users and groups, the level-7 line, the Enable/Process rules,
+// (chmod/chown as root), unknown users and groups, the Enable/Process rules,
 // attaching to items, and the JSON renderings.
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -14,7 +14,6 @@
 #include "Scan/FindFirstItem.h"
 #include "Scan/Unix/AnalyticsItemAddInfo.h"
 #include "Scan/Unix/AnalyticsItemUnix.h"
-#include "Support/LogCapture.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -96,23 +95,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, UnixPermissionTest,
                                                     "U", "U", "U"}),
                          [](const auto& info) { return info.param.name; });
 
-TEST(UnixSecurityTest, UnknownNamesAndTheLevelSevenLine) {
-  CTempTree tree;
-  CItemPtr pItem = MakeItem(tree, "odd\nname", 0750, kNoSuchUser, kNoSuchGroup);
-  if (!pItem) GTEST_SKIP() << "chown needs root";
-  for (int level : {6, 7}) {
-    CLogCapture pLog(level);
-    CAnalyticsItemUnix analytics(pItem);
-    ASSERT_TRUE(analytics.EnableSecurityInfoProcessing(false, true).IsSuccess());
-    ASSERT_TRUE(analytics.Process().IsSuccess());
-    EXPECT_EQ(analytics.GetOwnerName(), "UNKNOWN");
-    EXPECT_EQ(analytics.GetSecurityInfoMap().at("AllowListUsername"), "UNKNOWN,UNKNOWN,");
-    const std::string line = "Item [" + tree.Path("odd\nname") +
-                             "], Owner name [UNKNOWN], Owner id [4000001], Group name [UNKNOWN], Group id [4000002]";
-    EXPECT_EQ(pLog->Count(line, 7), level == 7 ? 1u : 0u);
-  }
-}
-
 struct SFlagsRow {
   const char* name;
   bool owner, permissions, hasInfo, hasMap;
@@ -137,8 +119,7 @@ TEST_P(UnixSecurityFlagsTest, CollectsWhatWasAskedFor) {
 INSTANTIATE_TEST_SUITE_P(Flags, UnixSecurityFlagsTest,
                          ::testing::Values(SFlagsRow{"Neither", false, false, false, false},
                                            SFlagsRow{"OwnerOnly", true, false, true, false},
-                                           SFlagsRow{"PermissionsOnly", false, true, true, true},
-                                           SFlagsRow{"Both", true, true, true, true}),
+                                           SFlagsRow{"PermissionsOnly", false, true, true, true}),
                          [](const auto& info) { return info.param.name; });
 
 TEST(UnixSecurityTest, ItemsWithoutStatDataOrGoneGiveNothing) {
