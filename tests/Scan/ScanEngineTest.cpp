@@ -241,10 +241,7 @@ INSTANTIATE_TEST_SUITE_P(
                       SHandlerCase{"NoHandlerIsUnconfigured", 0, 0, 0, true, false, "oc", {0, 1168}, 0, 0, 1},
                       SHandlerCase{"InitializeFailureKeepsHandler", 0, 5, 0, false, false, "oc", {5, 0}, 1, 1, 0},
                       SHandlerCase{"CloseTwice", 0, 0, 0, false, false, "occ", {0, 0, 1168}, 1, 1, -1},
-                      SHandlerCase{"FailingCompleteKeepsHandler", 0, 0, 5, false, false, "occc", {0, 5, 0, 1168}, 1,
-                                   2, -1},
                       SHandlerCase{"DestroyedOpenNeverCompletes", 0, 0, 0, false, false, "od", {0}, 1, 0, -1},
-                      SHandlerCase{"ClosedThenDestroyedIsQuiet", 0, 0, 0, false, false, "ocd", {0, 0}, 1, 1, 0},
                       SHandlerCase{"NoCallbackToAsk", 0, 0, 0, false, true, "o", {87}, 0, 0, -1}),
     [](const ::testing::TestParamInfo<SHandlerCase>& info) { return info.param.name; });
 

@@ -226,42 +226,6 @@ class WorkUnitManagerRecorded : public WorkUnitManagerTest {
   std::unique_ptr<CMountInfoFile> m_pMounts;
 };
 
-struct SMountRow {
-  const char* name;
-  bool follow, autoExclude;
-  bool mountUnit;       // the mount below the content has a unit of its own
-  bool mountInContent;  // the content's unit still counts files of the mount as content
-};
-
-class WorkUnitManagerMounts : public WorkUnitManagerRecorded, public ::testing::WithParamInterface<SMountRow> {};
-
-TEST_P(WorkUnitManagerMounts, MountPointsBelowTheContent) {
-  const SMountRow& row = GetParam();
-  std::string content = m_tree.MakeDir("c"), mount = m_tree.MakeDir("c/m");
-  m_tree.MakeDir("c/x");
-  Record(MountLine(2, 1, "0:90", mount, "tmpfs", "tmpfs"));
-  m_manager.SetFollowMountPaths(row.follow);
-  m_manager.SetAutoExcludeMountPoints(row.autoExclude);
-  // The content is given in a source form of its own, so that derived source paths show.
-  ASSERT_TRUE(m_manager.AssignWorkUnit("/s/c", content, false).IsSuccess());
-  ASSERT_TRUE(Finalize().IsSuccess());
-  CWorkUnitPtr contentUnit = Unit("/");
-  ASSERT_TRUE(contentUnit);
-  EXPECT_EQ(ScanPathsText(contentUnit), content + "=/s/c");
-  EXPECT_FALSE(contentUnit->IsFileFilteredOut("/s/c/x/f"));
-  EXPECT_EQ(!contentUnit->IsFileFilteredOut("/s/c/m/f"), row.mountInContent);
-  CWorkUnitPtr mountUnit = Unit(mount);
-  EXPECT_EQ(mountUnit ? ScanPathsText(mountUnit) + " " + mountUnit->GetLocalVolumeUniqueId() : "",
-            row.mountUnit ? mount + "=/s/c/m dev-0:90" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, WorkUnitManagerMounts,
-                         ::testing::Values(SMountRow{"NotFollowedExcluded", false, true, false, false},
-                                           SMountRow{"NotFollowedKept", false, false, false, true},
-                                           SMountRow{"Followed", true, true, true, true},
-                                           SMountRow{"FollowedWithoutExclusion", true, false, true, true}),
-                         [](const ::testing::TestParamInfo<SMountRow>& info) { return std::string(info.param.name); });
-
 TEST_F(WorkUnitManagerRecorded, ChangingAMountOptionLaterKeepsExistingUnits) {
   std::string content = m_tree.MakeDir("c"), mount = m_tree.MakeDir("c/m");
   Record(MountLine(2, 1, "0:90", mount, "tmpfs", "tmpfs"));
@@ -324,8 +288,6 @@ TEST_P(WorkUnitManagerMapperFailures, ExactTexts) {
 INSTANTIATE_TEST_SUITE_P(
     Table, WorkUnitManagerMapperFailures,
     ::testing::Values(
-        SMapperFailureRow{"SourceOutsideTheMapping", 's', "/elsewhere/x",
-                          "Failed to convert host path to proxy path, SourceScanPath=/elsewhere/x"},
         SMapperFailureRow{"LocalOutsideTheProxy", 'l', "/var/x",
                           "Failed to convert proxy path to host path, LocalScanPath=/var/x"},
         SMapperFailureRow{"VolumeName", 'v', "/src/dir", "Failed to convert proxy path to host path, LocalVolumeName=/"},
