@@ -77,7 +77,7 @@ class CStubEngine : public CFindFirstScanEngine {
 class BasicScannerFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_pShm = WorkUnitTestSupport::MakeTreeIn("/dev/shm");
+    m_pShm = std::make_unique<CTempTree>("/dev/shm");
     for (CTempTree* pTree : {&m_tmp, m_pShm.get()}) {
       pTree->MakeFile("content/a.txt", "abc");
       pTree->MakeFile("content/sub/b.dat", "0123456789");

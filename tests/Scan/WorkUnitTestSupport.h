@@ -1,10 +1,8 @@
-// Helpers shared by the work unit suites: a recorded mount table, temporary trees on a chosen
-// file system, and units in one line.
+// Helpers shared by the work unit suites: a recorded mount table and units in one line.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <initializer_list>
 
 #include "Platform/FXFolder.h"
@@ -37,19 +35,6 @@ inline std::string MountLine(int id, int parent, const std::string& number, cons
 }
 // The root line of a recorded table: an ext4 root on /dev/sdb (8:16).
 inline std::string RootLine() { return MountLine(1, 0, "8:16", "/", "ext4", "/dev/sdb"); }
-
-// A temporary tree made under the given folder (for example /dev/shm), removed with the object.
-inline std::unique_ptr<CTempTree> MakeTreeIn(const char* base) {
-  const char* old = getenv("TMPDIR");
-  std::string saved = old != nullptr ? old : "";
-  setenv("TMPDIR", base, 1);
-  auto tree = std::make_unique<CTempTree>();
-  if (old != nullptr)
-    setenv("TMPDIR", saved.c_str(), 1);
-  else
-    unsetenv("TMPDIR");
-  return tree;
-}
 
 // The mount point of the volume holding the path, from the current mount table.
 inline std::string VolumeOf(const std::string& path) {
