@@ -127,7 +127,6 @@ INSTANTIATE_TEST_SUITE_P(
         SRouteCase{"EvaluatorItemRejected", true, R, true, 0, false, false, 0, nullptr},
         SRouteCase{"EvaluatorItemWithoutEvaluatorPassesNothing", true, N, true, 0, false, false, 0, nullptr},
         SRouteCase{"EvaluatorItemFails", true, S, true, 31, false, false, 31, kEvaluatorCpp},
-        SRouteCase{"EvaluatorItemRejectedNeverReachesFailingConsumer", true, R, true, 31, false, false, 0, nullptr},
         SRouteCase{"EvaluatorDeletedSelected", true, S, true, 0, true, true, 0, nullptr},
         SRouteCase{"EvaluatorDeletedFailsAsItIs", true, S, true, 31, true, false, 31, nullptr}),
     [](const auto& info) { return std::string(info.param.name); });
