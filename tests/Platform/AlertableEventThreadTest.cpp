@@ -103,15 +103,6 @@ TEST(AlertableEventThreadTest, OnEventIsCalledOncePerSignal) {
   EXPECT_TRUE(thread.GetLastError().IsSuccess());
 }
 
-TEST(AlertableEventThreadTest, OnTimeoutIsCalledWhenNothingIsSignalled) {
-  CRecordingThread thread;
-  thread.SetTimeout(1);
-  ASSERT_TRUE(thread.Start().IsSuccess());
-  ASSERT_TRUE(thread.WaitFor("OnTimeout", 3));
-  ASSERT_TRUE(thread.Stop(true).IsSuccess());
-  EXPECT_EQ(thread.Count("OnEvent"), 0);
-}
-
 // With no time-out the thread can only leave its wait through the stop event: if Stop did not
 // wake it, WaitForStop would run into its (generous) safety limit.
 TEST(AlertableEventThreadTest, StopWakesABlockedThreadAtOnce) {
@@ -127,21 +118,6 @@ TEST(AlertableEventThreadTest, StopWakesABlockedThreadAtOnce) {
     EXPECT_EQ(thread.Calls(), (Calls{"OnStart", "OnStop", "OnCompletion"}));
     EXPECT_FALSE(pShared->IsSet());
   }
-}
-
-TEST(AlertableEventThreadTest, SharedManualEventWakesEveryThreadThatWaitsOnIt) {
-  auto pFolderAvailable = FXEvent::Create(FXEvent::EResetMode::Manual);
-  CRecordingThread first("first"), second("second");
-  first.SetEvent(pFolderAvailable);
-  second.SetEvent(pFolderAvailable);
-  // Each handles the event once and then ends, as a worker that finds the queue empty would.
-  first.m_strStopIn = second.m_strStopIn = "OnEvent";
-  ASSERT_TRUE(first.Start().IsSuccess());
-  ASSERT_TRUE(second.Start().IsSuccess());
-  pFolderAvailable->Set();
-  ASSERT_TRUE(first.WaitForStop(kSafetyMs).IsSuccess());
-  ASSERT_TRUE(second.WaitForStop(kSafetyMs).IsSuccess());
-  EXPECT_EQ(first.Count("OnEvent") + 10 * second.Count("OnEvent"), 11);
 }
 
 TEST(AlertableEventThreadTest, StartSynchronouslyReturnsAfterInternalStopFromAHook) {

@@ -224,9 +224,7 @@ TEST_P(FXFilePattern, NamesTheListedFolder) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, FXFilePattern,
-    ::testing::Values(SPatternRow{"/a/b", "/a/b"}, SPatternRow{"/a/b/", "/a/b"},
-                      SPatternRow{"/a/b/*", "/a/b"}, SPatternRow{"/a/b//", "/a/b"},
-                      SPatternRow{"/", "/"}, SPatternRow{"/*", "/"}, SPatternRow{"*", "."},
+    ::testing::Values(SPatternRow{"/a/b//", "/a/b"}, SPatternRow{"/*", "/"}, SPatternRow{"*", "."},
                       SPatternRow{"/a/*/", "/a/*"}, SPatternRow{"/a/b*", "/a/b*"}));
 
 // ---------------------------------------------------------------------------------------------
@@ -280,23 +278,19 @@ INSTANTIATE_TEST_SUITE_P(
     Table, FXFileFailure,
     ::testing::Values(
         SFailureRow{"list", "@/missing", "E2", kOpenFailed},
-        SFailureRow{"list", "@/no/such/folder", "E2", kOpenFailed},
         SFailureRow{"list", "", "E2", "Failed to open folder for listing: empty path"},
         SFailureRow{"list", std::string("@/a\0b", 5), "E22",
                     "Failed to open folder for listing: path holds a NUL byte, Path=@"},
         SFailureRow{"list", "@/" + std::string(PATH_MAX + 10, 'x'), "E36", kOpenFailed},
-        SFailureRow{"list", "@/" + std::string(NAME_MAX + 1, 'x'), "E36", kOpenFailed},
         SFailureRow{"list", "@/file", "E20", kOpenFailed},
-        SFailureRow{"list", "@/file/below", "E20", kOpenFailed},
         SFailureRow{"fopen w", "", "E2", "Failed to open file: empty path"},
         SFailureRow{"fopen w", std::string("@/f\0g", 5), "E22",
                     "Failed to open file: path holds a NUL byte, Path=@"},
         SFailureRow{"fopen ", "@/new", "E22", "Failed to open file: invalid mode [], Path=@"},
         SFailureRow{"fopen r", "@/missing", "E2", "Failed to open file, Path=@, Mode=r"},
         SFailureRow{"fopen w", "@/folder", "E21", "Failed to open file, Path=@, Mode=w"},
-        SFailureRow{"size", "@/image", "ok", ""}, SFailureRow{"size", "@/link", "ok", ""},
-        SFailureRow{"size", "/dev/null", "E15", kNotBlock},
-        SFailureRow{"size", "@", "E15", kNotBlock}, SFailureRow{"size", "@/pipe", "E15", kNotBlock},
+        SFailureRow{"size", "@/link", "ok", ""}, SFailureRow{"size", "/dev/null", "E15", kNotBlock},
+        SFailureRow{"size", "@/pipe", "E15", kNotBlock},
         SFailureRow{"size", "@/missing", "E2", "Failed to get device size: stat failed, Path=@"},
         SFailureRow{"size", "", "E2", "Failed to get device size: empty path"}),
     [](const ::testing::TestParamInfo<SFailureRow>& info) { return std::to_string(info.index); });
@@ -331,15 +325,15 @@ TEST(FXFileListing, PermissionFailuresSeenByAnUnprivilegedUser) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Folders deeper than PATH_MAX, listed by path and relative to their parent's descriptor.
+// Folders deeper than PATH_MAX, listed by path (the traversal suites list them relative to their
+// parent's descriptor).
 
-TEST(FXFileListing, FolderBeyondPathMaxIsListedRelativeToItsParent) {
+TEST(FXFileListing, FolderBeyondPathMaxIsListedPieceByPiece) {
   CTempTree tree;
   const std::string component(250, 'd');
   const std::vector<std::string> chain = MakeFolderChain(
       tree.Root(), PATH_MAX + 251, [&](int) { return component; }, "leaf", "abc");
   ASSERT_FALSE(chain.empty());
-  const int depth = static_cast<int>(chain.size());
   const std::string longPath = chain.back();
   ASSERT_GT(longPath.size(), static_cast<size_t>(PATH_MAX));
 
@@ -348,31 +342,6 @@ TEST(FXFileListing, FolderBeyondPathMaxIsListedRelativeToItsParent) {
   EXPECT_TRUE(direct.end.IsWin32(QiErrorCode::NoMoreFiles)) << direct.end.AsString();
   EXPECT_EQ(NamesOf(direct.records), std::set<std::string>{"leaf"});
 
-  // Descend handle by handle: each folder is opened relative to the one above.
-  FXFile::auto_find_handle handles[2];
-  CFileData record;
-  std::string path = tree.Root();
-  ASSERT_TRUE(FXFile::ZRFindFirstFile(handles[0], path, record).IsSuccess());
-  CQiError error;
-  for (int i = 0; i < depth; ++i) {
-    path += "/" + component;
-    error = FXFile::ZRFindFirstFileAt(handles[(i + 1) % 2], handles[i % 2].fd(), component, path,
-                                      record);
-    ASSERT_TRUE(error.IsSuccess()) << i << ": " << error.AsString();
-  }
-  std::vector<CFileData> records;
-  do {
-    records.push_back(record);
-  } while ((error = FXFile::ZRFindNextFile(handles[depth % 2], record)).IsSuccess());
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::NoMoreFiles));
-  EXPECT_EQ(NamesOf(records), std::set<std::string>{"leaf"});
-  const CFileData* leaf = FindRecord(records, "leaf");
-  ASSERT_NE(leaf, nullptr);
-  EXPECT_EQ(
-      std::make_tuple(leaf->getStatusState(), leaf->getSize(), leaf->isRegularFile(),
-                      leaf->getFullPath()),
-      std::make_tuple(int32_t(CFileData::kStatusValid), uint64_t(3), true, longPath + "/leaf"));
-
   // A record built from the long path cannot read its status by path.
   CFileData byPath(longPath + "/leaf", CFileData::kModeFullPath);
   EXPECT_FALSE(byPath.good());
@@ -380,10 +349,11 @@ TEST(FXFileListing, FolderBeyondPathMaxIsListedRelativeToItsParent) {
 
   // No parent descriptor: a clear error, no crash.
   FXFile::auto_find_handle closed;
-  error = FXFile::ZRFindFirstFileAt(closed, -1, component, path, record);
+  CFileData record;
+  CQiError error = FXFile::ZRFindFirstFileAt(closed, -1, component, longPath, record);
   EXPECT_TRUE(error.IsErrNo(EBADF));
   EXPECT_EQ(error.GetMessage(),
-            "Failed to open folder for listing: no parent folder open, Path=" + path);
+            "Failed to open folder for listing: no parent folder open, Path=" + longPath);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -404,11 +374,8 @@ TEST_P(FXFileDataSplit, FullPathModeSplitsParentAndName) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, FXFileDataSplit,
-                         ::testing::Values(SSplitRow{"/", "", "/"}, SSplitRow{"/a/b", "/a", "b"},
-                                           SSplitRow{"/a/b/", "/a", "b"}, SSplitRow{"/a", "/", "a"},
-                                           SSplitRow{"rel", "", "rel"},
-                                           SSplitRow{"/x/new\nline", "/x", "new\nline"},
-                                           SSplitRow{"", "", ""}));
+                         ::testing::Values(SSplitRow{"/", "", "/"}, SSplitRow{"/a/b/", "/a", "b"},
+                                           SSplitRow{"/a", "/", "a"}, SSplitRow{"rel", "", "rel"}));
 
 struct SByPathRow {
   std::string path;  // '@' stands for the tree's root
@@ -436,17 +403,16 @@ TEST_P(FXFileDataByPath, ReadsTheStatusWithoutFollowingLinks) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, FXFileDataByPath,
-                         ::testing::Values(SByPathRow{"/", 0}, SByPathRow{"/dev/null", 0},
-                                           SByPathRow{"@/link", 0}, SByPathRow{"@/missing", ENOENT},
+                         ::testing::Values(SByPathRow{"/dev/null", 0}, SByPathRow{"@/link", 0},
+                                           SByPathRow{"@/missing", ENOENT},
                                            SByPathRow{std::string("@/a\0b", 5), EINVAL},
                                            SByPathRow{"", ENOENT}),
                          [](const ::testing::TestParamInfo<SByPathRow>& info) {
                            return std::to_string(info.index);
                          });
 
-// The status is read once; a given stat is taken as valid in full-path mode only; copies of a
-// record are independent.
-TEST(FXFileData, StatusIsReadOnceAndCopiesAreIndependent) {
+// The status is read once; a given stat is taken as valid in full-path mode only.
+TEST(FXFileData, StatusIsReadOnceAndAGivenStatIsTaken) {
   CTempTree tree;
   const std::string path = tree.MakeFile("a", "1234");
   CFileData record(path, CFileData::kModeFullPath);
@@ -466,14 +432,6 @@ TEST(FXFileData, StatusIsReadOnceAndCopiesAreIndependent) {
             "/no/such/path/anywhere|");
   EXPECT_FALSE(parentMode.good());  // the empty name is what gets read
   EXPECT_EQ(parentMode.getLastError(), ENOENT);
-
-  SListing listing = ListFolder(tree.Root());
-  CFileData copy = *FindRecord(listing.records, "a");
-  copy.setParentDirectoryName("/elsewhere");
-  copy.setOffline(true);
-  EXPECT_EQ(FindRecord(listing.records, "a")->getParentDirectoryName(), tree.Root());
-  EXPECT_FALSE(FindRecord(listing.records, "a")->isOffline());
-  EXPECT_EQ(copy.getFullPath(), "/elsewhere/a");
 }
 
 TEST(FXFileFopen, OpensAnyByteNameCloseOnExec) {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <filesystem>
 #include <latch>
 #include <set>
 #include <sstream>
@@ -16,7 +15,6 @@
 #include "Platform/FilterTermTestString.h"
 #include "Platform/MemoryLineWriter.h"
 #include "Support/PlatformTestSupport.h"
-#include "Support/TempTree.h"
 
 namespace {
 
@@ -59,6 +57,12 @@ std::string Deep(int n) {
   return path;
 }
 
+std::string Repeat(const std::string& text, int count) {
+  std::string out;
+  while (count-- > 0) out += text;
+  return out;
+}
+
 struct SRow {
   const char* name;
   std::vector<SItem> items;
@@ -97,10 +101,8 @@ INSTANTIATE_TEST_SUITE_P(
              "e/data=1 e/data/x=1 e/=0 e/database=0"},
         SRow{"plain_ancestor_not_in", {{I, "/data/a"}}, "i/data=0"},
         SRow{"plain_root_item", {{I, "/"}}, "i/anything/x=1 i=0"},
-        SRow{"plain_item_trailing_delim", {{I, "/data/"}}, "i/data/x=1"},
         SRow{"plain_double_delims", {{I, "/data//a"}}, "i/data/a//b=1"},
         SRow{"plain_case_sensitive", {{I, "/Data"}}, "i/data/x=0"},
-        SRow{"plain_not_folded_by_wildcard_switch", {{I, "/Data"}}, "i/data/x=0", true},
         SRow{"plain_name_deep",
              {{I, "core"}},
              "i/a/core=1 i/a/cores=0 2/core/x=1 "
@@ -116,7 +118,6 @@ INSTANTIATE_TEST_SUITE_P(
         SRow{"question_not_slash", {{I, "/data?x"}}, "i/data/x=0"},
         SRow{"class", {{I, "/data/[ab].txt"}}, "i/data/b.txt=1"},
         SRow{"class_negated", {{I, "/data/[!ab].txt"}}, "i/data/c.txt=1"},
-        SRow{"class_caret", {{I, "/data/[^ab].txt"}}, "i/data/a.txt=0"},
         SRow{"class_range", {{I, "/data/[a-c]x"}}, "i/data/bx=1"},
         SRow{"class_named", {{I, "/data/[[:digit:]]*"}}, "i/data/7up=1"},
         SRow{"class_bracket_first", {{I, "/data/[]x]"}}, "i/data/]=1"},
@@ -130,7 +131,6 @@ INSTANTIATE_TEST_SUITE_P(
              "i/a/b/x.tmp=1 i/a/x.tmp/b=1 i/a/x.tmpl=0 "
              "1/a/b.tmp=1 2/a/b.tmp=0 2/a.tmp/b=1 p/any/where=1 "
              "e/a/x.tmp=1"},
-        SRow{"name_glob", {{I, "core.[0-9]*"}}, "i/var/core.123=1"},
         SRow{"exc_below", kDataTmp,
              "i/data/tmp/x=0 i/data/tmp=0 i/data/tmpx=1 1/data=1 "
              "2/data=0 1/data/x=0 2/data/x=1 3/data/tmp=1 7/data/tmp=0 "
@@ -142,7 +142,6 @@ INSTANTIATE_TEST_SUITE_P(
              "i/data/x.tmp=0 i/data/x.tmp/y=0 "
              "p/data/x.tmp=0 e/data/a=0"},
         SRow{"exc_plain_over_wild", {{I, "*.log"}, {E, "/var/keep"}}, "i/var/keep/a.log=0"},
-        SRow{"exc_only", {{E, "/data"}}, "i/data/x=0"},
         SRow{"exc_same_item", {{I, "/data"}, {E, "/data"}}, "i/data=0"},
         SRow{"exc_wild", kRootCache,
              "i/home/u/cache/f=0 p/home/u/cache=0 p/home/u=1 e/home=0 "
@@ -150,13 +149,11 @@ INSTANTIATE_TEST_SUITE_P(
         SRow{"fold_off", {{I, "/data/*.TXT"}}, "i/data/a.txt=0"},
         SRow{"fold_on", {{I, "/data/*.TXT"}}, "i/data/a.txt=1", true},
         SRow{"fold_on_literal_part", {{I, "/DATA/*.txt"}}, "i/data/a.txt=1", true},
-        SRow{"fold_name_suffix", {{I, "*.TMP"}}, "i/a/B.tmp=1", true},
         SRow{"fold_class_range", {{I, "/d/[A-C]x"}}, "i/d/bx=1", true},
         SRow{"fold_negated_class", {{I, "/d/[!a]x"}}, "i/d/Ax=0", true},
         SRow{"fold_exception", {{I, "/d"}, {E, "*.TMP"}}, "i/d/x.tmp=0", true},
         SRow{"fold_high_bytes_untouched", {{I, "/d/\xc3\x89*"}}, "i/d/\xc3\xa9t\xc3\xa9=0", true},
         SRow{"newline_plain", {{I, "/data/new\nline"}}, "i/data/new\nline/x=1"},
-        SRow{"newline_star", {{I, "/data/*\n*"}}, "i/data/a\nb=1"},
         SRow{"non_utf8_plain", {{I, "/data/\xff\xfe"}}, "i/data/\xff\xfe/x=1"},
         SRow{"non_utf8_class", {{I, "/data/[\x80-\xff]"}}, "i/data/\xc3=1"},
         SRow{"wild_self", {{I, "/d/*"}}, "1/d/x=1 2/d/x/y=1 2/d/x=0"},
@@ -170,17 +167,13 @@ INSTANTIATE_TEST_SUITE_P(
              "p/data/q=1 p/data=1 p/other=0 "
              "p/data/q/x/y=1 p/data/q/y=0"},
         SRow{"wild_partial_component", {{I, "/data/x*/y"}}, "p/data/xa=1 p/da=0"},
-        SRow{"wild_class_miss", {{I, "/data/[ab]*"}}, "p/data/c=0"},
         SRow{"starstar_anywhere_below", {{I, "/data/**/keep"}}, "p/data/a/b=1"},
-        SRow{"starstar_runs_on", {{I, "/data/**x"}}, "p/data/q=1"},
         SRow{"fold_on", {{I, "/DATA/*/x"}}, "p/data/q=1", true},
-        SRow{"fold_off", {{I, "/DATA/*/x"}}, "p/data/q=0"},
         SRow{"exc_wild_cannot_reach",
              {{I, "/data"}, {E, "/data/x*/y"}},
              "e/data/a=1 "
              "e/data/xa=0"},
         SRow{"fold_on", {{I, "/DATA/**"}}, "e/data/x=1", true},
-        SRow{"fold_off", {{I, "/DATA/**"}}, "e/data/x=0"},
         // Deeper than the inline levels; past 64 levels every depth shares one bit of the depth
         // mask, and lookups must still happen.
         SRow{"deep",
@@ -189,7 +182,10 @@ INSTANTIATE_TEST_SUITE_P(
                  Deep(30) + "=0 p" + Deep(31).substr(0, 50) + "=1 e" + Deep(40) + "=0"},
         SRow{"deeper",
              {{I, Deep(70)}},
-             "i" + Deep(80) + "=1 i" + Deep(70) + "=1 i" + Deep(69) + "=0"}),
+             "i" + Deep(80) + "=1 i" + Deep(70) + "=1 i" + Deep(69) + "=0"},
+        // Built to make a naive backtracking matcher explode.
+        SRow{"many_stars", {{I, Repeat("*a", 30) + "b"}}, "i" + std::string(60, 'a') + "=0"},
+        SRow{"many_starstars", {{I, Repeat("**a", 20) + "b"}}, "i" + Repeat("/aaaa", 30) + "=0"}),
     RowName<SRow>);
 
 // ---------------------------------------------------------------------------------------------
@@ -215,11 +211,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(SPrefixRow{"/data/x/*/y.txt", "*/data/x"}, SPrefixRow{"/data/x*/y", "*/data"},
                       SPrefixRow{"*.tmp", "*"}, SPrefixRow{"/*/a", "*/"}, SPrefixRow{"/[a]", "*/"},
                       SPrefixRow{"**/x", "*"}, SPrefixRow{"/data/**", "*/data"},
-                      SPrefixRow{"/a\\*b/*", "*/a*b"}, SPrefixRow{"/a/b\\?", "*/a/b?"},
-                      SPrefixRow{"/data//x/*/", "*/data/x"}, SPrefixRow{"/data/[ab]/x", "*/data"},
-                      SPrefixRow{"data/x/*", "*data/x"}, SPrefixRow{"/data/x", "/data/x"},
-                      SPrefixRow{"/data/x/", "/data/x"}, SPrefixRow{"/", "/"},
-                      SPrefixRow{"core", ""}));
+                      SPrefixRow{"/a\\*b/*", "*/a*b"}, SPrefixRow{"/data//x/*/", "*/data/x"},
+                      SPrefixRow{"data/x/*", "*data/x"}, SPrefixRow{"/data/x/", "/data/x"},
+                      SPrefixRow{"/", "/"}, SPrefixRow{"core", ""}));
 
 // ---------------------------------------------------------------------------------------------
 // Items that are refused, with their codes and messages.
@@ -250,12 +244,6 @@ TEST_P(FilterTermMalformed, Table) {
   EXPECT_TRUE(set.IsEmpty());
 }
 
-std::string Repeat(const std::string& text, int count) {
-  std::string out;
-  while (count-- > 0) out += text;
-  return out;
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Rows, FilterTermMalformed,
     ::testing::Values(
@@ -264,10 +252,6 @@ INSTANTIATE_TEST_SUITE_P(
                 "Filter item holds a NUL byte, Item=[/data/a\\x00b]"},
         SBadRow{"unterminated_class", "/data/[abc", 13,
                 "Unterminated character class at offset 6, Pattern=[/data/[abc]"},
-        SBadRow{"bracket_first_unterminated", "/data/[]", 13,
-                "Unterminated character class at offset 6, Pattern=[/data/[]]"},
-        SBadRow{"negated_unterminated", "/data/[!]", 13,
-                "Unterminated character class at offset 6, Pattern=[/data/[!]]"},
         SBadRow{"reversed_range", "/data/[z-a]x", 13,
                 "Reversed range in character class at offset 6, Pattern=[/data/[z-a]x]"},
         SBadRow{"unknown_named_class", "/data/[[:alhpa:]]", 13,
@@ -342,56 +326,6 @@ TEST(FilterSet, TermOptionsOverrideTheSetSwitch) {
   EXPECT_TRUE(set.IsIn(CFilterTermTestString("/var/a.LOG")));
 }
 
-// A term asked directly answers as a set holding only that term: the set keeps plain items in
-// hash tables and the term compares strings, two ways to the same answer.
-TEST(FilterTerm, AnswersAsASetHoldingIt) {
-  const std::vector<std::string> items = {"/",        "/data",   "/data/a/b", "core",
-                                          "data/x",   "/Da\\ta", "/data/*",   "*.tmp",
-                                          "/d*/**/b", "**/x",    "/data/?"};
-  const std::vector<std::string> paths = {
-      "/",        "/data",     "/data/a",     "/data/a/b/c", "/database", "/x/core", "/core/y",
-      "data/x/y", "/Da\\ta/z", "/data/f.tmp", "/dq/r/b/s",   "/q/x",      "/DATA/a"};
-  for (const std::string& item : items) {
-    for (BFilterTermOptions options :
-         {BFilterTermOptions::None, BFilterTermOptions::CaseInsensitive}) {
-      auto term = std::make_shared<CFilterTerm>(options);
-      ASSERT_TRUE(term->LoadRaw(item).IsSuccess());
-      CFilterSet set;
-      ASSERT_TRUE(set.AddFilterTerm(I, term).IsSuccess());
-      for (const std::string& path : paths) {
-        CFilterTermTestString test(path);
-        for (unsigned bits = 1; bits <= 3; ++bits)
-          EXPECT_EQ(term->Matches(test, bits), set.IsIn(test, bits))
-              << item << " " << path << " bits=" << bits;
-        EXPECT_EQ(term->CouldMatchAtOrBelow(test), set.IsMatchPossibleInFolder(test))
-            << item << " " << path;
-      }
-    }
-  }
-}
-
-// ---------------------------------------------------------------------------------------------
-// Test strings.
-
-TEST(FilterTermTestString, LevelsNamesAndLogForm) {
-  auto levels = [](const std::string& path) {
-    CFilterTermTestString test(path);
-    std::string out = test.GetString() + ":";
-    for (size_t i = 0; i < test.GetLevelCount(); ++i) {
-      out += " " + std::string(test.GetPrefix(i)) + "|" + std::string(test.GetName(i));
-      if (test.GetLevel(i).hash != FilterPathHash(test.GetPrefix(i))) out += "(bad hash)";
-    }
-    return out;
-  };
-  EXPECT_EQ(levels("/a//b/"), "/a/b: /| /a|a /a/b|b");
-  EXPECT_EQ(levels("a/bc"), "a/bc: a|a a/bc|bc");
-  EXPECT_EQ(levels("//"), "/: /|");
-  EXPECT_EQ(levels(""), ":");
-  EXPECT_EQ(CFilterTermTestString("/a//b/").GetStringWithLeadingBackslash(), "\\/a/b");
-  EXPECT_EQ(CFilterTermTestString("/d/new\nline\\x").GetStringWithLeadingBackslash(),
-            "\\/d/new\\nline\\\\x");
-}
-
 // ---------------------------------------------------------------------------------------------
 // Diagnostic dump.
 
@@ -461,60 +395,6 @@ TEST(FilterSet, ConcurrentReadersAgreeWithOneReader) {
     }
   });
   EXPECT_EQ(mismatches, std::vector<int>(8, 0));
-}
-
-// ---------------------------------------------------------------------------------------------
-// A real tree walked twice: once in full, once entering only folders where a match is possible.
-// Pruning must never lose an entry, and a folder said to be entirely in the set must be.
-
-// The paths below `folder` that are in the set, entering only folders where a match is possible
-// when bPrune; the folders said to be entirely in the set go to pEntire.
-std::set<std::string> Walk(const std::string& folder, const CFilterSet& set, bool bPrune,
-                           std::vector<std::string>* pEntire = nullptr) {
-  std::set<std::string> selected;
-  using Iterator = std::filesystem::recursive_directory_iterator;
-  for (Iterator it(folder); it != Iterator(); ++it) {
-    const std::string path = it->path().string();
-    CFilterTermTestString test(path);
-    if (set.IsIn(test)) selected.insert(path);
-    if (!it->is_directory()) continue;
-    if (pEntire != nullptr && set.IsMatchEntireFolder(test)) pEntire->push_back(path);
-    if (bPrune && !set.IsMatchPossibleInFolder(test)) it.disable_recursion_pending();
-  }
-  return selected;
-}
-
-TEST(FilterSet, PruningARealTreeLosesNothing) {
-  CTempTree tree;
-  const std::string r = tree.Root();
-  for (const char* f :
-       {"data/a/b/keep.txt", "data/a/b/c/deep.tmp", "data/a/x.tmp/inner", "data/ab/other.txt",
-        "data/tmp/t1", "data/tmp/sub/t2", "data/docs/r\xff\xfe.doc", "data/docs/new\nline.txt",
-        "home/u1/docs/a.txt", "home/u1/cache/c", "home/u2/docs/cache/d", "home/u2/music/m.mp3",
-        "var/log/x.log", "var/log/keep/y.log", "database/z"})
-    tree.MakeFile(f, "x");
-
-  const std::vector<std::vector<SItem>> sets = {
-      {{I, r + "/data/a/b"}},
-      {{I, r + "/data"}, {E, r + "/data/tmp"}, {E, "*.tmp"}},
-      {{I, r + "/home/*/docs"}, {E, "cache"}},
-      {{I, r + "/**/*.log"}, {E, r + "/var/log/keep"}},
-      {{I, r + "/data/[ad]*"}, {I, r + "/var"}},
-      {{I, "*.txt"}, {E, r + "/data/a"}},
-      {{I, r}, {E, r + "/home/*/cache"}, {E, r + "/data/docs/*\n*"}},
-  };
-  CFilterSetPtr everything = MakeSet({{I, "/"}});
-  for (size_t i = 0; i < sets.size(); ++i) {
-    CFilterSetPtr set = MakeSet(sets[i]);
-    std::vector<std::string> entire;
-    std::set<std::string> all = Walk(r, *set, false, &entire);
-    EXPECT_EQ(Walk(r, *set, true), all) << "set " << i;
-    EXPECT_FALSE(all.empty()) << "set " << i;
-    for (const std::string& folder : entire)
-      for (const std::string& path : Walk(folder, *everything, false))
-        EXPECT_TRUE(set->IsIn(CFilterTermTestString(path)))
-            << "set " << i << ": " << folder << " said entire, " << path << " not in";
-  }
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include "Platform/CaptureLogWriter.h"
 #include "Platform/FXFolder.h"
 #include "Platform/FXPath.h"
-#include "Platform/FXPathVolume.h"
 #include "Platform/MountPathInfo.h"
 #include "Platform/PrefixContentMapper.h"
 #include "Platform/SkipFS.h"
@@ -139,30 +138,6 @@ TEST(MountInfo, MissingSourceFileIsAnErrnoError) {
   EXPECT_TRUE(error.IsErrNo(ENOENT));
   EXPECT_EQ(error.GetMessage(), "Cannot open mount table, Path=" + tree.Path("nothing"));
   EXPECT_TRUE(FXFolder::ReadMountInfoFile("", volumes).IsWin32(QiErrorCode::InvalidParameter));
-}
-
-TEST(MountInfo, TheMachinesTableParsesAndHoldsTheRoot) {
-  CLogCapture log;
-  std::vector<SLogicalVolume> volumes;
-  ASSERT_TRUE(FXFolder::getLogicalVolumeList(volumes).IsSuccess());
-  EXPECT_EQ(log->CountContaining("Skipping malformed"), 0u);
-  std::vector<std::string> visible = MountPoints(FXFolder::FilterVisibleVolumes(volumes));
-  EXPECT_EQ(std::count(visible.begin(), visible.end(), "/"), 1);
-  std::string root, proc;
-  ASSERT_TRUE(MountPathInfo::GetVolumeName("/", root).IsSuccess());
-  ASSERT_TRUE(
-      FXPathVolume::ZRGetVolumeNameForVolumeMountPoint("/proc/self/status", proc).IsSuccess());
-  EXPECT_EQ(root + " " + proc, "/ /proc");
-  // The root's expansion leaves the pseudo file systems out.
-  std::vector<SContentEntry> entries;
-  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes("/", entries).IsSuccess());
-  ASSERT_FALSE(entries.empty());
-  EXPECT_EQ(entries[0].m_strLocalMountPath, "/");
-  for (const SContentEntry& e : entries)
-    EXPECT_FALSE(FXPath::IsAncestorOf("/proc", e.m_strLocalMountPath, true) ||
-                 e.m_strLocalMountPath == "/sys")
-        << e.m_strLocalMountPath;
-  EXPECT_EQ(Entries(entries).find("(content flag wrong)"), std::string::npos);
 }
 
 // ---- reachable mounts -----------------------------------------------------------------------

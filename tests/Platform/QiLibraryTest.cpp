@@ -83,14 +83,9 @@ TEST_F(QiLibraryFixture, LoadsByLogicalNameOrPathAndCallsExports) {
   int (*answer)() = nullptr;
   ASSERT_TRUE(library.Resolve("FsScanTestModuleAnswer", answer).IsSuccess());
   EXPECT_EQ(answer(), 42);
-  void* address = nullptr;
-  ASSERT_TRUE(library.GetProcAddress("FsScanTestModuleNextValue", address).IsSuccess());
-  EXPECT_NE(address, nullptr);
   // A name with a slash is loaded as a path: the logical-name search would find this first.
   m_tree.MakeFile("libFsScanTestModuleLacking.so", std::string(200, 'x'));
-  std::string path = kModuleDir + "/libFsScanTestModuleLacking.so";
-  ASSERT_TRUE(byPath.Load(path).IsSuccess());
-  EXPECT_EQ(byPath.GetPath(), path);
+  ASSERT_TRUE(byPath.Load(kModuleDir + "/libFsScanTestModuleLacking.so").IsSuccess());
   EXPECT_TRUE(byPath.Resolve("FsScanTestModuleAnswer", answer).IsSuccess());
 }
 
@@ -120,10 +115,7 @@ TEST_P(QiLibraryExportTable, ResolvesOrReportsTheMissingExport) {
 
 INSTANTIATE_TEST_SUITE_P(
     Exports, QiLibraryExportTable,
-    ::testing::Values(SExportCase{kModule, "FsScanTestModuleNextValue", "ok"},
-                      SExportCase{kLacking, "FsScanTestModuleAnswer", "ok"},
-                      SExportCase{kLacking, "FsScanTestModuleNextValue", "W1287"},
-                      SExportCase{kModule, "GetDatabaseObject", "W1287"},
+    ::testing::Values(SExportCase{kLacking, "FsScanTestModuleNextValue", "W1287"},
                       SExportCase{kModule, "fsscantestmoduleanswer", "W1287"},
                       SExportCase{kModule, "", "W87"},
                       SExportCase{kModule, std::string("FsScanTestModuleAnswer\0x", 24), "W87"}));
@@ -133,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
 // the library's own folder.
 struct SLoadFailureCase {
   const char* name;
-  const char* make;  // "f:<name>" a text file, "e:<name>" an empty file, "d:<name>" a folder
+  const char* make;  // "f:<name>" a text file, "d:<name>" a folder
   std::string load;
   const char* code;
   std::string message;
@@ -148,7 +140,6 @@ TEST_P(QiLibraryLoadFailureTable, FailsWithAClearError) {
   if (c.make[0] == 'f')
     m_tree.MakeFile(
         made, "This is a text file, not a shared object; the loader must refuse it clearly.\n");
-  if (c.make[0] == 'e') m_tree.MakeFile(made);
   if (c.make[0] == 'd') m_tree.MakeDir(made);
   auto expand = [&](const std::string& text) {
     std::string out = Expand(text, m_tree.Root());
@@ -182,9 +173,6 @@ INSTANTIATE_TEST_SUITE_P(
             "BrokenCopyHidesTheGoodOne", "f:libFsScanTestModule.so", "FsScanTestModule", "E8",
             "Library [FsScanTestModule] cannot be loaded from "
             "[@/libFsScanTestModule.so]: @/libFsScanTestModule.so: invalid ELF header"},
-        SLoadFailureCase{"EmptyFile", "e:libEmpty.so", "Empty", "E8",
-                         "Library [Empty] cannot be loaded from [@/libEmpty.so]: @/libEmpty.so: "
-                         "file too short"},
         // A folder that happens to carry the file name is not a candidate; the search goes on
         // and ends at the system loader.
         SLoadFailureCase{"FolderWithTheFileName", "d:libFolder.so", "Folder", "E2",
@@ -199,12 +187,7 @@ INSTANTIATE_TEST_SUITE_P(
         SLoadFailureCase{"NulByte", "", std::string("Zr\0DB", 5), "W87",
                          "Library name [Zr\\x00DB] contains a NUL byte"},
         SLoadFailureCase{"LongerThanPathMax", "", std::string(PATH_MAX, 'a'), "E36",
-                         "Library name is longer than PATH_MAX (4096 bytes)"},
-        // Bytes that are not UTF-8 are legal in file names: such a name is simply searched.
-        SLoadFailureCase{"NonUtf8Name", "", "Plug\xff\xfe", "E2",
-                         "Library [Plug\xff\xfe] not found: file [libPlug\xff\xfe.so] is in none "
-                         "of the folders [@, #] and the system loader failed: libPlug\xff\xfe" +
-                             std::string(kNoSuchFile)}),
+                         "Library name is longer than PATH_MAX (4096 bytes)"}),
     [](const ::testing::TestParamInfo<SLoadFailureCase>& info) { return info.param.name; });
 
 // An unload drops the module and its state; two objects share one mapping until the last

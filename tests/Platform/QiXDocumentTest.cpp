@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "Platform/FXErrorUtil.h"
@@ -45,37 +44,6 @@ CQiError WriteAs(char kind, CQiXNode& node, const std::string& text) {
   }
 }
 
-// The metadata blob of a scan-database record, formed and read back the way the record does.
-TEST(QiXDocument, MetadataBlobIsACompactSingleLineThatReadsBack) {
-  CQiXDocument document;
-  CQiXNode root, fs;
-  ASSERT_TRUE(document.CreateRootElement("Metadata", root).IsSuccess());
-  ASSERT_TRUE(root.AddChildElement("Filesystem", fs).IsSuccess());
-  ASSERT_TRUE(fs.SetAttributeInt("Attributes", 0100644).IsSuccess());
-  ASSERT_TRUE(fs.SetAttributeInt("Links", 2).IsSuccess());
-  ASSERT_TRUE(fs.SetAttributeInt64("FileSizeOnDisk", INT64_MAX).IsSuccess());
-  ASSERT_TRUE(fs.SetAttributeInt64("CreationTime", -86400).IsSuccess());
-  std::string text;
-  ASSERT_TRUE(document.SaveToString(text, 4 | 8).IsSuccess());
-  EXPECT_EQ(text,
-            "<Metadata><Filesystem Attributes=\"33188\" Links=\"2\" "
-            "FileSizeOnDisk=\"9223372036854775807\" CreationTime=\"-86400\"/></Metadata>");
-  CQiXDocument loaded;
-  ASSERT_TRUE(loaded.LoadFromString(text).IsSuccess());
-  ASSERT_TRUE(loaded.GetRootElement(root).IsSuccess());
-  EXPECT_EQ(root.GetName(), "Metadata");
-  ASSERT_TRUE(root.GetChildElement("Filesystem", fs).IsSuccess());
-  int32_t attributes = 0;
-  int64_t sizeOnDisk = 0, creationTime = 0;
-  ASSERT_TRUE(fs.GetAttributeInt("Attributes", attributes).IsSuccess());
-  ASSERT_TRUE(fs.GetAttributeInt64("FileSizeOnDisk", sizeOnDisk).IsSuccess());
-  ASSERT_TRUE(fs.GetAttributeInt64("CreationTime", creationTime).IsSuccess());
-  EXPECT_EQ(std::make_tuple(attributes, sizeOnDisk, creationTime),
-            std::make_tuple(0100644, INT64_MAX, int64_t{-86400}));
-  EXPECT_EQ(fs.GetAttributeNames(),
-            (std::vector<std::string>{"Attributes", "Links", "FileSizeOnDisk", "CreationTime"}));
-}
-
 // Each layout of the same small document, as exact text.
 struct SFormatCase {
   const char* name;
@@ -111,11 +79,6 @@ INSTANTIATE_TEST_SUITE_P(
         SFormatCase{"Raw", BQiXFormatRaw,
                     "<?xml version=\"1.0\"?><Metadata><Filesystem Links=\"1\"><Inner/>"
                     "</Filesystem></Metadata>"},
-        SFormatCase{
-            "NoDeclaration", BQiXFormatNoDeclaration,
-            "<Metadata>\n<Filesystem Links=\"1\">\n<Inner />\n</Filesystem>\n</Metadata>\n"},
-        SFormatCase{"Compact", 4 | 8,
-                    "<Metadata><Filesystem Links=\"1\"><Inner/></Filesystem></Metadata>"},
         SFormatCase{"RawWinsOverIndent", 1 | 4 | 8,
                     "<Metadata><Filesystem Links=\"1\"><Inner/></Filesystem></Metadata>"},
         SFormatCase{"Bom", BQiXFormatWriteBom | BQiXFormatCompact,
@@ -150,14 +113,8 @@ INSTANTIATE_TEST_SUITE_P(
     Malformed, QiXMalformedTable,
     ::testing::Values(
         SMalformedCase{"Empty", "", "Malformed XML at offset 0: No document element found"},
-        SMalformedCase{"PlainText", "Metadata",
-                       "Malformed XML at offset 8: No document element found"},
-        SMalformedCase{"CommentOnly", "<!-- x -->",
-                       "Malformed XML at offset 10: No document element found"},
         SMalformedCase{"Unclosed", "<Metadata><Filesystem Links=\"1\" />",
                        "Malformed XML at offset 33: Start-end tags mismatch"},
-        SMalformedCase{"Mismatched", "<a></b>",
-                       "Malformed XML at offset 5: Start-end tags mismatch"},
         SMalformedCase{"UnquotedAttribute", "<a x=1/>",
                        "Malformed XML at offset 5: Error parsing element attribute"},
         SMalformedCase{"TwoRoots", "<a/><b/>", "Malformed XML: more than one root element"},
@@ -215,17 +172,11 @@ TEST_P(QiXReadTable, ReadsOrRefusesAndRoundTrips) {
 INSTANTIATE_TEST_SUITE_P(
     Reads, QiXReadTable,
     ::testing::Values(
-        SReadRow{"5", 'i', "ok"}, SReadRow{"1099511627776", 'l', "ok"},
-        SReadRow{"-1099511627776", 'l', "ok"}, SReadRow{"-9223372036854775808", 'l', "ok"},
-        SReadRow{"9223372036854775807", 'l', "ok"}, SReadRow{"18446744073709551615", 'L', "ok"},
-        SReadRow{"9223372036854775808", 'L', "ok"}, SReadRow{"-2147483648", 'i', "ok"},
-        SReadRow{"0", 'i', "ok"}, SReadRow{"4294967295", 'u', "ok"},
-        SReadRow{nullptr, 'i', "W1168"}, SReadRow{nullptr, 'L', "W1168"},
-        SReadRow{"many", 'i', "W13"}, SReadRow{"", 'l', "W13"}, SReadRow{"12abc", 'l', "W13"},
-        SReadRow{" 12", 'i', "W13"}, SReadRow{"+12", 'i', "W13"}, SReadRow{"0x10", 'u', "W13"},
-        SReadRow{"-1", 'L', "W13"}, SReadRow{"2147483648", 'i', "W13"},
-        SReadRow{"4294967296", 'u', "W13"}, SReadRow{"9223372036854775808", 'l', "W13"},
-        SReadRow{"1.5", 'L', "W13"}));
+        SReadRow{"-9223372036854775808", 'l', "ok"}, SReadRow{"18446744073709551615", 'L', "ok"},
+        SReadRow{"-2147483648", 'i', "ok"}, SReadRow{"4294967295", 'u', "ok"},
+        SReadRow{nullptr, 'i', "W1168"}, SReadRow{"", 'l', "W13"}, SReadRow{" 12", 'i', "W13"},
+        SReadRow{"+12", 'i', "W13"}, SReadRow{"-1", 'L', "W13"}, SReadRow{"2147483648", 'i', "W13"},
+        SReadRow{"4294967296", 'u', "W13"}, SReadRow{"9223372036854775808", 'l', "W13"}));
 
 // Names and values that would make the saved text malformed are refused up front.
 struct SRefusedCase {
@@ -271,24 +222,16 @@ INSTANTIATE_TEST_SUITE_P(
                      "Invalid XML name [1st]: character at offset 0 is not allowed"},
         SRefusedCase{"Blank", "File system", "v",
                      "Invalid XML name [File system]: character at offset 4 is not allowed"},
-        SRefusedCase{"Angle", "a<b", "v",
-                     "Invalid XML name [a<b]: character at offset 1 is not allowed"},
         SRefusedCase{"NulInName", std::string("a\0b", 3), "v",
                      "Invalid XML name [a\\x00b]: character at offset 1 is not allowed"},
-        SRefusedCase{"BadUtf8Name", "a\xff", "v",
-                     "Invalid XML name [a\xff]: character at offset 1 is not allowed"},
         SRefusedCase{"BadUtf8Value", "E", "caf\xe9", "XML text is not valid UTF-8 at offset 3"},
-        SRefusedCase{"OverlongValue", "E", "\xc0\xaf", "XML text is not valid UTF-8 at offset 0"},
         SRefusedCase{"SurrogateValue", "E", "\xed\xa0\x80",
                      "XML text is not valid UTF-8 at offset 0"},
         SRefusedCase{"ControlValue", "E", "a\x01",
                      "XML text cannot hold control character 0x01 at offset 1"},
-        SRefusedCase{"NulValue", "E", std::string("a\0", 2),
-                     "XML text cannot hold control character 0x00 at offset 1"},
-        SRefusedCase{"SpecialCharacters", "E", "<&>\"' \t\n\r end", nullptr},
         SRefusedCase{"Utf8Everywhere", "Dat\xc3\xa9i-1.x:y",
                      "/d\xc3\xa9j\xc3\xa0/\xe2\x82\xac/\xf0\x9f\x93\x81", nullptr},
-        SRefusedCase{"EmptyValue", "E", "", nullptr}),
+        SRefusedCase{"SpecialCharacters", "E", "<&>\"' \t\n\r end", nullptr}),
     [](const ::testing::TestParamInfo<SRefusedCase>& info) { return info.param.name; });
 
 TEST(QiXDocument, ChildrenComeInDocumentOrderAndTextIsSkipped) {

@@ -10,56 +10,12 @@
 
 #include "Platform/BackgroundWriter.h"
 #include "Platform/SortRunReader.h"
-#include "Platform/SortRunWriter.h"
 #include "Support/FileText.h"
 #include "Support/TempTree.h"
 
 namespace {
 
-// Writes the lines as a run, then reads them back through a reader with the given buffer.
-std::vector<std::string> RoundTrip(const std::vector<std::string>& lines, bool background,
-                                   size_t readerBuffer, uint64_t& bytes) {
-  CTempTree tree;
-  std::string path = tree.Path("run");
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  EXPECT_GE(fd, 0);
-  {
-    CSortRunWriter writer(fd, path, 64, background);  // tiny buffer: many hand-overs
-    for (const std::string& line : lines) EXPECT_TRUE(writer.AddLine(line.data(), line.size()).IsSuccess());
-    EXPECT_TRUE(writer.Flush().IsSuccess());
-    bytes = writer.GetBytes();
-  }
-  std::vector<std::string> back;
-  CSortRunReader reader(fd, bytes, path, readerBuffer);
-  for (;;) {
-    const char* data = nullptr;
-    size_t length = 0;
-    bool have = false;
-    CQiError error = reader.Next(data, length, have);
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-    if (error.IsError() || !have) break;
-    back.emplace_back(data, length);
-  }
-  close(fd);
-  return back;
-}
-
-TEST(SortRun, LinesComeBackAsWrittenAndSharedPrefixesShrinkTheRun) {
-  std::vector<std::string> lines = {"", "", std::string("\0", 1), std::string("\0\0x", 3), "a",
-                                    "a\r", std::string(5000, 'b'), std::string(5000, 'b') + "c",
-                                    "d\xff"};
-  for (int i = 0; i < 300; ++i) lines.push_back("/data/projects/one/folder/file_" + std::to_string(1000 + i));
-  for (bool background : {false, true}) {
-    for (size_t buffer : {size_t{64}, size_t{1} << 20}) {
-      uint64_t bytes = 0;
-      EXPECT_EQ(RoundTrip(lines, background, buffer, bytes), lines);
-      size_t plain = 0;
-      for (const std::string& line : lines) plain += line.size() + 1;
-      EXPECT_LT(bytes, plain / 2);
-    }
-  }
-}
-
+// Runs written and read back in full are compared with coreutils sort by the BatchSort suite.
 TEST(SortRun, DamagedRunsAreReportedAsIoErrors) {
   CTempTree tree;
   struct SDamage {

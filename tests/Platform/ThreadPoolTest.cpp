@@ -70,7 +70,7 @@ TEST_P(ThreadPoolConcurrency, FacadeInitializationRunsNJobsAtOnce) {
 }
 
 // 250: more media than jobs may wait, all queued before any thread has taken one.
-INSTANTIATE_TEST_SUITE_P(Table, ThreadPoolConcurrency, ::testing::Values(1, 2, 3, 8, 250));
+INSTANTIATE_TEST_SUITE_P(Table, ThreadPoolConcurrency, ::testing::Values(3, 250));
 
 TEST_F(ThreadPoolTest, PoolGrowsUpToItsMaximumWhenEveryThreadIsBusy) {
   ZrThreadPool pool;
@@ -185,8 +185,7 @@ TEST_P(ThreadPoolBadArguments, InitializeRefusesThem) {
 
 INSTANTIATE_TEST_SUITE_P(Table, ThreadPoolBadArguments,
                          ::testing::Values(InitRow{0, 1, 2, 1}, InitRow{200, 3, 2, 2},
-                                           InitRow{200, 0, 0, 0}, InitRow{200, -1, 2, 1},
-                                           InitRow{200, 1, 2, -1}));
+                                           InitRow{200, 0, 0, 0}, InitRow{200, 1, 2, -1}));
 
 TEST_F(ThreadPoolTest, JobBeyondTheQueueLimitIsRefused) {
   ZrThreadPool pool;
