@@ -60,11 +60,9 @@ TEST_P(BagRead, TypedValuesRoundTripOrKeepTheDefault) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, BagRead,
-    ::testing::Values(SRow{'b', 'b', "ok 1"}, SRow{'i', 'i', "ok -5"}, SRow{'u', 'u', "ok 7"},
-                      SRow{'l', 'l', "ok -1099511627776"}, SRow{'L', 'L', "ok 9223372036854775808"},
-                      SRow{'s', 's', "ok text"}, SRow{'-', 'L', "W1168 9"}, SRow{'b', 'i', "W13 9"},
-                      SRow{'i', 'b', "W13 0"}, SRow{'u', 'i', "W13 9"}, SRow{'i', 'L', "W13 9"},
-                      SRow{'s', 'b', "W13 0"}, SRow{'i', 's', "W13 d"}));
+    ::testing::Values(SRow{'u', 'u', "ok 7"}, SRow{'l', 'l', "ok -1099511627776"},
+                      SRow{'L', 'L', "ok 9223372036854775808"}, SRow{'-', 'L', "W1168 9"},
+                      SRow{'i', 'b', "W13 0"}, SRow{'i', 's', "W13 d"}));
 
 TEST(Bag, ReadAnyReturnsTheStoredValueAndWriteReplaces) {
   CBag bag;

@@ -69,7 +69,6 @@ std::string PathLines(size_t count, uint32_t seed) {
 
 std::string MakeEmpty() { return ""; }
 std::string MakeOneLineNoFeed() { return "only line"; }
-std::string MakeNoFinalFeed() { return "pear\napple\nfig\napple"; }
 std::string MakePrefixesAndNul() {
   return Join({std::string("a\0", 2), "a", std::string("a\0\0", 3), "ab", "", std::string("\0", 1),
                "a\x01", "\xff", std::string("a\0b", 3), "a", "", "\x7f", "\x80"});
@@ -88,7 +87,6 @@ std::string MakeTinyAlphabet() {
                                  4),
                      12);
 }
-std::string MakeDuplicates() { return RandomLines(10000, 5, "0123456789", 1, "value-"); }
 std::string MakePaths() { return PathLines(40000, 3); }
 std::string MakeManyPaths() { return PathLines(150000, 4); }
 std::string MakeLongLines() {
@@ -158,7 +156,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         SSortCase{"Empty", MakeEmpty, 0, 0, 0, false, false},
         SSortCase{"OneLineWithoutLineFeed", MakeOneLineNoFeed, 0, 0, 0, false, false},
-        SSortCase{"LastLineWithoutLineFeed", MakeNoFinalFeed, 0, 0, 0, false, false},
         SSortCase{"PrefixesAndNulBytes", MakePrefixesAndNul, 0, 0, 0, false, false},
         SSortCase{"AllBytesButLineFeed", MakeAllBytes, 0, 0, 0, false, false},
         SSortCase{"SharedLongPrefixes", MakeSharedLongPrefixes, 0, 0, 0, false, false},
@@ -167,7 +164,6 @@ INSTANTIATE_TEST_SUITE_P(
         SSortCase{"PathsInMemoryTwoThreads", MakeManyPaths, 0, 0, 2, false, false},
         SSortCase{"PathsMultiPassFanInThree", MakePaths, kSmall, 3, 2, true, true},
         SSortCase{"SharedLongPrefixesInRuns", MakeSharedLongPrefixes, kSmall, 4, 0, true, true},
-        SSortCase{"DuplicatesInRuns", MakeDuplicates, kSmall, 1000, 0, true, false},
         SSortCase{"LinesLongerThanTheMemoryBound", MakeLongLines, kSmall, 1000, 0, true, false},
         SSortCase{"PathsManyRunsTwoThreads", MakeManyPaths, size_t{1} << 20, 0, 2, true, false}),
     [](const ::testing::TestParamInfo<SSortCase>& info) { return info.param.name; });

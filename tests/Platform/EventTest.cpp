@@ -52,48 +52,6 @@ INSTANTIATE_TEST_SUITE_P(
         SScriptRow{EMode::Auto, true, "ww?", "100"}, SScriptRow{EMode::Auto, false, "SSww", "10"},
         SScriptRow{EMode::Auto, false, "t", "0"}, SScriptRow{EMode::Auto, false, "SW", "1"}));
 
-TEST(EventTest, ManualEventReleasesEveryWaiter) {
-  constexpr int kWaiters = 6;
-  FXEvent event(EMode::Manual);
-  std::atomic<int> iPassed{0};
-  std::vector<std::thread> lstThreads;
-  for (int i = 0; i < kWaiters; ++i)
-    lstThreads.emplace_back([&] {
-      if (event.Wait(kSafetyMs) == EWait::Signalled) ++iPassed;
-    });
-  event.Set();
-  for (auto& t : lstThreads) t.join();
-  EXPECT_EQ(iPassed.load(), kWaiters);
-  EXPECT_TRUE(event.IsSet());
-}
-
-TEST(EventTest, AutoEventReleasesOneWaiterPerSet) {
-  constexpr int kWaiters = 5;
-  FXEvent event(EMode::Auto);
-  std::mutex mutex;
-  std::condition_variable cv;
-  int iPassed = 0;
-  std::vector<std::thread> lstThreads;
-  for (int i = 0; i < kWaiters; ++i)
-    lstThreads.emplace_back([&] {
-      if (event.Wait(kSafetyMs) != EWait::Signalled) return;
-      std::lock_guard<std::mutex> lock(mutex);
-      ++iPassed;
-      cv.notify_all();
-    });
-  for (int iSet = 1; iSet <= kWaiters; ++iSet) {
-    event.Set();
-    std::unique_lock<std::mutex> lock(mutex);
-    ASSERT_TRUE(
-        cv.wait_for(lock, std::chrono::milliseconds(kSafetyMs), [&] { return iPassed >= iSet; }));
-    // The one signal was consumed by exactly one waiter.
-    EXPECT_EQ(iPassed, iSet);
-    EXPECT_FALSE(event.IsSet());
-  }
-  for (auto& t : lstThreads) t.join();
-  EXPECT_EQ(iPassed, kWaiters);
-}
-
 struct WaitAnyRow {
   std::vector<int> lstSet;  // indexes of the events set before the wait
   int iExpected;
@@ -116,23 +74,6 @@ INSTANTIATE_TEST_SUITE_P(Table, EventWaitAny,
                          ::testing::Values(WaitAnyRow{{}, FXEvent::kWaitTimedOut},
                                            WaitAnyRow{{2}, 2}, WaitAnyRow{{1, 2}, 1},
                                            WaitAnyRow{{0, 1, 2}, 0}, WaitAnyRow{{2, 0}, 0}));
-
-TEST(EventTest, WaitAnyWakesWhenAnyEventIsSetLaterAndIgnoresNullEntries) {
-  for (int iTarget = 0; iTarget < 3; ++iTarget) {
-    FXEvent a(EMode::Auto), b(EMode::Manual), c(EMode::Auto);
-    FXEvent* events[] = {&a, &b, &c};
-    int iResult = -2;
-    std::thread waiter([&] { iResult = FXEvent::WaitAny({&a, &b, &c}, kSafetyMs); });
-    events[iTarget]->Set();
-    waiter.join();
-    EXPECT_EQ(iResult, iTarget);
-  }
-  FXEvent a(EMode::Auto);
-  EXPECT_EQ(FXEvent::WaitAny({nullptr, &a}, 10), FXEvent::kWaitTimedOut);
-  a.Set();
-  EXPECT_EQ(FXEvent::WaitAny({nullptr, &a}, 10), 1);
-  EXPECT_EQ(FXEvent::WaitAny(std::span<FXEvent* const>(), 5), FXEvent::kWaitTimedOut);
-}
 
 // Many producers and consumers on shared auto events: every signal taken is counted once, and
 // no consumer is left asleep once the producers are done (run under ThreadSanitizer).

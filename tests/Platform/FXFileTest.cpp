@@ -129,60 +129,6 @@ TEST(FXFileListing, ListsEveryKindAndNameAsBytesWithLstatData) {
   }
 }
 
-TEST(FXFileListing, FolderLargerThanOneBufferIsListedCompletely) {
-  CTempTree tree;
-  std::set<std::string> created;
-  for (int i = 0; i < 3000; ++i)
-    created.insert(tree.MakeFile(FXString::Format("entry-with-a-rather-long-name-%05d", i))
-                       .substr(tree.Root().size() + 1));
-  SListing listing = ListFolder(tree.Root());
-  EXPECT_TRUE(listing.end.IsWin32(QiErrorCode::NoMoreFiles)) << listing.end.AsString();
-  EXPECT_EQ(listing.records.size(), created.size() + 2);
-  EXPECT_EQ(NamesOf(listing.records), created);
-}
-
-// Entries removed after the kernel listed them come back not good with ENOENT; with the
-// no-status option nothing is read until the record is asked.
-TEST(FXFileListing, StatusOfRemovedEntriesAndTheNoStatusOption) {
-  CTempTree tree;
-  std::vector<std::string> paths;
-  for (int i = 0; i < 5; ++i) paths.push_back(tree.MakeFile(FXString::Format("file%d", i), "12"));
-  SListing lazy = ListFolder(tree.Root(), FXFile::kFindOptionNoStatus);
-  FXFile::auto_find_handle handle;
-  CFileData record;
-  ASSERT_TRUE(FXFile::ZRFindFirstFile(handle, tree.Root(), record).IsSuccess());
-  // The kernel has handed over every entry already; remove all files but file0 before they are
-  // returned.
-  const std::string first = record.getFileNameAsString();
-  for (size_t i = 1; i < paths.size(); ++i) ASSERT_EQ(unlink(paths[i].c_str()), 0);
-  int removed = 0;
-  CQiError error;
-  while ((error = FXFile::ZRFindNextFile(handle, record)).IsSuccess()) {
-    if (record.isRelativeFolder() || record.getFileNameAsString() == "file0") {
-      EXPECT_TRUE(record.good());
-      continue;
-    }
-    ++removed;
-    EXPECT_EQ(std::make_tuple(record.getStatusState(), record.good(), record.getLastError(),
-                              record.getAttributes(), record.getSize()),
-              std::make_tuple(int32_t(CFileData::kStatusFailed), false, ENOENT,
-                              CFileData::kAttributesUnknown, uint64_t(0)));
-  }
-  EXPECT_TRUE(error.IsWin32(QiErrorCode::NoMoreFiles)) << error.AsString();
-  EXPECT_EQ(removed, first.rfind("file", 0) == 0 && first != "file0" ? 3 : 4);
-
-  ASSERT_EQ(lazy.records.size(), 7u);
-  for (const CFileData& r : lazy.records) {
-    EXPECT_EQ(r.getStatusState(), CFileData::kStatusNotRead);
-    EXPECT_EQ(r.getAttributes(), CFileData::kAttributesUnknown);
-  }
-  CFileData kept = *FindRecord(lazy.records, "file0"), gone = *FindRecord(lazy.records, "file1");
-  EXPECT_TRUE(kept.good());
-  EXPECT_EQ(Facts(kept), LstatFacts(paths[0]));
-  EXPECT_FALSE(gone.good());
-  EXPECT_EQ(gone.getLastError(), ENOENT);
-}
-
 TEST(FXFileListing, OneHandleListsFolderAfterFolderAndItsEndStays) {
   CTempTree tree;
   for (int i = 0; i < 200; ++i) tree.MakeFile(FXString::Format("a/first-folder-entry-%03d", i));
@@ -295,52 +241,45 @@ INSTANTIATE_TEST_SUITE_P(
         SFailureRow{"size", "", "E2", "Failed to get device size: empty path"}),
     [](const ::testing::TestParamInfo<SFailureRow>& info) { return std::to_string(info.index); });
 
-// An unreadable folder fails to open with EACCES; the entries of a readable folder that cannot
-// be searched are listed, each with state -1 and EACCES.
-TEST(FXFileListing, PermissionFailuresSeenByAnUnprivilegedUser) {
-  CTempTree tree;
-  tree.MakeFile("locked/secret");
-  tree.MakeFile("readonly/one");
-  tree.MakeFile("readonly/two");
-  const std::string locked = tree.MakeDir("locked", 0700);
-  const std::string readonly = tree.MakeDir("readonly", 0744);
-  EXPECT_EQ(RunAsNobody([&]() -> int {
-              FXFile::auto_find_handle handle;
-              CFileData record;
-              CQiError error = FXFile::ZRFindFirstFile(handle, locked, record);
-              if (!error.IsErrNo(EACCES) || error.GetMessage() != Expand(kOpenFailed, locked))
-                return 1;
-              int files = 0;
-              for (error = FXFile::ZRFindFirstFile(handle, readonly, record); error.IsSuccess();
-                   error = FXFile::ZRFindNextFile(handle, record)) {
-                if (record.isRelativeFolder()) continue;
-                ++files;
-                if (record.getStatusState() != CFileData::kStatusFailed) return 3;
-                if (record.getLastError() != EACCES) return 4;
-              }
-              if (!error.IsWin32(QiErrorCode::NoMoreFiles)) return 5;
-              return files == 2 ? 0 : 6;
-            }),
-            0);
-}
-
 // ---------------------------------------------------------------------------------------------
-// Folders deeper than PATH_MAX, listed by path (the traversal suites list them relative to their
-// parent's descriptor).
+// Folders deeper than PATH_MAX, listed by path and relative to their parent's descriptor.
 
-TEST(FXFileListing, FolderBeyondPathMaxIsListedPieceByPiece) {
+TEST(FXFileListing, FolderBeyondPathMaxIsListedRelativeToItsParent) {
   CTempTree tree;
   const std::string component(250, 'd');
-  const std::vector<std::string> chain = MakeFolderChain(
-      tree.Root(), PATH_MAX + 251, [&](int) { return component; }, "leaf", "abc");
-  ASSERT_FALSE(chain.empty());
-  const std::string longPath = chain.back();
-  ASSERT_GT(longPath.size(), static_cast<size_t>(PATH_MAX));
+  // Folders `component` in a chain until the path passes PATH_MAX, made relative to
+  // descriptors; the file "leaf" in the last.
+  std::string longPath = tree.Root();
+  int fd = open(longPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  for (; fd >= 0 && longPath.size() <= PATH_MAX; longPath += "/" + component) {
+    const int next = mkdirat(fd, component.c_str(), 0755) == 0
+                         ? openat(fd, component.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                         : -1;
+    close(fd);
+    fd = next;
+  }
+  const int leaf = fd >= 0 ? openat(fd, "leaf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644) : -1;
+  ASSERT_TRUE(leaf >= 0 && write(leaf, "abc", 3) == 3);
+  close(leaf);
+  close(fd);
+  const std::string parentPath = longPath.substr(0, longPath.size() - component.size() - 1);
 
   // By its full path the folder is opened piece by piece, each piece shorter than PATH_MAX.
   SListing direct = ListFolder(longPath);
   EXPECT_TRUE(direct.end.IsWin32(QiErrorCode::NoMoreFiles)) << direct.end.AsString();
   EXPECT_EQ(NamesOf(direct.records), std::set<std::string>{"leaf"});
+
+  // The same folder opened relative to its parent's descriptor.
+  FXFile::auto_find_handle parent, child;
+  CFileData record;
+  ASSERT_TRUE(FXFile::ZRFindFirstFile(parent, parentPath, record).IsSuccess());
+  SListing relative;
+  CQiError error = FXFile::ZRFindFirstFileAt(child, parent.fd(), component, longPath, record);
+  for (; error.IsSuccess(); error = FXFile::ZRFindNextFile(child, record))
+    relative.records.push_back(record);
+  EXPECT_TRUE(error.IsWin32(QiErrorCode::NoMoreFiles)) << error.AsString();
+  EXPECT_EQ(NamesOf(relative.records), std::set<std::string>{"leaf"});
+  EXPECT_EQ(FindRecord(relative.records, "leaf")->getFullPath(), longPath + "/leaf");
 
   // A record built from the long path cannot read its status by path.
   CFileData byPath(longPath + "/leaf", CFileData::kModeFullPath);
@@ -349,69 +288,14 @@ TEST(FXFileListing, FolderBeyondPathMaxIsListedPieceByPiece) {
 
   // No parent descriptor: a clear error, no crash.
   FXFile::auto_find_handle closed;
-  CFileData record;
-  CQiError error = FXFile::ZRFindFirstFileAt(closed, -1, component, longPath, record);
+  error = FXFile::ZRFindFirstFileAt(closed, -1, component, longPath, record);
   EXPECT_TRUE(error.IsErrNo(EBADF));
   EXPECT_EQ(error.GetMessage(),
             "Failed to open folder for listing: no parent folder open, Path=" + longPath);
 }
 
 // ---------------------------------------------------------------------------------------------
-// Records built from a path.
-
-struct SSplitRow {
-  const char* path;
-  const char* parent;
-  const char* name;
-};
-class FXFileDataSplit : public ::testing::TestWithParam<SSplitRow> {};
-
-TEST_P(FXFileDataSplit, FullPathModeSplitsParentAndName) {
-  CFileData record(GetParam().path, CFileData::kModeFullPath);
-  EXPECT_EQ(record.getParentDirectoryName(), GetParam().parent);
-  EXPECT_EQ(record.getFileNameAsString(), GetParam().name);
-  EXPECT_EQ(record.getStatusState(), CFileData::kStatusNotRead);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, FXFileDataSplit,
-                         ::testing::Values(SSplitRow{"/", "", "/"}, SSplitRow{"/a/b/", "/a", "b"},
-                                           SSplitRow{"/a", "/", "a"}, SSplitRow{"rel", "", "rel"}));
-
-struct SByPathRow {
-  std::string path;  // '@' stands for the tree's root
-  int err;           // 0: good, with the data of lstat
-};
-class FXFileDataByPath : public ::testing::TestWithParam<SByPathRow> {};
-
-TEST_P(FXFileDataByPath, ReadsTheStatusWithoutFollowingLinks) {
-  CTempTree tree;
-  tree.MakeDir("target");
-  tree.MakeSymlink("link", "target");
-  const std::string path = Expand(GetParam().path, tree.Root());
-  CFileData record(path, CFileData::kModeFullPath);
-  EXPECT_EQ(record.getAttributes(), CFileData::kAttributesUnknown);
-  EXPECT_EQ(record.good(), GetParam().err == 0);
-  if (GetParam().err == 0) {
-    EXPECT_EQ(Facts(record), LstatFacts(path));
-    return;
-  }
-  EXPECT_EQ(record.getStatusState(), CFileData::kStatusFailed);
-  EXPECT_EQ(record.getLastError(), GetParam().err);
-  EXPECT_EQ(std::make_tuple(record.getAttributes(), record.getSize(), record.isDirectory(),
-                            record.getLastWriteTime()),
-            std::make_tuple(CFileData::kAttributesUnknown, uint64_t(0), false, CTimeStamp()));
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, FXFileDataByPath,
-                         ::testing::Values(SByPathRow{"/dev/null", 0}, SByPathRow{"@/link", 0},
-                                           SByPathRow{"@/missing", ENOENT},
-                                           SByPathRow{std::string("@/a\0b", 5), EINVAL},
-                                           SByPathRow{"", ENOENT}),
-                         [](const ::testing::TestParamInfo<SByPathRow>& info) {
-                           return std::to_string(info.index);
-                         });
-
-// The status is read once; a given stat is taken as valid in full-path mode only.
+// Records built from a path: the status is read once; a given stat is taken as valid in full-path mode only.
 TEST(FXFileData, StatusIsReadOnceAndAGivenStatIsTaken) {
   CTempTree tree;
   const std::string path = tree.MakeFile("a", "1234");
@@ -420,6 +304,9 @@ TEST(FXFileData, StatusIsReadOnceAndAGivenStatIsTaken) {
   std::ofstream(path, std::ios::app) << "more";
   EXPECT_TRUE(record.good());
   EXPECT_EQ(record.getSize(), 4u);
+  record.setParentDirectoryName("/elsewhere");
+  record.setOffline(true);
+  EXPECT_EQ(record.getFullPath() + (record.isOffline() ? " offline" : ""), "/elsewhere/a offline");
 
   struct stat st {};
   st.st_mode = S_IFREG | 0600;
@@ -432,50 +319,4 @@ TEST(FXFileData, StatusIsReadOnceAndAGivenStatIsTaken) {
             "/no/such/path/anywhere|");
   EXPECT_FALSE(parentMode.good());  // the empty name is what gets read
   EXPECT_EQ(parentMode.getLastError(), ENOENT);
-}
-
-TEST(FXFileFopen, OpensAnyByteNameCloseOnExec) {
-  CTempTree tree;
-  const std::string path = tree.Path("out\xff\nname");
-  for (const char* mode : {"w", "we"}) {
-    FXFile::FILEPtr file;
-    ASSERT_TRUE(FXFile::zrfopen(path, mode, file).IsSuccess());
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << mode;
-    EXPECT_EQ(fputs("data", file.get()), 1);
-  }
-  FILE* raw = FXFile::zrfopen(path, "r");
-  ASSERT_NE(raw, nullptr);
-  char buffer[8] = {};
-  EXPECT_EQ(fread(buffer, 1, sizeof(buffer), raw), 4u);
-  EXPECT_STREQ(buffer, "data");
-  fclose(raw);
-}
-
-TEST(FXFileDeviceSizeBlock, MatchesTheKernelsSectorCount) {
-  // Any block device of this machine that has a node in /dev and a size in sysfs.
-  DIR* dir = opendir("/sys/class/block");
-  if (dir == nullptr) GTEST_SKIP() << "no /sys/class/block";
-  std::string device;
-  uint64_t sectors = 0;
-  while (struct dirent* e = readdir(dir)) {
-    std::string node = std::string("/dev/") + e->d_name;
-    struct stat st;
-    if (e->d_name[0] == '.' || stat(node.c_str(), &st) != 0 || !S_ISBLK(st.st_mode)) continue;
-    std::ifstream sizeFile(std::string("/sys/class/block/") + e->d_name + "/size");
-    int fd = (sizeFile >> sectors) ? open(node.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1;
-    if (fd < 0) continue;
-    close(fd);
-    device = node;
-    break;
-  }
-  closedir(dir);
-  if (device.empty()) GTEST_SKIP() << "no readable block device";
-  uint64_t size = 0, viaRecord = 0;
-  CQiError error = FXFile::GetDeviceSize(device, size);
-  ASSERT_TRUE(error.IsSuccess()) << device << ": " << error.AsString();
-  EXPECT_EQ(size, sectors * 512) << device;
-  CFileData record(device, CFileData::kModeFullPath);
-  ASSERT_TRUE(record.GetDeviceSize(viaRecord).IsSuccess());
-  EXPECT_EQ(viaRecord, size);
 }

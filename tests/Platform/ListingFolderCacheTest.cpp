@@ -4,13 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <climits>
 
 #include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
-#include <vector>
 #include <memory>
 
 #include "Platform/FXFile.h"
@@ -95,49 +93,6 @@ TEST_F(ListingFolderCacheTest, SubFoldersListTheSameThroughTheCacheAndNothingLea
   EXPECT_EQ(pCache->GetKeptCount(), CListingFolderCache::kCapacity);
   pCache->CloseAll();
   EXPECT_EQ(pCache->GetKeptCount(), 0u);
-  EXPECT_EQ(OpenDescriptorCount(), nBefore);
-}
-
-// A folder chain whose paths pass PATH_MAX, each level holding a file and the next level.
-class ListingFolderCacheLongPathTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    m_lstLevels = MakeFolderChain(
-        m_tree.MakeDir("long"), 2 * PATH_MAX,
-        [](int i) { return "L" + std::to_string(i) + "_" + std::string(200, 'n'); }, "file");
-    ASSERT_FALSE(m_lstLevels.empty());
-  }
-  CTempTree m_tree;
-  std::vector<std::string> m_lstLevels;  // the chain's folders, from the top
-};
-
-// Another worker may still be listing a folder's parent, so that no descriptor of it is kept:
-// a folder beyond PATH_MAX must open by its path all the same, with or without a cache.
-TEST_F(ListingFolderCacheLongPathTest, FoldersBeyondPathMaxOpenWithoutTheirParentKept) {
-  const size_t nBefore = OpenDescriptorCount();
-  auto pCache = std::make_shared<CListingFolderCache>();
-  for (const bool bScope : {false, true}) {
-    std::unique_ptr<CListingFolderCache::CThreadScope> pScope;
-    if (bScope) pScope = std::make_unique<CListingFolderCache::CThreadScope>(pCache);
-    size_t nBeyond = 0;
-    for (size_t i = m_lstLevels.size(); i-- > 0;) {  // deepest first: no parent is ever kept
-      const std::string& strFolder = m_lstLevels[i];
-      nBeyond += strFolder.size() >= PATH_MAX ? 1 : 0;
-      std::set<std::string> setWant{"file"};
-      if (i + 1 < m_lstLevels.size()) setWant.insert(m_lstLevels[i + 1].substr(strFolder.size() + 1));
-      CQiError error;
-      EXPECT_EQ(List(strFolder, error), setWant) << strFolder.size() << " bytes, scope " << bScope;
-      EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-      if (bScope) pCache->CloseAll();
-    }
-    EXPECT_GT(nBeyond, 2u);
-    CQiError error;
-    List(m_lstLevels.back() + "/absent", error);
-    EXPECT_TRUE(error.IsErrNo(ENOENT)) << error.AsString();
-    List(m_lstLevels.back() + "/file", error);
-    EXPECT_TRUE(error.IsErrNo(ENOTDIR)) << error.AsString();
-  }
-  pCache->CloseAll();
   EXPECT_EQ(OpenDescriptorCount(), nBefore);
 }
 

@@ -86,7 +86,6 @@ TEST_P(PlatformInfoRead, TypedValuesAndRefusals) {
 INSTANTIATE_TEST_SUITE_P(
     Table, PlatformInfoRead,
     ::testing::Values(
-        SReadRow{"StringTrimmed", kSection, "sGpfsBin", 's', "ok", "/usr/lpp/mmfs/bin"},
         SReadRow{"SectionAndKeyIgnoreCase", "filesystemagent", "SGPFSBIN", 's', "ok",
                  "/usr/lpp/mmfs/bin"},
         SReadRow{"KeyBeforeAnySection", "", "globalKey", 's', "ok", "top"},
@@ -95,19 +94,14 @@ INSTANTIATE_TEST_SUITE_P(
         SReadRow{"LaterDuplicateWins", kSection, "sDuplicate", 's', "ok", "second"},
         SReadRow{"BrokenSectionLineIgnored", "Other Section", "sAfterBroken", 's', "ok",
                  "still in Other Section"},
-        SReadRow{"Int", kSection, "nGpfsTimeout", 'i', "ok", "300"},
         SReadRow{"Hex", kSection, "nGlusterTimeout", 'u', "ok", "30"},
         SReadRow{"LeadingZeroIsDecimal", kSection, "nLeadingZero", 'l', "ok", "10"},
         SReadRow{"Int64", kSection, "nHuge", 'l', "ok", "99999999999"},
         SReadRow{"BoolAnyCase", kSection, "nDisableScanChangeToFull", 'b', "ok", "true"},
-        SReadRow{"BoolOff", kSection, "bOff", 'b', "ok", "false"},
         SReadRow{"BoolFromNumber", kSection, "nGpfsTimeout", 'b', "W13", "false"},
         SReadRow{"IntOverflow", kSection, "nHuge", 'i', "W13", "-7"},
-        SReadRow{"NegativeUnsigned", kSection, "nNegative", 'u', "W13", "7"},
-        SReadRow{"WordAsInt", kSection, "sWord", 'i', "W13", "-7"},
         SReadRow{"EmptyAsInt", kSection, "sEmpty", 'i', "W13", "-7"},
         SReadRow{"MissingKey", kSection, "nGpfsFailOnScanError", 'i', "W1168", "-7"},
-        SReadRow{"MissingSection", "NoSuchSection", "sGpfsBin", 's', "W1168", "default"},
         SReadRow{"EmptyKey", kSection, "", 's', "W87", "default"}),
     [](const ::testing::TestParamInfo<SReadRow>& info) { return std::string(info.param.name); });
 

@@ -73,22 +73,6 @@ TEST_F(QiLibraryFixture, SearchFoldersAreTheVariablesFoldersThenTheOwnFolder) {
   EXPECT_TRUE(IsMapped(copy));
 }
 
-TEST_F(QiLibraryFixture, LoadsByLogicalNameOrPathAndCallsExports) {
-  SetPluginPath(m_tree.Root() + ":" + kModuleDir);
-  CQiLibrary library, byPath;
-  ASSERT_TRUE(library.Load(kModule).IsSuccess());
-  EXPECT_TRUE(library.IsLoaded());
-  EXPECT_EQ(library.GetName() + " " + library.GetPath(),
-            kModule + " " + kModuleDir + "/libFsScanTestModule.so");
-  int (*answer)() = nullptr;
-  ASSERT_TRUE(library.Resolve("FsScanTestModuleAnswer", answer).IsSuccess());
-  EXPECT_EQ(answer(), 42);
-  // A name with a slash is loaded as a path: the logical-name search would find this first.
-  m_tree.MakeFile("libFsScanTestModuleLacking.so", std::string(200, 'x'));
-  ASSERT_TRUE(byPath.Load(kModuleDir + "/libFsScanTestModuleLacking.so").IsSuccess());
-  EXPECT_TRUE(byPath.Resolve("FsScanTestModuleAnswer", answer).IsSuccess());
-}
-
 struct SExportCase {
   std::string module;
   std::string exportName;

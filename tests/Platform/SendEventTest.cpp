@@ -93,25 +93,11 @@ INSTANTIATE_TEST_SUITE_P(
                    "File Scan: Memory allocation error while proccessing the directory", {},
                    "Event 0x11000002, Arguments=[], Text=[File Scan: Memory allocation error "
                    "while proccessing the directory]"},
-        SEventCase{"NoSpace", 0x11000002, "File Scan: No space left on device", {},
-                   "Event 0x11000002, Arguments=[], Text=[File Scan: No space left on device]"},
-        SEventCase{"TooManyOpenFiles", 0x1100008b, "", {9, 0},
-                   "Event 0x1100008B, Arguments=[9, 0], Text=[]"},
-        SEventCase{"GpfsRemoteDevice", 0x1100009A, "", {std::string("gpfs0")},
-                   "Event 0x1100009A, Arguments=[\"gpfs0\"], Text=[]"},
         SEventCase{"FailuresFileOpen", 0x600001E, "", {std::string("/jr/fail\nures.txt")},
                    "Event 0x600001E, Arguments=[\"/jr/fail\\nures.txt\"], Text=[]"},
         SEventCase{"MixedArguments", 0x11000079, "", {std::string("a, b"), -5LL},
                    "Event 0x11000079, Arguments=[\"a, b\", -5], Text=[]"}),
     [](const ::testing::TestParamInfo<SEventCase>& info) { return info.param.name; });
-
-TEST_F(SendEventFixture, EventRendersItsIdAndTextInAsString) {
-  CQiError event = QI_ERROR_EVENT(0x11000002, "File Scan: %s", "No space left on device");
-  EXPECT_TRUE(event.IsError() && !event.IsWin32() && !event.IsEvent(0x11000003));
-  std::string text = event.AsString();
-  EXPECT_EQ(text.rfind("Event 0x11000002 <- [SendEventTest.cpp:", 0), 0u) << text;
-  EXPECT_NE(text.find("File Scan: No space left on device"), std::string::npos) << text;
-}
 
 TEST_F(SendEventFixture, TextsOfLaterFramesFollowTheRaisingText) {
   int line = __LINE__ + 1;

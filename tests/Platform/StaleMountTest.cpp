@@ -120,15 +120,6 @@ TEST_F(StaleMounts, HangingAndFailingNetworkMountsAreStale) {
   EXPECT_EQ(log->CountContaining("[/mnt/squashed]", -1), 0u);
 }
 
-TEST_F(StaleMounts, PathsAtOrBelowAStaleMountAreStale) {
-  ASSERT_TRUE(m_detector.Refresh(Parse(kTable)).IsSuccess());
-  std::string stale;
-  for (const char* path : {"/mnt/stale", "/mnt/stale/", "/mnt/stale/deep/file", "/mnt/stalex",
-                           "/mnt", "/mnt/ok", "/mnt/squashed", "", "/mnt/hung/x"})
-    if (m_detector.CheckInStaleFSList(path)) stale += std::string(path) + " ";
-  EXPECT_EQ(stale, "/mnt/stale /mnt/stale/ /mnt/stale/deep/file /mnt/hung/x ");
-}
-
 TEST_F(StaleMounts, AStillHungProbeIsNotRepeatedAndARecoveredMountIsNotStale) {
   CLogCapture log;
   ASSERT_TRUE(m_detector.Refresh(Parse(kTable)).IsSuccess());
@@ -219,25 +210,6 @@ class ProcessStaleMounts : public ::testing::Test {
   }
   std::shared_ptr<SScript> m_pScript = std::make_shared<SScript>();
 };
-
-TEST_F(ProcessStaleMounts, ExpansionLeavesStaleMountsOut) {
-  std::vector<SLogicalVolume> table = Parse(
-      "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
-      "7 1 8:2 / /data rw - ext4 /dev/sda2 rw\n"
-      "9 7 0:40 / /data/a-net rw - nfs4 srv:/x rw\n"
-      "10 7 8:17 / /data/b rw - ext4 /dev/sdb1 rw\n");
-  ASSERT_TRUE(CStaleMountDetector::Process().Refresh(table).IsSuccess());
-  EXPECT_TRUE(MountPathInfo::IsStaleFSPresent());
-  EXPECT_TRUE(MountPathInfo::CheckInStaleFSList("/data/a-net"));
-
-  CLogCapture log;
-  std::vector<SContentEntry> entries;
-  ASSERT_TRUE(MountPathInfo::expandContentPathByVolumes("/data", table, entries).IsSuccess());
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[1].m_strLocalMountPath, "/data/b");
-  EXPECT_EQ(
-      log->Count("Mount [/data/a-net] (nfs4) below content [/data] is stale; not expanded", 0), 1u);
-}
 
 TEST_F(ProcessStaleMounts, PathsOnAStaleMountAreNotResolvedThroughTheKernel) {
   CTempTree tree;

@@ -2,9 +2,6 @@
 // test asserts a whole expected result at once.
 #pragma once
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -40,39 +37,6 @@ inline std::vector<std::string> FolderNames(const std::string& path) {
   }
   std::sort(names.begin(), names.end());
   return names;
-}
-
-// Makes a chain of folders below the existing folder `top`, the i-th named name(i), until the
-// path is longer than `length`; every folder of the chain, the top included, holds a file
-// `file` with `content`. Works relative to descriptors, so the chain may pass PATH_MAX. Returns
-// the chain's folders from the top down (the top left out); empty when a step failed.
-inline std::vector<std::string> MakeFolderChain(const std::string& top, size_t length,
-                                                const std::function<std::string(int)>& name,
-                                                const std::string& file,
-                                                const std::string& content = "") {
-  std::vector<std::string> levels;
-  std::string path = top;
-  int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  for (int i = 0; fd >= 0; ++i) {
-    const int fdFile = openat(fd, file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    const bool bWritten = fdFile >= 0 && write(fdFile, content.data(), content.size()) ==
-                                             static_cast<ssize_t>(content.size());
-    if (fdFile >= 0) close(fdFile);
-    if (!bWritten) break;
-    if (path.size() > length) {
-      close(fd);
-      return levels;
-    }
-    const std::string next = name(i);
-    const int fdNext = mkdirat(fd, next.c_str(), 0755) == 0
-                           ? openat(fd, next.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-                           : -1;
-    close(fd);
-    fd = fdNext;
-    levels.push_back(path += "/" + next);
-  }
-  if (fd >= 0) close(fd);
-  return {};
 }
 
 // Runs body(i) for i = 0..count-1, each on a thread of its own, all at once; returns when all
