@@ -45,7 +45,4 @@ TEST(PrefixContentMapper, ConvertsWhileMappingsAreAdded) {
               mapper.AddMapping("/h" + std::to_string(i), "/p" + std::to_string(i)).IsSuccess());
       });
   EXPECT_EQ(failures.load(), 0);
-  std::string out;
-  ASSERT_TRUE(mapper.MakeHostPathFromProxyPath("/p199/x", out).IsSuccess());
-  EXPECT_EQ(out, "/h199/x");
 }

@@ -49,8 +49,7 @@ INSTANTIATE_TEST_SUITE_P(
         SScriptRow{EMode::Manual, false, "Sww?", "111"},
         SScriptRow{EMode::Manual, true, "R?t", "00"},
         // auto: one wait passes per Set, then the event is clear
-        SScriptRow{EMode::Auto, true, "ww?", "100"}, SScriptRow{EMode::Auto, false, "SSww", "10"},
-        SScriptRow{EMode::Auto, false, "t", "0"}, SScriptRow{EMode::Auto, false, "SW", "1"}));
+        SScriptRow{EMode::Auto, true, "ww?", "100"}, SScriptRow{EMode::Auto, false, "SSwwSW", "101"}));
 
 struct WaitAnyRow {
   std::vector<int> lstSet;  // indexes of the events set before the wait

@@ -57,6 +57,7 @@ TEST(TimeStamp, NormalisesNanosecondsAndOrders) {
   EXPECT_EQ(b.GetSeconds(), 9);
   EXPECT_EQ(b.GetNanoseconds(), 999999999);
   EXPECT_LT(b, a);
+  EXPECT_FALSE(CTimeStamp().IsSet());
   EXPECT_EQ(CTimeStamp(0, 5).AsString(), "1970-01-01 00:00:00.000000005");
 }
 

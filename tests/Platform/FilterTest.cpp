@@ -183,10 +183,18 @@ class FilterTermPrefix : public ::testing::TestWithParam<SPrefixRow> {};
 
 TEST_P(FilterTermPrefix, Table) {
   const SPrefixRow& r = GetParam();
-  CFilterTerm term;
-  ASSERT_TRUE(term.LoadRaw(r.item).IsSuccess());
-  EXPECT_EQ((term.IsWildcard() ? "*" : "") + term.GetFilterPrefix(), r.prefix);
-  EXPECT_EQ(CFilterTerm::IsWildcardItem(r.item), term.IsWildcard());
+  auto term = std::make_shared<CFilterTerm>();
+  CFilterSet set;
+  ASSERT_TRUE(term->LoadRaw(r.item).IsSuccess() && set.AddFilterTerm(I, term).IsSuccess());
+  EXPECT_EQ((term->IsWildcard() ? "*" : "") + term->GetFilterPrefix(), r.prefix);
+  EXPECT_EQ(CFilterTerm::IsWildcardItem(r.item), term->IsWildcard());
+  // Asked directly, the term answers as the set holding it, which keeps plain items in hashes.
+  for (const char* path : {"/", "/data", "/data/x/y", "/database", "/x/core", "/DATA/x"}) {
+    CFilterTermTestString test(path);
+    for (unsigned bits = 1; bits <= 3; ++bits)
+      EXPECT_EQ(term->Matches(test, bits), set.IsIn(test, bits)) << path << " " << bits;
+    EXPECT_EQ(term->CouldMatchAtOrBelow(test), set.IsMatchPossibleInFolder(test)) << path;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(

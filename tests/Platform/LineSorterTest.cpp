@@ -17,6 +17,8 @@ TEST(LineSorter, ChainOfPrefixesDoesNotRecurseDeeply) {
   for (const std::string& line : lines) refs.push_back({0, line.data(), line.size()});
   CLineSorter::Sort(refs.data(), refs.size(), 1);
   for (size_t i = 0; i < refs.size(); ++i) ASSERT_EQ(refs[i].uLength, i + 1);
+  EXPECT_LT(CLineSorter::Compare("a", 1, "a\0", 2), 0);  // the prefix first, then byte order
+  EXPECT_GT(CLineSorter::Compare("\xff", 1, "\x01", 1), 0);
 }
 
 }  // namespace

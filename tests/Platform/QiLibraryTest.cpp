@@ -59,7 +59,7 @@ TEST_F(QiLibraryFixture, SearchFoldersAreTheVariablesFoldersThenTheOwnFolder) {
   const std::string own = CQiLibrary::GetOwnFolder();
   CQiLibrary library;
   ASSERT_TRUE(library.Load(kModule).IsSuccess());
-  EXPECT_EQ(library.GetPath(), own + "/libFsScanTestModule.so");
+  EXPECT_EQ(library.GetName() + " " + library.GetPath(), kModule + " " + own + "/libFsScanTestModule.so");
   EXPECT_EQ(CQiLibrary::GetSearchFolders(), std::vector<std::string>{own});
   SetPluginPath("/opt/a::/opt/b:");
   EXPECT_EQ(CQiLibrary::GetSearchFolders(), (std::vector<std::string>{"/opt/a", "/opt/b", own}));

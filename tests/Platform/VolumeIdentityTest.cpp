@@ -183,6 +183,8 @@ TEST_F(VolumeIdentityByName, BadNamesAreClearErrors) {
   // A name whose volume is found through a non-UTF-8 path works like any other.
   ASSERT_TRUE(identity.GetVolumeUniqueId("/var/\xff\xfe", id).IsSuccess());
   EXPECT_EQ(id, "dev-8:2");
+  ASSERT_TRUE(identity.GetVolumeName("/var/\xff\xfe", id).IsSuccess());
+  EXPECT_EQ(id + " " + identity.GetSysRoot(), "/var " + m_kernel.SysRoot());
 }
 
 TEST(VolumeIdentity, DefaultRootsCanBeRedirected) {
