@@ -173,3 +173,23 @@ CQiError FXFile::GetDeviceSize(const std::string& path, uint64_t& size) {
   size = bytes;
   return CQiError();
 }
+
+CQiError FXFile::ReplaceWithText(const std::string& path, std::string_view text) {
+  const std::string temp = path + ".tmp";
+  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return QI_ERROR_ERRNO(errno, "Cannot create %s", FXString::EscapeControl(temp).c_str());
+  int error = 0;
+  for (size_t done = 0; done < text.size() && error == 0;) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n > 0) done += static_cast<size_t>(n);
+    else if (n < 0 && errno != EINTR) error = errno;
+  }
+  if (error == 0 && fsync(fd) != 0) error = errno;
+  close(fd);
+  if (error == 0 && rename(temp.c_str(), path.c_str()) != 0) error = errno;
+  if (error != 0) {
+    unlink(temp.c_str());
+    return QI_ERROR_ERRNO(error, "Cannot write %s", FXString::EscapeControl(path).c_str());
+  }
+  return CQiError();
+}

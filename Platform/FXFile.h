@@ -40,6 +40,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Platform/DIR_Wrapper.h"
 #include "Platform/FileData.h"
@@ -102,4 +103,9 @@ class FXFile {
   // st_size of a regular file. A final symbolic link is followed (/dev/disk/by-id/... names).
   // ENOTBLK for any other kind of file; the errno of stat/open/ioctl otherwise.
   static CQiError GetDeviceSize(const std::string& path, uint64_t& size);
+
+  // Replaces the file with the text, so that a crash leaves either the old or the new whole
+  // file: writes path + ".tmp", syncs it and renames it over path. "Cannot create %s" or
+  // "Cannot write %s" with the errno; the temporary file is removed on failure.
+  static CQiError ReplaceWithText(const std::string& path, std::string_view text);
 };

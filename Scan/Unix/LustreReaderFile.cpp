@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "Platform/FXFile.h"
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 
@@ -33,22 +34,7 @@ CQiError CLustreReaderFile::Write(const std::string& strFile, const std::vector<
     if (bIndex) strText += "\tCurrentIndex:" + std::to_string(info.llEndIndex);
     strText += "\n";
   }
-  const std::string strTemp = strFile + ".tmp";
-  const int fd = open(strTemp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return QI_ERROR_ERRNO(errno, "Cannot create %s", Esc(strTemp).c_str());
-  int iError = 0;
-  for (size_t uDone = 0; uDone < strText.size() && iError == 0;) {
-    const ssize_t n = write(fd, strText.data() + uDone, strText.size() - uDone);
-    if (n > 0) uDone += static_cast<size_t>(n);
-    else if (n < 0 && errno != EINTR) iError = errno;
-  }
-  if (iError == 0 && fsync(fd) != 0) iError = errno;
-  close(fd);
-  if (iError == 0 && rename(strTemp.c_str(), strFile.c_str()) != 0) iError = errno;
-  if (iError != 0) {
-    unlink(strTemp.c_str());
-    return QI_ERROR_ERRNO(iError, "Cannot write %s", Esc(strFile).c_str());
-  }
+  QI_RETURN_IF_ERROR(FXFile::ReplaceWithText(strFile, strText));
   return CQiError();
 }
 
