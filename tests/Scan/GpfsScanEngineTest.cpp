@@ -119,12 +119,8 @@ class GpfsFixture {
     auto pEngine = std::make_shared<CGpfsScanEngine>();
     (void)pEngine->SetScannerCallback(m_pCallback);
     (void)pEngine->SetScannerConfigurationBag(m_pCallback->GetScannerConfigurationBag());
-    auto pUnit = std::make_shared<CWorkUnit>();
-    pUnit->SetLocalVolumeName(m_strRoot);
-    pUnit->SetSourceVolumeName(m_strRoot);
+    CWorkUnitPtr pUnit = MakeUnit({m_strRoot}, m_strRoot);
     pUnit->SetLocalVolumeUniqueId("id1");
-    pUnit->AddScanPath(std::make_shared<CScanPath>(m_strRoot, m_strRoot));
-    (void)pUnit->AddScanContentItem(m_strRoot);
     return pEngine->ProcessWorkUnit(pUnit);
   }
   size_t Runs() const { return ReadFileLines(m_strBin + "/mmapplypolicy.runs").size(); }

@@ -133,12 +133,8 @@ class CLustreFixture {
     m_pEngine = std::make_shared<CLustreScanEngine>();
     (void)m_pEngine->SetScannerCallback(m_pCallback);
     (void)m_pEngine->SetScannerConfigurationBag(m_pCallback->GetScannerConfigurationBag());
-    auto pUnit = std::make_shared<CWorkUnit>();
-    pUnit->SetLocalVolumeName(m_strRoot);
-    pUnit->SetSourceVolumeName(m_strRoot);
+    CWorkUnitPtr pUnit = TraversalTestSupport::MakeUnit({m_strRoot}, m_strRoot);
     pUnit->SetLocalVolumeUniqueId("id1");
-    pUnit->AddScanPath(std::make_shared<CScanPath>(m_strRoot, m_strRoot));
-    (void)pUnit->AddScanContentItem(m_strRoot);
     return m_pEngine->ProcessWorkUnit(pUnit);
   }
   // The post-operations of a successful job; the next job's last successful job id.
