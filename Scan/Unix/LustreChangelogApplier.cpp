@@ -197,6 +197,7 @@ CQiError CLustreChangelogApplier::ApplyRecord(const CLustreChangelogRecord& reco
     return CQiError();
   }
   const std::string strPath = Join(strParent, record.m_strName);
+  m_setParents.insert(record.m_strTargetParentFID);
   switch (eChange) {
     case kLustreFileCreated:
     case kLustreHardlinkAdded:
@@ -213,42 +214,53 @@ CQiError CLustreChangelogApplier::ApplyRecord(const CLustreChangelogRecord& reco
   return CQiError();
 }
 
+CQiError CLustreChangelogApplier::RefreshByFid(const std::string& strFid, bool& bFound) {
+  bFound = false;
+  std::string strPath;
+  CQiError error = m_store.LookupPathByFileId(strFid, strPath);
+  if (error.IsWin32(QiErrorCode::NotFound)) return CQiError();
+  if (error.IsError()) {
+    ZRLOG(-1, "Cannot check whether the record exists in the Database %s", strFid.c_str());
+    return QI_PUSH(error);
+  }
+  // Gone since (a later record says how): nothing to refresh.
+  struct stat st {};
+  if (lstat(strPath.c_str(), &st) != 0) return CQiError();
+  bFound = true;
+  error = m_store.Update(CScanDbRecord(strPath, st, strFid));
+  if (error.IsError()) {
+    ZRLOG(-1, "Error in updating the record %s due to %s", Esc(strPath).c_str(), error.AsString().c_str());
+    return QI_PUSH(error);
+  }
+  ZRLOG(5, "Update Record %s successfully", Esc(strPath).c_str());
+  return CQiError();
+}
+
 CQiError CLustreChangelogApplier::FlushModifications(SCounts& counts) {
   CQiError firstError;
-  std::string strPath;
   for (const auto& [strFid, ullRecords] : m_mapModified) {
-    CQiError error = m_store.LookupPathByFileId(strFid, strPath);
-    if (error.IsWin32(QiErrorCode::NotFound)) {
-      ZRLOG(5, "The Target FID %s is not present in the Database. Possible Database corruption/Record not found.",
-            strFid.c_str());
-      counts.ullIgnored += ullRecords;
-      continue;
-    }
-    struct stat st {};
-    if (error.IsSuccess()) {
-      ZRLOG(5, "The Target FID %s is present in the Database", strFid.c_str());
-      // Gone since (a later record says how): nothing to refresh.
-      if (lstat(strPath.c_str(), &st) != 0) {
-        counts.ullIgnored += ullRecords;
-        continue;
-      } else {
-        error = m_store.Update(CScanDbRecord(strPath, st, strFid));
-        if (error.IsError())
-          ZRLOG(-1, "Error in updating the record %s due to %s", Esc(strPath).c_str(), error.AsString().c_str());
-        else
-          ZRLOG(5, "Update Record %s successfully", Esc(strPath).c_str());
-      }
-    } else {
-      ZRLOG(-1, "Cannot check whether the record exists in the Database %s", strFid.c_str());
-    }
+    bool bFound = false;
+    CQiError error = RefreshByFid(strFid, bFound);
     if (error.IsError()) {
       counts.ullFailed += ullRecords;
       if (firstError.IsSuccess()) firstError = QI_PUSH(error);
       continue;
     }
-    counts.ullApplied += ullRecords;
+    if (!bFound)
+      ZRLOG(5, "The Target FID %s is not present in the Database. Possible Database corruption/Record not found.",
+            strFid.c_str());
+    else
+      ZRLOG(5, "The Target FID %s is present in the Database", strFid.c_str());
+    (bFound ? counts.ullApplied : counts.ullIgnored) += ullRecords;
+  }
+  for (const std::string& strFid : m_setParents) {
+    if (m_mapModified.count(strFid) != 0) continue;
+    bool bFound = false;
+    CQiError error = RefreshByFid(strFid, bFound);
+    if (error.IsError() && firstError.IsSuccess()) firstError = QI_PUSH(error);
   }
   m_mapModified.clear();
+  m_setParents.clear();
   return firstError;
 }
 
@@ -261,6 +273,8 @@ CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, b
   const std::string strNew = Join(strNewParent, record.m_strName);
   if (eOld == EWhere::kOutside && eNew == EWhere::kOutside) return CQiError();
   bApplied = true;
+  if (eOld == EWhere::kInside) m_setParents.insert(record.m_strSourceParentFID);
+  if (eNew == EWhere::kInside) m_setParents.insert(record.m_strTargetParentFID);
   if (eNew == EWhere::kOutside) return RemovePath(strOld, true);
   // A replaced target goes first.
   LustreAPI::CLustreFID victim;

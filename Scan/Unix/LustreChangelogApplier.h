@@ -17,6 +17,10 @@
 //     system then, so it is the newest either way. Memory: one entry per FID modified in the
 //     file, bounded by the batch size;
 //   0 nothing (00MARK, 09RNMTO, 19ATIME, 20MIGRT and types this engine does not know).
+// A namespace record changes its parent folders too (entries, link count, modification and
+// change time) although the changelog has no record of its own for that: the parents named by
+// applied namespace records are refreshed with the modifications, so that a folder whose
+// entries changed is reported and the database keeps its state.
 // Records whose parent FID the database does not have are outside the content when the file
 // system places the parent outside every content root or no longer knows it (level 5); a
 // parent it places inside a content root means the database lost track: an error.
@@ -34,6 +38,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -68,8 +73,11 @@ class CLustreChangelogApplier {
   enum class EWhere { kInside, kOutside };
   // Applies one parsed record. bApplied false when it changes nothing (or is gathered).
   CQiError ApplyRecord(const CLustreChangelogRecord& record, bool& bApplied);
-  // Refreshes the records of the gathered modifications; counts them.
+  // Refreshes the records of the gathered modifications (counted) and parents.
   CQiError FlushModifications(SCounts& counts);
+  // Refreshes the record of the FID from the object at its recorded path; bFound false when the
+  // database does not have the FID or the object is gone.
+  CQiError RefreshByFid(const std::string& strFid, bool& bFound);
   // The path of a folder FID: from the database, else placed by the file system.
   CQiError ResolveParent(const std::string& strFid, std::string& strPath, EWhere& eWhere);
   bool IsInsideContent(const std::string& strPath) const;
@@ -85,4 +93,5 @@ class CLustreChangelogApplier {
   CLustreHardlinkManager* m_pHardlinks;
   std::unordered_map<std::string, std::string> m_mapParents;  // folder FID -> path
   std::map<std::string, uint64_t> m_mapModified;               // FID -> records naming it
+  std::set<std::string> m_setParents;                          // parents of applied namespace records
 };

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -22,13 +23,24 @@
 
 namespace LustreTestSupport {
 
-// One object: path relative to the file system's root, FID and file type.
+// One object: path relative to the file system's root, FID and the state the enumeration
+// compares (mode, owner, size, links, inode, modification and change times).
 struct SEntry {
-  std::string strPath, strFid;
-  mode_t type = 0;
+  std::string strPath, strFid, strState;
   bool operator==(const SEntry& other) const = default;
   bool operator<(const SEntry& other) const { return strPath < other.strPath; }
 };
+
+inline void PrintTo(const SEntry& entry, std::ostream* pStream) {
+  *pStream << entry.strPath << " " << entry.strFid << " " << entry.strState;
+}
+
+inline std::string StateOf(const struct stat& st) {
+  return std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + " s" +
+         std::to_string(st.st_size) + " n" + std::to_string(st.st_nlink) + " i" + std::to_string(st.st_ino) + " m" +
+         std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + " c" +
+         std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec);
+}
 
 inline std::string Relative(const std::string& strRoot, const std::string& strPath) {
   return strPath.size() <= strRoot.size() ? std::string(".") : strPath.substr(strRoot.size() + 1);
@@ -40,7 +52,7 @@ inline void Walk(CSimulatedLustreAPI& api, const std::string& strRoot, const std
   if (lstat(strPath.c_str(), &st) != 0) return;
   LustreAPI::CLustreFID fid;
   (void)api.GetFIDFromPath(strPath, fid);
-  lstEntries.push_back({Relative(strRoot, strPath), fid.ToString(), st.st_mode & S_IFMT});
+  lstEntries.push_back({Relative(strRoot, strPath), fid.ToString(), StateOf(st)});
   if (!S_ISDIR(st.st_mode)) return;
   std::vector<std::string> lstNames;
   if (DIR* pDir = opendir(strPath.c_str())) {
@@ -64,13 +76,13 @@ inline std::vector<SEntry> StoreEntries(CScanDbStore& store, const std::string& 
   std::vector<SEntry> lstEntries;
   CScanDbRecord root;
   if (store.Lookup(strRoot, root).IsSuccess())
-    lstEntries.push_back({".", root.GetFileId(), root.GetStat().st_mode & S_IFMT});
+    lstEntries.push_back({".", root.GetFileId(), StateOf(root.GetStat())});
   std::vector<std::string> lstFolders{strRoot};
   while (!lstFolders.empty()) {
     const std::string strFolder = lstFolders.back();
     lstFolders.pop_back();
     (void)store.ListFolder(strFolder, [&](const CScanDbRecord& record) {
-      lstEntries.push_back({Relative(strRoot, record.GetPath()), record.GetFileId(), record.GetStat().st_mode & S_IFMT});
+      lstEntries.push_back({Relative(strRoot, record.GetPath()), record.GetFileId(), StateOf(record.GetStat())});
       if (record.IsFolder()) lstFolders.push_back(record.GetPath());
       return CQiError();
     });

@@ -81,7 +81,7 @@ TEST_F(FsscanLustre, FullThenOnlyTheChanges) {
     (void)api.Chmod("link", 0700);
   });
   ASSERT_EQ(RunLustre(strList), 0);
-  EXPECT_EQ(SortedPaths(strList), (std::vector<std::string>{m_strData + "/sub/b.txt", m_strData + "/sub/new one.txt"}));
+  EXPECT_EQ(SortedPaths(strList), (std::vector<std::string>{m_strData + "/sub", m_strData + "/sub/b.txt", m_strData + "/sub/new one.txt"}));
   ASSERT_EQ(RunLustre(strList), 0);
   EXPECT_EQ(SortedPaths(strList), std::vector<std::string>{});
   EXPECT_EQ(ReadFileText(m_strJob + "/ZrPostOpState.zrf"), "3\n");
