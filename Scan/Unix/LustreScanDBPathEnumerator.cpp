@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
@@ -85,19 +87,32 @@ CQiError CLustreScanDBPathEnumerator::FindNext(CItemPtr& pItem) {
       continue;
     }
     const bool bChanged = IsChanged(m_cur, iOrder == 0 ? &m_prev : nullptr);
-    if (iOrder == 0) QI_RETURN_IF_ERROR(Advance(m_prevCursor, m_prev, m_bPrevValid));
     if (bChanged) {
       struct stat st {};
       if (lstat(m_cur.GetPath().c_str(), &st) == 0) {
         CScanDbRecord fresh(m_cur.GetPath(), st, m_cur.GetFileId());
         if (!ZrScanDBLustreRecord::SameState(fresh, m_cur)) QI_RETURN_IF_ERROR(m_current.Update(fresh));
         m_cur.SetStat(fresh.GetStat());
+      } else if (errno == ENOENT || errno == ENOTDIR) {
+        // A record of an object that is gone: the changelogs named a path that changed again
+        // later (or after the end noted for this job). The database follows the file system.
+        ZRLOG(1, "%s is in the scan database but no longer on the file system: record removed",
+              FXString::EscapeControl(m_cur.GetPath()).c_str());
+        QI_RETURN_IF_ERROR(m_current.Remove(m_cur.GetPath(), true));
+        if (iOrder == 0) {
+          ++m_ullDeleted;
+          if (m_pEngine != nullptr) (void)m_pEngine->DeletedItemsCallback(MakeItem(m_prev));
+          QI_RETURN_IF_ERROR(Advance(m_prevCursor, m_prev, m_bPrevValid));
+        }
+        QI_RETURN_IF_ERROR(Advance(m_curCursor, m_cur, m_bCurValid));
+        continue;
       }
       pItem = MakeItem(m_cur);
     } else if (m_cur.IsFolder()) {
       pItem = MakeItem(m_cur);
       (void)pItem->GetItemBag()->Write(kUnchangedKey, true);
     }
+    if (iOrder == 0) QI_RETURN_IF_ERROR(Advance(m_prevCursor, m_prev, m_bPrevValid));
     QI_RETURN_IF_ERROR(Advance(m_curCursor, m_cur, m_bCurValid));
     if (pItem) return CQiError();
   }

@@ -7,7 +7,9 @@
 //   - every entry that is new or whose state differs (ZrScanDBLustreRecord::SameState), or
 //     that lies at or below a path to be scanned again (previous failures); its item is built
 //     from the object as it is now (lstat), and when that differs from the database the record
-//     is refreshed, so the database keeps what the file system holds;
+//     is refreshed, so the database keeps what the file system holds; a new or changed entry
+//     whose object is gone (ENOENT/ENOTDIR) leaves the database with its subtree instead, and is
+//     reported deleted when the previous backup had it;
 //   - every unchanged folder, marked in its item bag (kUnchangedKey), so that the traversal
 //     walks it without reporting it.
 // Entries of the previous database that this job's database no longer has went away: each is

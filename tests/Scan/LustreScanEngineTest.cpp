@@ -142,6 +142,12 @@ const SOutcomeCase kOutcomeCases[] = {
        fclose(p);
      },
      true, "So changing the Scan type to FULL"},
+    {"CreateOfAnObjectGoneSince",
+     [](auto& f) {
+       f.m_pApi->AppendRawRecord("lustre-MDT0000", "01CREAT 13:57:43.4 2026.11.23 0x0 t=[0x200000400:0x9999:0x0] p=" +
+                                                       f.m_pApi->FidOf("a") + " ghost");
+     },
+     false, "/a/ghost is in the scan database but no longer on the file system: record removed"},
     {"UnknownRecordType",
      [](auto& f) { f.m_pApi->AppendRawRecord("lustre-MDT0000", "23GXATR 13:57:43.4 2026.11.23 0x0 t=[0x200000400:0x5:0x0]"); },
      false, "Unknown Lustre changelog record type 23GXATR in record"},
