@@ -65,6 +65,14 @@ std::string LustreAPI::CLustreFID::ToString() const {
   return std::string(szText, static_cast<size_t>(p - szText));
 }
 
+CQiError LustreAPI::GetFIDsFromPaths(const std::vector<std::string>& lstPaths, std::vector<CLustreFID>& lstFids,
+                                     std::vector<CQiError>& lstErrors) {
+  lstFids.assign(lstPaths.size(), CLustreFID());
+  lstErrors.assign(lstPaths.size(), CQiError());
+  for (size_t i = 0; i < lstPaths.size(); ++i) lstErrors[i] = GetFIDFromPath(lstPaths[i], lstFids[i]);
+  return CQiError();
+}
+
 LustreAPIPtr LustreAPI::Current() {
   std::lock_guard<std::mutex> lock(g_mutexCurrent);
   if (!g_pCurrent) g_pCurrent = std::make_shared<CLustreToolsAPI>();

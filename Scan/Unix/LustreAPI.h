@@ -90,6 +90,12 @@ class LustreAPI {
   virtual CQiError GetPathFromFID(const std::string& strMount, const CLustreFID& fid,
                                   std::vector<std::string>& lstPaths) = 0;
   virtual CQiError GetFIDFromPath(const std::string& strPath, CLustreFID& fid) = 0;
+  // The FIDs of many paths at once (the full walk asks for a folder's entries together).
+  // lstFids and lstErrors come back with one slot per path, in order: a path whose FID could
+  // not be had has its error in its slot (and a zero FID). The result is an error only when
+  // nothing could be asked at all. This default asks GetFIDFromPath path by path.
+  virtual CQiError GetFIDsFromPaths(const std::vector<std::string>& lstPaths, std::vector<CLustreFID>& lstFids,
+                                    std::vector<CQiError>& lstErrors);
 
   // The process-wide API (the tools until a test installs another).
   static LustreAPIPtr Current();

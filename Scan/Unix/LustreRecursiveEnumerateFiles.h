@@ -1,6 +1,8 @@
 // CLustreRecursiveEnumerateFiles: the full walk of the Lustre engine (parallel folder
-// traversal with the basic path enumerator). Every folder, file and link met is added to the
-// scan database as a ZrScanDBLustreRecord keyed by its FID (LustreAPI::GetFIDFromPath), files
+// traversal with CLustreRecursivePathEnumerator, which lists each folder with the FIDs of its
+// entries asked in batches). Every folder, file and link met is added to the scan database as
+// a ZrScanDBLustreRecord keyed by its FID (the one the listing attached to the item; the
+// content roots, listed by nobody, ask LustreAPI::GetFIDFromPath), files
 // with more than one link also to the hard-link table; then the entries that the work unit's
 // selection keeps go to the engine's ScanQueryCallback. Every folder is walked, kept or not, so
 // that the database holds the whole tree below the content (changelog records name parents by
@@ -28,8 +30,10 @@ class CLustreRecursiveEnumerateFiles : public CEnumerateFiles {
   CQiError OnFile(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem) override;
   CQiError OnReparsePointFile(const std::string& strInput, const std::string& strOutput, CItemPtr& pItem) override;
 
-  // Adds the record of one path (used for the content roots too).
+  // Adds the record of one path (used for the content roots too), asking its FID.
   CQiError AddRecord(const std::string& strPath, const struct stat& st);
+  // Adds the record of one path whose FID is known.
+  CQiError AddRecord(const std::string& strPath, const struct stat& st, const LustreAPI::CLustreFID& fid);
   uint64_t GetAddedCount() const { return m_ullAdded; }
 
  private:

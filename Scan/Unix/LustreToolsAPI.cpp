@@ -1,8 +1,11 @@
 #include "Scan/Unix/LustreToolsAPI.h"
 
+#include <dlfcn.h>
+#include <limits.h>
 #include <mntent.h>
 #include <sys/statfs.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <sstream>
 
@@ -30,7 +33,13 @@ std::string CLustreToolsAPI::RemoteCommand(const std::string& strUser, const std
   return "ssh -o BatchMode=yes " + Q(strUser + "@" + strHost) + " " + ShellQuote::Word(strRemote);
 }
 
-CQiError CLustreToolsAPI::Run(const std::string& strCommand, std::string& strOutput, const std::string& strOutFile) {
+CLustreToolsAPI::CLustreToolsAPI(std::vector<std::string> lstLibraries)
+    : m_lstLibraries(std::move(lstLibraries)), m_pLibrary(nullptr, dlclose) {}
+
+CLustreToolsAPI::~CLustreToolsAPI() = default;
+
+CQiError CLustreToolsAPI::Run(const std::string& strCommand, std::string& strOutput, const std::string& strOutFile,
+                              int* pExitCode) {
   ZRLOG(2, "Running %s", Esc(strCommand).c_str());
   ZrProcess process;
   process.SetStdinFromNull(true);
@@ -42,6 +51,12 @@ CQiError CLustreToolsAPI::Run(const std::string& strCommand, std::string& strOut
     return QI_PUSH(error, "%s did not finish", Esc(strCommand).c_str());
   }
   strOutput = process.GetStdout();
+  if (pExitCode != nullptr) {
+    *pExitCode = process.GetExitCode();
+    if (*pExitCode != 0 && ZRLOG_ON(2))
+      ZRLOG(2, "%s exited with %d: %s", Esc(strCommand).c_str(), *pExitCode, Esc(process.GetStderr()).c_str());
+    return CQiError();
+  }
   if (process.GetExitCode() != 0) {
     const std::string strText = FXString::Trim(process.GetStdout() + process.GetStderr());
     if (strText.find("No such file or directory") != std::string::npos)
@@ -56,6 +71,31 @@ CQiError CLustreToolsAPI::LoadFunctions() {
   std::string strOutput;
   CQiError error = Run("command -v lfs lctl ssh", strOutput);
   if (error.IsError()) return QI_PUSH(error, "The Lustre tools lfs, lctl and ssh are not all on PATH");
+  std::lock_guard<std::mutex> lock(m_mutexLoad);
+  if (m_bLoadTried) return CQiError();
+  m_bLoadTried = true;
+  std::string strErrors;
+  for (const std::string& strLibrary : m_lstLibraries) {
+    void* pHandle = dlopen(strLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (pHandle != nullptr) {
+      m_pLibrary.reset(pHandle);
+      ZRLOG(1, "Loaded the Lustre library %s", Esc(strLibrary).c_str());
+      break;
+    }
+    const char* szError = dlerror();
+    strErrors += (strErrors.empty() ? "" : "; ") + std::string(szError != nullptr ? szError : strLibrary);
+  }
+  if (!m_pLibrary) {
+    ZRLOG(1, "The Lustre library is not available (%s): path2fid and fid2path run lfs", Esc(strErrors).c_str());
+    return CQiError();
+  }
+  // Each function is used when present; a missing one leaves that operation to lfs.
+  void* pPath2Fid = dlsym(m_pLibrary.get(), "llapi_path2fid");
+  if (pPath2Fid == nullptr) ZRLOG(1, "The Lustre library has no llapi_path2fid: path2fid runs lfs");
+  void* pFid2Path = dlsym(m_pLibrary.get(), "llapi_fid2path");
+  if (pFid2Path == nullptr) ZRLOG(1, "The Lustre library has no llapi_fid2path: fid2path runs lfs");
+  m_pPath2Fid.store(reinterpret_cast<Path2FidFunction>(pPath2Fid), std::memory_order_release);
+  m_pFid2Path.store(reinterpret_cast<Fid2PathFunction>(pFid2Path), std::memory_order_release);
   return CQiError();
 }
 
@@ -199,6 +239,29 @@ CQiError CLustreToolsAPI::ClearChangelog(const std::string& /*strMount*/, const 
 CQiError CLustreToolsAPI::GetPathFromFID(const std::string& strMount, const CLustreFID& fid,
                                          std::vector<std::string>& lstPaths) {
   lstPaths.clear();
+  if (const Fid2PathFunction pFid2Path = m_pFid2Path.load(std::memory_order_acquire)) {
+    // One call per link: linkno names the link and the call advances it; a call that does not
+    // advance it gave the last one.
+    const std::string strFid = fid.ToString();
+    char szPath[PATH_MAX];
+    int iLink = 0;
+    for (int i = 0; i < kMaxLinks; ++i) {
+      long long llRecno = -1;
+      const int iBefore = iLink;
+      const int rc = pFid2Path(strMount.c_str(), strFid.c_str(), szPath, sizeof(szPath), &llRecno, &iLink);
+      if (rc != 0) {
+        if (!lstPaths.empty()) break;
+        return QI_ERROR_ERRNO(-rc, "llapi_fid2path(%s, %s) failed", Esc(strMount).c_str(), strFid.c_str());
+      }
+      szPath[sizeof(szPath) - 1] = '\0';
+      const std::string strRelative = szPath;
+      lstPaths.push_back(strRelative.empty() || strRelative == "/" ? strMount
+                         : FXPath::IsAbsolute(strRelative)         ? strRelative
+                                                                   : FXPath::Append(strMount, strRelative));
+      if (iLink <= iBefore) break;
+    }
+    return CQiError();
+  }
   std::string strOutput;
   QI_RETURN_IF_ERROR(Run("lfs fid2path " + Q(strMount) + " " + Q(fid.ToString()), strOutput));
   std::istringstream lines(strOutput);
@@ -211,6 +274,13 @@ CQiError CLustreToolsAPI::GetPathFromFID(const std::string& strMount, const CLus
 }
 
 CQiError CLustreToolsAPI::GetFIDFromPath(const std::string& strPath, CLustreFID& fid) {
+  if (const Path2FidFunction pPath2Fid = m_pPath2Fid.load(std::memory_order_acquire)) {
+    struct lu_fid luFid {};
+    const int rc = pPath2Fid(strPath.c_str(), &luFid);
+    if (rc != 0) return QI_ERROR_ERRNO(-rc, "llapi_path2fid(%s) failed", Esc(strPath).c_str());
+    fid = CLustreFID(luFid.f_seq, luFid.f_oid, luFid.f_ver);
+    return CQiError();
+  }
   std::string strOutput;
   QI_RETURN_IF_ERROR(Run("lfs path2fid " + Q(strPath), strOutput));
   // One path prints the FID alone; some versions print "PATH: [FID]".
@@ -220,4 +290,63 @@ CQiError CLustreToolsAPI::GetFIDFromPath(const std::string& strPath, CLustreFID&
     return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "Unexpected path2fid output for %s: %s", Esc(strPath).c_str(),
                           Esc(strText).c_str());
   return CQiError();
+}
+
+CQiError CLustreToolsAPI::GetFIDsFromPaths(const std::vector<std::string>& lstPaths, std::vector<CLustreFID>& lstFids,
+                                           std::vector<CQiError>& lstErrors) {
+  if (HasLibraryPath2Fid()) return LustreAPI::GetFIDsFromPaths(lstPaths, lstFids, lstErrors);
+  lstFids.assign(lstPaths.size(), CLustreFID());
+  lstErrors.assign(lstPaths.size(), CQiError());
+  // Batches bounded in paths and in command-line bytes; a path too long for any batch goes alone.
+  static constexpr size_t kFixed = sizeof("lfs path2fid") - 1;
+  size_t uFirst = 0;
+  while (uFirst < lstPaths.size()) {
+    size_t uEnd = uFirst, uBytes = kFixed;
+    while (uEnd < lstPaths.size() && uEnd - uFirst < kPath2FidBatchPaths) {
+      const size_t uWord = 1 + Q(lstPaths[uEnd]).size();
+      if (uEnd > uFirst && uBytes + uWord > kPath2FidBatchBytes) break;
+      uBytes += uWord;
+      ++uEnd;
+    }
+    Path2FidBatch(lstPaths, uFirst, uEnd, lstFids, lstErrors);
+    uFirst = uEnd;
+  }
+  return CQiError();
+}
+
+void CLustreToolsAPI::Path2FidBatch(const std::vector<std::string>& lstPaths, size_t uFirst, size_t uEnd,
+                                    std::vector<CLustreFID>& lstFids, std::vector<CQiError>& lstErrors) {
+  std::vector<bool> vAnswered(uEnd - uFirst, false);
+  if (uEnd - uFirst > 1) {
+    std::string strCommand = "lfs path2fid";
+    for (size_t i = uFirst; i < uEnd; ++i) strCommand += " " + Q(lstPaths[i]);
+    std::string strOutput;
+    int iExit = 0;
+    CQiError error = Run(strCommand, strOutput, std::string(), &iExit);
+    if (error.IsError()) ZRLOG(1, "path2fid batch failed, each path is asked alone: %s", error.AsString().c_str());
+    // Lines of the paths that resolved come in the order given; each starts with its path
+    // exactly as given, so a line is taken only for the path it names in full.
+    std::string_view output(strOutput);
+    for (size_t i = uFirst; i < uEnd && !output.empty(); ++i) {
+      const std::string& strPath = lstPaths[i];
+      if (output.size() <= strPath.size() + 2 || output.compare(0, strPath.size(), strPath) != 0 ||
+          output.compare(strPath.size(), 3, ": [") != 0)
+        continue;
+      const size_t uFid = strPath.size() + 2;
+      const size_t uClose = output.find(']', uFid);
+      if (uClose == std::string_view::npos || (uClose + 1 < output.size() && output[uClose + 1] != '\n')) continue;
+      CLustreFID fid;
+      if (!CLustreFID::FromText(output.substr(uFid, uClose + 1 - uFid), fid)) continue;
+      lstFids[i] = fid;
+      vAnswered[i - uFirst] = true;
+      output.remove_prefix(std::min(output.size(), uClose + 2));
+    }
+    if (ZRLOG_ON(1) && iExit == 0 && !output.empty())
+      ZRLOG(1, "Unexpected path2fid output: %s", Esc(std::string(output.substr(0, 256))).c_str());
+  }
+  // Unanswered paths (failed, or lines that did not match) are asked one by one: each gets a
+  // FID or its own error.
+  for (size_t i = uFirst; i < uEnd; ++i) {
+    if (!vAnswered[i - uFirst]) lstErrors[i] = GetFIDFromPath(lstPaths[i], lstFids[i]);
+  }
 }

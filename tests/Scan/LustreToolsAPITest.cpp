@@ -1,13 +1,17 @@
 // The real LustreAPI's command lines and output parsing, against fake lfs, lctl and ssh scripts
-// that record the arguments they were given and print what the tools print.
+// that record the arguments they were given and print what the tools print; batched path2fid
+// against an lfs that answers for a real tree; the library route through a fake liblustreapi.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <functional>
+#include <map>
 
 #include "Scan/Unix/LustreToolsAPI.h"
 #include "Support/FileText.h"
+#include "Support/LogCapture.h"
 #include "Support/TempTree.h"
 
 namespace {
@@ -35,6 +39,25 @@ class CFakeTools {
     WriteFileText(m_strBin + "/" + strTool + ".exit", std::to_string(iExit));
   }
   std::vector<std::string> Calls(const std::string& strTool) { return ReadFileLines(m_strBin + "/" + strTool + ".args"); }
+  // Makes lfs answer path2fid for real paths as lfs does: one path prints its FID alone, several
+  // print "PATH: [FID]" each; a path that does not resolve is a message on standard error and a
+  // non-zero exit. A path holding "noline" gets no line in a batch (an unmatched answer).
+  void EmulatePath2Fid() {
+    const std::string strTool = m_strBin + "/lfs";
+    WriteFileText(strTool, "#!/bin/sh\nshift\necho $# >> \"$0.count\"\nn=$#\nrc=0\nfor p in \"$@\"; do\n"
+                           "  if i=$(stat -c %i -- \"$p\" 2>/dev/null); then\n"
+                           "    f=$(printf '[0x%x:0x%x:0x0]' $((0x200000400 + (i >> 32))) $((i & 0xffffffff)))\n"
+                           "    if [ $n -eq 1 ]; then echo \"$f\"; else case \"$p\" in *noline*) ;; "
+                           "*) printf '%s: %s\\n' \"$p\" \"$f\";; esac; fi\n"
+                           "  else echo \"lfs path2fid: cannot get fid for '$p': No such file or directory\" >&2; rc=2; fi\n"
+                           "done\nexit $rc\n");
+  }
+  // Paths given to each call of the emulated path2fid.
+  std::vector<size_t> PathsPerCall() {
+    std::vector<size_t> vCalls;
+    for (const std::string& strLine : ReadFileLines(m_strBin + "/lfs.count")) vCalls.push_back(std::stoul(strLine));
+    return vCalls;
+  }
 
   CTempTree m_tree;
   std::string m_strBin, m_strOldPath;
@@ -198,5 +221,186 @@ TEST(LustreTools, MdtListWithHostsFromTheClientConnections) {
   EXPECT_EQ(tools.Calls("lctl"), (std::vector<std::string>{"[get_param][-n][mdc.lustre-MDT0000-mdc-*.mds_conn_uuid]",
                                                           "[get_param][-n][mdc.lustre-MDT0001-mdc-*.mds_conn_uuid]"}));
 }
+
+// ---- FIDs of real paths, shown relative to the tree ----
+
+// The FID the fakes give a path (from its inode), as text.
+std::string FidOf(const std::string& strPath) {
+  struct stat st {};
+  if (lstat(strPath.c_str(), &st) != 0) return "?";
+  return LustreAPI::CLustreFID(0x200000400ULL + (st.st_ino >> 32), st.st_ino & 0xffffffffULL, 0).ToString();
+}
+
+// "fid:NAME" when the FID is the named path's, else "errno:N" / "win32:N" for an error.
+std::string Show(const std::string& strRoot, const LustreAPI::CLustreFID& fid, const CQiError& error,
+                 const std::string& strName) {
+  if (error.IsError()) return (error.IsWin32() ? "win32:" : "errno:") + std::to_string(error.GetCode());
+  return fid.ToString() == FidOf(strRoot + "/" + strName) ? "fid:" + strName : "wrong:" + fid.ToString();
+}
+
+// ---- path2fid in batches through lfs ----
+
+struct SBatchCase {
+  const char* szName;
+  std::vector<std::string> lstNames;  // paths below the tree; those named "missing..." are not made
+  size_t uGenerated;                  // that many more, "g<number>" padded to uNameLength
+  size_t uNameLength;
+  std::vector<size_t> vCalls;         // paths per lfs call, in order
+  const char* szCommand;              // the first command line, ROOT for the tree (null: not checked)
+  std::vector<std::string> lstResults;  // per named path (generated ones must all get their FID)
+};
+
+const SBatchCase kBatchCases[] = {
+    {"OrdinaryNames", {"a", "d/e"}, 0, 0, {2}, "Running lfs path2fid ROOT/a ROOT/d/e", {"fid:a", "fid:d/e"}},
+    {"BlanksColonsAndBracketsInNames", {"b c", "x: [0x1:0x2:0x0]", "k:l", "-o"}, 0, 0, {4},
+     "Running lfs path2fid 'ROOT/b c' 'ROOT/x: [0x1:0x2:0x0]' ROOT/k:l ROOT/-o",
+     {"fid:b c", "fid:x: [0x1:0x2:0x0]", "fid:k:l", "fid:-o"}},
+    {"FailingPathInTheMiddleAskedAlone", {"a", "missing", "b c"}, 0, 0, {3, 1}, "Running lfs path2fid ROOT/missing",
+     {"fid:a", "win32:1168", "fid:b c"}},
+    {"UnmatchedLineAskedAlone", {"a", "noline", "b c"}, 0, 0, {3, 1}, "Running lfs path2fid ROOT/noline",
+     {"fid:a", "fid:noline", "fid:b c"}},
+    {"NewlineInName", {"n\nl: [0x9:0x9:0x0]", "a"}, 0, 0, {2}, nullptr, {"fid:n\nl: [0x9:0x9:0x0]", "fid:a"}},
+    {"PathCountCap", {}, 300, 4, {256, 44}, nullptr, {}},
+    {"CommandLengthCap", {}, 300, 250, {}, nullptr, {}},
+};
+
+class LustreBatchPath2FidTest : public ::testing::TestWithParam<SBatchCase> {};
+
+TEST_P(LustreBatchPath2FidTest, OneCallPerBatchAndEveryPathAnswered) {
+  const SBatchCase& c = GetParam();
+  CFakeTools tools;
+  tools.EmulatePath2Fid();
+  CTempTree tree;
+  std::vector<std::string> lstPaths;
+  for (const std::string& strName : c.lstNames) {
+    if (strName.rfind("missing", 0) != 0) tree.MakeFile(strName);
+    lstPaths.push_back(tree.Path(strName));
+  }
+  for (size_t i = 0; i < c.uGenerated; ++i) {
+    std::string strName = "g" + std::to_string(i);
+    strName.resize(std::max(strName.size(), c.uNameLength), 'x');
+    tree.MakeFile(strName);
+    lstPaths.push_back(tree.Path(strName));
+  }
+  CLustreToolsAPI api;
+  std::vector<LustreAPI::CLustreFID> lstFids;
+  std::vector<CQiError> lstErrors;
+  CLogCapture log;
+  ASSERT_TRUE(api.GetFIDsFromPaths(lstPaths, lstFids, lstErrors).IsSuccess());
+  ASSERT_EQ(lstFids.size(), lstPaths.size());
+  ASSERT_EQ(lstErrors.size(), lstPaths.size());
+  for (size_t i = 0; i < c.lstNames.size(); ++i)
+    EXPECT_EQ(Show(tree.Root(), lstFids[i], lstErrors[i], c.lstNames[i]), c.lstResults[i]);
+  for (size_t i = c.lstNames.size(); i < lstPaths.size(); ++i)
+    EXPECT_EQ(lstFids[i].ToString(), FidOf(lstPaths[i])) << lstPaths[i];
+  const std::vector<size_t> vCalls = tools.PathsPerCall();
+  if (c.uNameLength > 100) {
+    std::vector<size_t> vLengths;  // of the command lines logged
+    for (const auto& entry : log->GetEntries()) {
+      const size_t pos = entry.text.find("Running lfs path2fid ");
+      if (pos != std::string::npos) vLengths.push_back(entry.text.size() - pos - 8);
+    }
+    EXPECT_EQ(vLengths.size(), vCalls.size());
+    // Bounded in bytes before the count cap is reached, each line under the byte cap.
+    ASSERT_EQ(vCalls.size(), 2u);
+    EXPECT_LT(vCalls[0], CLustreToolsAPI::kPath2FidBatchPaths);
+    for (size_t uLength : vLengths) EXPECT_LE(uLength, CLustreToolsAPI::kPath2FidBatchBytes);
+  } else {
+    EXPECT_EQ(vCalls, c.vCalls);
+  }
+  if (c.szCommand != nullptr) {
+    std::string strCommand = c.szCommand;
+    for (size_t pos; (pos = strCommand.find("ROOT")) != std::string::npos;) strCommand.replace(pos, 4, tree.Root());
+    EXPECT_EQ(log->Count(strCommand), 1u) << strCommand;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lustre, LustreBatchPath2FidTest, ::testing::ValuesIn(kBatchCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- the library: path2fid and fid2path in this process, the tools for what it lacks ----
+
+struct SLibraryCase {
+  const char* szName;
+  const char* szLibrary;  // the fake, the fake without llapi_fid2path, or a file that is not there
+  std::function<std::string(CLustreToolsAPI&, const std::string&)> call;  // outcome as text
+  std::string strResult;
+  int iLibraryCalls;  // calls the fake counted
+  size_t uLfsCalls;
+};
+
+std::string Fid2Path(CLustreToolsAPI& api, const std::string& strRoot, const std::string& strName) {
+  LustreAPI::CLustreFID fid;
+  (void)LustreAPI::CLustreFID::FromText(FidOf(strRoot + "/" + strName), fid);
+  std::vector<std::string> lstPaths;
+  CQiError error = api.GetPathFromFID(strRoot, fid, lstPaths);
+  std::string strResult = error.IsError() ? Show(strRoot, fid, error, "") : "";
+  for (const std::string& strPath : lstPaths) strResult += strPath.substr(strRoot.size()) + "|";
+  return strResult;
+}
+
+std::string Path2Fid(CLustreToolsAPI& api, const std::string& strRoot, const std::vector<std::string>& lstNames) {
+  std::vector<std::string> lstPaths;
+  for (const std::string& strName : lstNames) lstPaths.push_back(strRoot + "/" + strName);
+  std::vector<LustreAPI::CLustreFID> lstFids;
+  std::vector<CQiError> lstErrors;
+  std::string strResult;
+  if (lstPaths.size() == 1) {
+    lstFids.resize(1);
+    lstErrors.push_back(api.GetFIDFromPath(lstPaths[0], lstFids[0]));
+  } else if (CQiError error = api.GetFIDsFromPaths(lstPaths, lstFids, lstErrors); error.IsError()) {
+    return error.AsString();
+  }
+  for (size_t i = 0; i < lstNames.size(); ++i) strResult += Show(strRoot, lstFids[i], lstErrors[i], lstNames[i]) + "|";
+  return strResult;
+}
+
+const SLibraryCase kLibraryCases[] = {
+    {"Path2Fid", FAKE_LUSTREAPI, [](auto& api, auto& r) { return Path2Fid(api, r, {"d/b c"}); }, "fid:d/b c|", 1, 0},
+    {"Path2FidMissing", FAKE_LUSTREAPI, [](auto& api, auto& r) { return Path2Fid(api, r, {"gone"}); }, "errno:2|", 1, 0},
+    {"BatchPathByPath", FAKE_LUSTREAPI, [](auto& api, auto& r) { return Path2Fid(api, r, {"h1", "gone", "d/b c"}); },
+     "fid:h1|errno:2|fid:d/b c|", 3, 0},
+    {"Fid2PathEveryLink", FAKE_LUSTREAPI, [](auto& api, auto& r) { return Fid2Path(api, r, "h1"); }, "/d/h3|/h1|/h2|", 3, 0},
+    {"Fid2PathOneLink", FAKE_LUSTREAPI, [](auto& api, auto& r) { return Fid2Path(api, r, "d/b c"); }, "/d/b c|", 1, 0},
+    {"Fid2PathUnknown", FAKE_LUSTREAPI, [](auto& api, auto& r) { return Fid2Path(api, r, "gone"); }, "errno:2", 1, 0},
+    {"LackingFid2PathRunsLfs", FAKE_LUSTREAPI_LACKING, [](auto& api, auto& r) { return Fid2Path(api, r, "h1"); },
+     "/h1|", 0, 1},
+    {"LackingFid2PathStillPath2Fid", FAKE_LUSTREAPI_LACKING, [](auto& api, auto& r) { return Path2Fid(api, r, {"h2"}); },
+     "fid:h2|", 1, 0},
+    {"NoLibraryRunsLfs", "/nonexistent/liblustreapi.so.1", [](auto& api, auto& r) { return Path2Fid(api, r, {"h1"}); },
+     "fid:h1|", 0, 1},
+};
+
+class LustreLibraryTest : public ::testing::TestWithParam<SLibraryCase> {};
+
+TEST_P(LustreLibraryTest, LibraryWhenItHasTheFunctionElseLfs) {
+  const SLibraryCase& c = GetParam();
+  CFakeTools tools;
+  CTempTree tree;
+  tree.MakeFile("d/b c");
+  tree.MakeFile("h1");
+  (void)link(tree.Path("h1").c_str(), tree.Path("h2").c_str());
+  (void)link(tree.Path("h1").c_str(), tree.Path("d/h3").c_str());
+  if (std::string(c.szName).find("Fid2PathRuns") != std::string::npos) tools.Answer("lfs", "h1\n");
+  else tools.EmulatePath2Fid();
+  void* pHandle = dlopen(c.szLibrary, RTLD_NOW | RTLD_LOCAL);
+  auto calls = pHandle ? reinterpret_cast<int (*)()>(dlsym(pHandle, "FakeLustreApiCalls")) : nullptr;
+  const int iBefore = calls ? calls() : 0;
+  {
+    CLustreToolsAPI api({"/nonexistent/liblustreapi.so.1", c.szLibrary});
+    CLogCapture log;
+    ASSERT_TRUE(api.LoadFunctions().IsSuccess());
+    EXPECT_EQ(log->CountContaining("The Lustre library is not available"), pHandle ? 0u : 1u);
+    EXPECT_EQ(log->Count("The Lustre library has no llapi_fid2path: fid2path runs lfs"),
+              pHandle && c.szLibrary != std::string(FAKE_LUSTREAPI) ? 1u : 0u);
+    EXPECT_EQ(c.call(api, tree.Root()), c.strResult);
+  }
+  EXPECT_EQ((calls ? calls() : 0) - iBefore, c.iLibraryCalls);
+  EXPECT_EQ(tools.PathsPerCall().size() + tools.Calls("lfs").size(), c.uLfsCalls);
+  if (pHandle) dlclose(pHandle);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lustre, LustreLibraryTest, ::testing::ValuesIn(kLibraryCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
 
 }  // namespace
