@@ -251,6 +251,37 @@ TEST(LustreKilledJob, RunAgainEndsWithTheSameDatabase) {
   EXPECT_EQ(f.Stored(), f.Walked());
 }
 
+// ---- the full walk: an entry without FID, in a folder listed over several FID batches ----
+
+class CNoFidLustre : public CSimulatedLustreAPI {
+ public:
+  using CSimulatedLustreAPI::CSimulatedLustreAPI;
+  CQiError GetFIDFromPath(const std::string& strPath, CLustreFID& fid) override {
+    if (strPath.ends_with("/nofid")) return QI_ERROR_ERRNO(EIO, "path2fid %s", strPath.c_str());
+    return CSimulatedLustreAPI::GetFIDFromPath(strPath, fid);
+  }
+};
+
+TEST(LustreFullWalk, EntryWithoutFidIsAFailureAndNotInTheDatabase) {
+  CLustreFixture f;
+  auto pApi = std::make_shared<CNoFidLustre>(f.m_strRoot, CLustreFixture::kMdts);
+  f.m_pApi = pApi;
+  LustreAPI::SetCurrent(pApi);
+  f.MakeTree();
+  for (int i = 0; i < 600; ++i) f.m_tree.MakeFile("fs/many/f" + std::to_string(i));
+  f.m_tree.MakeFile("fs/many/nofid");
+  f.m_pCallback->UseFailuresFile(f.m_tree.Path("failures"));
+  CLogCapture log;
+  ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
+  EXPECT_EQ(log->CountContaining("Error in Adding File " + f.m_strRoot + "/many/nofid due to"), 1u);
+  const std::vector<std::string> lstFailures = f.m_pCallback->FailureLines();
+  ASSERT_EQ(lstFailures.size(), 1u);
+  EXPECT_NE(lstFailures[0].find(f.m_strRoot + "/many/nofid"), std::string::npos) << lstFailures[0];
+  std::vector<SEntry> lstWalked = f.Walked();
+  std::erase_if(lstWalked, [](const SEntry& entry) { return entry.strPath == "many/nofid"; });
+  EXPECT_EQ(f.Stored(), lstWalked);
+}
+
 // ---- reader registration: the MDT set, refusing hosts, batch sizes ----
 
 TEST(LustreReaders, ChangedMdtSetReRegistersAndScansFull) {
