@@ -1,7 +1,8 @@
 // LustreAPI: what the Lustre changelog engine asks of a Lustre file system, behind one seam.
 //
 // Two implementations: CLustreToolsAPI drives the file system's own tools (lfs, lctl, over ssh
-// on the MDT hosts where the operation must run there), and CSimulatedLustreAPI serves a real
+// on the MDT hosts where the operation must run there; liblustreapi for path2fid and fid2path
+// when it is installed), and CSimulatedLustreAPI serves a real
 // folder tree with a FID map and a changelog in the tools' text format, for tests and for the
 // fsscan test option. The engine takes the process-wide one (Current()) once per work unit.
 //
