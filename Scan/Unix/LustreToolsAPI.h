@@ -58,15 +58,14 @@
 
 #include "Scan/Unix/LustreAPI.h"
 
-// The FID as the library's functions take it.
-struct lu_fid {
-  uint64_t f_seq;
-  uint32_t f_oid;
-  uint32_t f_ver;
-};
-
 class CLustreToolsAPI : public LustreAPI {
  public:
+  // The FID as the library's functions take it (the layout of its struct lu_fid).
+  struct lu_fid {
+    uint64_t f_seq;
+    uint32_t f_oid;
+    uint32_t f_ver;
+  };
   static constexpr uint64_t kLustreMagic = 0x0BD00BD0;
   static constexpr uint32_t kCommandTimeoutMs = 600000;
   // One `lfs path2fid` batch: at most this many paths and this many bytes of command line (the

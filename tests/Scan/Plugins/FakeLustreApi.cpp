@@ -3,17 +3,14 @@
 // (FAKE_LUSTREAPI_LACKS_FID2PATH). FIDs come from inode numbers as in the simulated Lustre:
 // [0x200000400 + (ino >> 32) : ino & 0xffffffff : 0x0]. llapi_fid2path walks the device path for
 // the inode's links, in name order, one per call, advancing linkno while links remain.
-// FakeLustreApiCalls counts the calls of both functions.
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <string>
 #include <vector>
 
 struct lu_fid {
@@ -22,16 +19,9 @@ struct lu_fid {
   uint32_t f_ver;
 };
 
-namespace {
-int s_iCalls = 0;
-}
-
 extern "C" {
 
-__attribute__((visibility("default"))) int FakeLustreApiCalls() { return s_iCalls; }
-
 __attribute__((visibility("default"))) int llapi_path2fid(const char* path, struct lu_fid* fid) {
-  ++s_iCalls;
   struct stat st {};
   if (lstat(path, &st) != 0) return -errno;
   fid->f_seq = 0x200000400ULL + (static_cast<uint64_t>(st.st_ino) >> 32);
@@ -43,7 +33,6 @@ __attribute__((visibility("default"))) int llapi_path2fid(const char* path, stru
 #ifndef FAKE_LUSTREAPI_LACKS_FID2PATH
 __attribute__((visibility("default"))) int llapi_fid2path(const char* device, const char* fidstr, char* path,
                                                           int pathlen, long long* /*recno*/, int* linkno) {
-  ++s_iCalls;
   uint64_t ullSeq = 0;
   uint32_t uOid = 0, uVer = 0;
   if (sscanf(fidstr, "[0x%" SCNx64 ":0x%" SCNx32 ":0x%" SCNx32 "]", &ullSeq, &uOid, &uVer) != 3) return -EINVAL;
