@@ -316,20 +316,25 @@ CQiError CLustreToolsAPI::GetFIDsFromPaths(const std::vector<std::string>& lstPa
 
 void CLustreToolsAPI::Path2FidBatch(const std::vector<std::string>& lstPaths, size_t uFirst, size_t uEnd,
                                     std::vector<CLustreFID>& lstFids, std::vector<CQiError>& lstErrors) {
+  // A name holding a newline is asked alone: without one in the batch, every output line is
+  // one path's whole answer.
+  std::vector<size_t> vBatch;
+  for (size_t i = uFirst; i < uEnd; ++i)
+    if (lstPaths[i].find('\n') == std::string::npos) vBatch.push_back(i);
   std::vector<bool> vAnswered(uEnd - uFirst, false);
-  if (uEnd - uFirst > 1) {
+  if (vBatch.size() > 1) {
     std::string strCommand = "lfs path2fid";
-    for (size_t i = uFirst; i < uEnd; ++i) strCommand += " " + Q(lstPaths[i]);
+    for (size_t i : vBatch) strCommand += " " + Q(lstPaths[i]);
     std::string strOutput;
     int iExit = 0;
     CQiError error = Run(strCommand, strOutput, std::string(), &iExit);
     if (error.IsError()) ZRLOG(1, "path2fid batch failed, each path is asked alone: %s", error.AsString().c_str());
-    // Lines of the paths that resolved come in the order given; each starts with its path
-    // exactly as given, so a line is taken only for the path it names in full.
+    // The lines of the paths that resolved come in the order given, each "PATH: [FID]" with the
+    // path exactly as given; a path whose line is not next has none (it failed).
     std::string_view output(strOutput);
-    for (size_t i = uFirst; i < uEnd && !output.empty(); ++i) {
+    for (size_t i : vBatch) {
       const std::string& strPath = lstPaths[i];
-      if (output.size() <= strPath.size() + 2 || output.compare(0, strPath.size(), strPath) != 0 ||
+      if (output.size() <= strPath.size() + 3 || output.compare(0, strPath.size(), strPath) != 0 ||
           output.compare(strPath.size(), 3, ": [") != 0)
         continue;
       const size_t uFid = strPath.size() + 2;
@@ -341,10 +346,10 @@ void CLustreToolsAPI::Path2FidBatch(const std::vector<std::string>& lstPaths, si
       vAnswered[i - uFirst] = true;
       output.remove_prefix(std::min(output.size(), uClose + 2));
     }
-    if (ZRLOG_ON(1) && iExit == 0 && !output.empty())
+    if (ZRLOG_ON(1) && !output.empty())
       ZRLOG(1, "Unexpected path2fid output: %s", Esc(std::string(output.substr(0, 256))).c_str());
   }
-  // Unanswered paths (failed, or lines that did not match) are asked one by one: each gets a
+  // Unanswered paths (failed, unmatched, or not in the batch) are asked one by one: each gets a
   // FID or its own error.
   for (size_t i = uFirst; i < uEnd; ++i) {
     if (!vAnswered[i - uFirst]) lstErrors[i] = GetFIDFromPath(lstPaths[i], lstFids[i]);

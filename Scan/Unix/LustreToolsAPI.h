@@ -35,9 +35,10 @@
 //                    path that resolves, in the order given; a path that does not resolve
 //                    has a message on standard error instead, and the exit code is non-zero.
 //                    A batch's lines are matched to its paths in order by their exact
-//                    "PATH: [" prefix (names may hold blanks, colons, ": [" or newlines); a path
-//                    left without a matching line gets its own `lfs path2fid PATH`, which gives
-//                    its FID or its own error.
+//                    "PATH: [" prefix and a whole FID ending the line (names may hold blanks,
+//                    colons and ": ["); a path left without a matching line, and a path holding
+//                    a newline (never batched), gets its own `lfs path2fid PATH`, which gives its
+//                    FID or its own error.
 // A tool that cannot start, exits non-zero or prints nothing usable is Win32 1627 with the
 // command and its output; "No such file or directory" from fid2path is Win32 1168. Commands
 // time out after kCommandTimeoutMs.

@@ -252,11 +252,14 @@ const SBatchCase kBatchCases[] = {
     {"BlanksColonsAndBracketsInNames", {"b c", "x: [0x1:0x2:0x0]", "k:l", "-o"},
      "fid:b c|fid:x: [0x1:0x2:0x0]|fid:k:l|fid:-o|", "4\n",
      "Running lfs path2fid 'ROOT/b c' 'ROOT/x: [0x1:0x2:0x0]' ROOT/k:l ROOT/-o"},
-    {"FailingPathInTheMiddleAskedAlone", {"a", "missing", "b c"}, "fid:a|win32:1168|fid:b c|", "3\n1\n",
+    // The line of "missing: [0x1:0x2:0x0]" starts like one for "missing", which has none.
+    {"FailingPathInTheMiddleAskedAlone", {"a", "missing", "missing: [0x1:0x2:0x0]", "b c"},
+     "fid:a|win32:1168|fid:missing: [0x1:0x2:0x0]|fid:b c|", "4\n1\n",
      "Running lfs path2fid ROOT/missing"},
     {"UnmatchedLineAskedAlone", {"a", "noline", "b c"}, "fid:a|fid:noline|fid:b c|", "3\n1\n",
      "Running lfs path2fid ROOT/noline"},
-    {"NewlineInName", {"n\nl: [0x9:0x9:0x0]", "a"}, "fid:n\nl: [0x9:0x9:0x0]|fid:a|", "2\n", nullptr},
+    {"NewlineInNameAskedAlone", {"a", "b\nc: [0x9:0x9:0x0]", "b"}, "fid:a|fid:b\nc: [0x9:0x9:0x0]|fid:b|",
+     "2\n1\n", "Running lfs path2fid ROOT/a ROOT/b"},
     {"PathCountCap", {}, "", "256\n44\n", nullptr, 300, 4},
     {"CommandLengthCap", {}, "", "234\n66\n", nullptr, 300, 255},  // 280 bytes a path: 234 fit in 64 KiB
 };
