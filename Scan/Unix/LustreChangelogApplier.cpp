@@ -12,6 +12,7 @@
 #include "Platform/FXPath.h"
 #include "Platform/FXString.h"
 #include "Platform/LogWriterInterface.h"
+#include "Scan/Unix/LustreChangelogReader.h"
 #include "Scan/Unix/ZrScanDBLustreRecord.h"
 
 namespace {
@@ -44,57 +45,40 @@ CLustreChangelogApplier::CLustreChangelogApplier(CScanDbStore& store, LustreAPI&
 
 CQiError CLustreChangelogApplier::ProcessChangelogs(const std::string& strFile, int64_t llFirst, int64_t llLast,
                                                     SCounts& counts) {
-  std::unique_ptr<FILE, int (*)(FILE*)> pFile(fopen(strFile.c_str(), "re"), fclose);
-  if (!pFile) return QI_ERROR_ERRNO(errno, "Cannot Open Changelog File %s", Esc(strFile).c_str());
-  char* pLine = nullptr;
-  size_t nSize = 0;
-  ssize_t nRead;
+  CLustreChangelogReader reader;
+  QI_RETURN_IF_ERROR(reader.Open(strFile, llFirst, llLast));
   CQiError firstError;
   CLustreChangelogRecord record;
-  while ((nRead = getline(&pLine, &nSize, pFile.get())) > 0) {
-    const std::string_view line(pLine, static_cast<size_t>(nRead));
+  for (;;) {
+    bool bEnd = false;
+    CQiError error = reader.Next(record, bEnd);
+    if (bEnd) {
+      if (error.IsError()) return QI_PUSH(error);  // the file could not be read
+      break;
+    }
     ++counts.ullRecords;
-    ZRLOG(4, "The ChangelogLine - [%s]", Esc(line).c_str());
-    CQiError error;
-    if (line.back() != '\n' && !feof(pFile.get())) {
-      error = QI_ERROR_WIN32(QiErrorCode::InvalidData, "Cannot read the whole line");
-    } else {
-      error = CLustreChangelogRecord::Parse(line, record);
-    }
-    if (error.IsError()) {
-      ZRLOG(4, "Invalid Line read from changelog file %s", Esc(strFile).c_str());
-      ++counts.ullFailed;
-      if (firstError.IsSuccess())
-        firstError = QI_PUSH(error, "Invalid Line read from changelog file %s", Esc(strFile).c_str());
-      continue;
-    }
-    if (record.m_llIndex < llFirst || record.m_llIndex > llLast || record.m_llIndex <= counts.llLastIndex) {
-      ++counts.ullFailed;
-      if (firstError.IsSuccess())
-        firstError = QI_ERROR_WIN32(QiErrorCode::InvalidData,
-                                    "Changelog record %lld out of order or outside %lld to %lld in %s",
-                                    static_cast<long long>(record.m_llIndex), static_cast<long long>(llFirst),
-                                    static_cast<long long>(llLast), Esc(strFile).c_str());
-      continue;
-    }
-    counts.llLastIndex = record.m_llIndex;
-    bool bApplied = false;
-    error = ApplyRecord(record, bApplied);
+    if (error.IsSuccess()) error = Apply(record, counts);
     if (error.IsError()) {
       ++counts.ullFailed;
-      ZRLOG(-1, "Changelog record %lld of %s not applied, error=%s", static_cast<long long>(record.m_llIndex),
-            Esc(strFile).c_str(), error.AsString().c_str());
       if (firstError.IsSuccess()) firstError = QI_PUSH(error);
-      continue;
     }
-    if (record.m_eChange != kLustreModified) ++(bApplied ? counts.ullApplied : counts.ullIgnored);
   }
-  CQiError flushError = FlushModifications(counts);
+  counts.llLastIndex = reader.GetLastIndex();
+  CQiError flushError = Flush(counts);
   if (flushError.IsError() && firstError.IsSuccess()) firstError = QI_PUSH(flushError);
-  const bool bReadError = ferror(pFile.get()) != 0;
-  free(pLine);
-  if (bReadError) return QI_ERROR_ERRNO(EIO, "Cannot read Changelog File %s", Esc(strFile).c_str());
   if (firstError.IsError()) return QI_PUSH(firstError, "Cannot Process Changelogs");
+  return CQiError();
+}
+
+CQiError CLustreChangelogApplier::Apply(const CLustreChangelogRecord& record, SCounts& counts) {
+  bool bApplied = false;
+  CQiError error = ApplyRecord(record, bApplied);
+  if (error.IsError()) {
+    ZRLOG(-1, "Changelog record %lld not applied, error=%s", static_cast<long long>(record.m_llIndex),
+          error.AsString().c_str());
+    return QI_PUSH(error);
+  }
+  if (record.m_eChange != kLustreModified) ++(bApplied ? counts.ullApplied : counts.ullIgnored);
   return CQiError();
 }
 
@@ -236,7 +220,7 @@ CQiError CLustreChangelogApplier::RefreshByFid(const std::string& strFid, bool& 
   return CQiError();
 }
 
-CQiError CLustreChangelogApplier::FlushModifications(SCounts& counts) {
+CQiError CLustreChangelogApplier::Flush(SCounts& counts) {
   CQiError firstError;
   for (const auto& [strFid, ullRecords] : m_mapModified) {
     bool bFound = false;

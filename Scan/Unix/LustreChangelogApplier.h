@@ -1,5 +1,6 @@
-// CLustreChangelogApplier: applies the changelog records of one MDT to the Lustre engine's scan
-// database (ProcessChangelogs of the engine).
+// CLustreChangelogApplier: applies changelog records to the Lustre engine's scan database, one
+// record at a time (Apply, then Flush before each commit: the engine's merge of every MDT's
+// records, CLustreChangelogMerger) or a whole file of one MDT (ProcessChangelogs).
 //
 // Each record names its objects by FID: the parent folder's path is looked up by the parent
 // FID in the database (a small cache of recent parents saves most look-ups; it is emptied when
@@ -26,10 +27,10 @@
 // parent it places inside a content root means the database lost track: an error.
 //
 // Exactness: a line that is not a record, a record out of index order or outside the fetched
-// range, a namespace record without parent and name, and any failed database operation make
-// ProcessChangelogs fail once the file is read (the failures logged one by one with the
-// engine's messages), so that the job turns into a full scan instead of leaving the database
-// with a hole. A remove of a path the database does not have is logged and changes nothing (the
+// range (checked by CLustreChangelogReader), a namespace record without parent and name, and any
+// failed database operation make Apply and ProcessChangelogs fail (the latter once the file is
+// read, the failures logged one by one with the engine's messages), so that the job turns into a
+// full scan instead of leaving the database with a hole. A remove of a path the database does not have is logged and changes nothing (the
 // end state is the same).
 //
 // Ownership: works on the store, API and hard-link table it is given (all outlive it).
@@ -63,8 +64,14 @@ class CLustreChangelogApplier {
                           std::vector<std::string> lstRoots, CLustreHardlinkManager* pHardlinks);
 
   // Applies the records of the file in order; their indexes must rise and lie in
-  // [llFirst, llLast].
+  // [llFirst, llLast]. Flushes at the end.
   CQiError ProcessChangelogs(const std::string& strFile, int64_t llFirst, int64_t llLast, SCounts& counts);
+  // Applies one record (its place in its MDT's order checked by the caller); modifications are
+  // gathered until Flush. The failure is logged at level -1.
+  CQiError Apply(const CLustreChangelogRecord& record, SCounts& counts);
+  // Refreshes the records of the gathered modifications (counted) and of the parents named by
+  // applied namespace records: before every commit.
+  CQiError Flush(SCounts& counts);
   // Adds (or refreshes) the object at the path and, for a folder, everything below it (FIDs
   // from the API): objects moved in from outside the content, and previous scan failures.
   CQiError AddSubtree(const std::string& strPath);
@@ -73,8 +80,6 @@ class CLustreChangelogApplier {
   enum class EWhere { kInside, kOutside };
   // Applies one parsed record. bApplied false when it changes nothing (or is gathered).
   CQiError ApplyRecord(const CLustreChangelogRecord& record, bool& bApplied);
-  // Refreshes the records of the gathered modifications (counted) and parents.
-  CQiError FlushModifications(SCounts& counts);
   // Refreshes the record of the FID from the object at its recorded path; bFound false when the
   // database does not have the FID or the object is gone.
   CQiError RefreshByFid(const std::string& strFid, bool& bFound);

@@ -1,5 +1,7 @@
 #include "Scan/Unix/LustreChangelogRecord.h"
 
+#include <chrono>
+
 #include "Platform/FXErrorUtil.h"
 #include "Platform/FXString.h"
 #include "Scan/Unix/LustreAPI.h"
@@ -20,6 +22,29 @@ constexpr STypeToken kTokens[] = {
     {"XATTR", LustreChangelogType(15)}, {"HSM", LustreChangelogType(16)},
     {"MTIME", LustreChangelogType(17)}, {"CTIME", LustreChangelogType(18)},
     {"ATIME", kLustreAtime},       {"MIGRT", kLustreMigrate}};
+
+// A number of 1 to nDigits decimal digits, at most ullMax, with nothing else.
+bool TakeNumber(std::string_view text, size_t nDigits, unsigned long long ullMax, unsigned long long& ullValue) {
+  if (text.empty() || text.size() > nDigits) return false;
+  ullValue = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return false;
+    ullValue = ullValue * 10 + static_cast<unsigned long long>(c - '0');
+  }
+  return ullValue <= ullMax;
+}
+
+// Splits "A<sep>B<sep>C" into three parts; false when the count differs.
+bool Split3(std::string_view text, char cSep, std::string_view (&parts)[3]) {
+  for (int i = 0; i < 2; ++i) {
+    const size_t pos = text.find(cSep);
+    if (pos == std::string_view::npos) return false;
+    parts[i] = text.substr(0, pos);
+    text.remove_prefix(pos + 1);
+  }
+  parts[2] = text;
+  return text.find(cSep) == std::string_view::npos;
+}
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -95,6 +120,32 @@ LustreChangeType CLustreChangelogRecord::ChangeOfType(LustreChangelogType eType)
   return eType >= 10 && eType <= 18 ? kLustreModified : kLustreChangeNone;
 }
 
+CQiError CLustreChangelogRecord::ParseTime(std::string_view time, std::string_view date, int64_t& llTime) {
+  const std::string_view whole = time;
+  std::string_view clock[3], calendar[3];
+  unsigned long long ullHour = 0, ullMinute = 0, ullSecond = 0, ullNano = 0, ullYear = 0, ullMonth = 0, ullDay = 0;
+  const size_t dot = time.find('.');
+  const std::string_view fraction = dot == std::string_view::npos ? std::string_view() : time.substr(dot + 1);
+  if (dot != std::string_view::npos) time = time.substr(0, dot);
+  const bool bTime = Split3(time, ':', clock) && TakeNumber(clock[0], 2, 23, ullHour) &&
+                     TakeNumber(clock[1], 2, 59, ullMinute) && TakeNumber(clock[2], 2, 60, ullSecond) &&
+                     (dot == std::string_view::npos || TakeNumber(fraction, 9, 999999999, ullNano));
+  const bool bDate = Split3(date, '.', calendar) && TakeNumber(calendar[0], 4, 9999, ullYear) &&
+                     TakeNumber(calendar[1], 2, 12, ullMonth) && TakeNumber(calendar[2], 2, 31, ullDay);
+  const std::chrono::year_month_day ymd{std::chrono::year(static_cast<int>(ullYear)),
+                                        std::chrono::month(static_cast<unsigned>(ullMonth)),
+                                        std::chrono::day(static_cast<unsigned>(ullDay))};
+  // Nanoseconds since 1970 fit 64 bits up to 2262; earlier years than 1970 do not occur.
+  if (!bTime || !bDate || !ymd.ok() || ullYear < 1970 || ullYear > 2261)
+    return QI_ERROR_WIN32(QiErrorCode::InvalidData, "Invalid changelog record time [%s %s]",
+                          FXString::EscapeControl(whole).c_str(), FXString::EscapeControl(date).c_str());
+  const int64_t llDays = std::chrono::sys_days(ymd).time_since_epoch().count();
+  llTime = ((llDays * 24 + static_cast<int64_t>(ullHour)) * 60 + static_cast<int64_t>(ullMinute)) * 60 +
+           static_cast<int64_t>(ullSecond);
+  llTime = llTime * 1000000000LL + static_cast<int64_t>(ullNano);
+  return CQiError();
+}
+
 CQiError CLustreChangelogRecord::Parse(std::string_view line, CLustreChangelogRecord& record) {
   if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
   record.m_strTargetParentFID.clear();
@@ -115,9 +166,9 @@ CQiError CLustreChangelogRecord::Parse(std::string_view line, CLustreChangelogRe
       (type.size() < 3 || type[0] < '0' || type[0] > '9' || type[1] < '0' || type[1] > '9'))
     return Invalid("type", line);
   record.m_eChange = ChangeOfType(record.m_eType);
-  // Time, date and flags.
-  for (int i = 0; i < 3; ++i)
-    if (NextWord(rest).empty()) return Invalid("time, date or flags", line);
+  const std::string_view time = NextWord(rest), date = NextWord(rest);
+  if (ParseTime(time, date, record.m_llTime).IsError()) return Invalid("time or date", line);
+  if (NextWord(rest).empty()) return Invalid("flags", line);
   std::string_view target = NextWord(rest);
   if (target.substr(0, 2) != "t=" || TakeFid(target.substr(2), record.m_strTargetFID) != target.size() - 2)
     return Invalid("t=", line);

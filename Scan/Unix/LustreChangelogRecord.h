@@ -12,6 +12,12 @@
 // A name that itself holds text of exactly that shape cannot be told apart; such a record is
 // taken at the first occurrence.
 //
+// TIME and DATE ("13:57:43.412345678 2026.11.23") become one comparable value, nanoseconds
+// since 1970-01-01 as printed (no time zone applied): the records of several MDTs are merged by
+// it. The digits after the dot are the nanoseconds as a number (a tool that does not pad them
+// prints ".5" for 5 ns, so ".5" is before ".40"); at most nine digits. A time or date out of
+// range, or a calendar date that does not exist, makes the line invalid.
+//
 // FIDs are kept in their canonical text form (CLustreFID::ToString), so that they compare with
 // the FIDs the scan database holds. Parse refuses a line that does not have this shape (Win32
 // 13, "Invalid Line read from changelog file ..." by the caller): never a record half read.
@@ -48,7 +54,12 @@ class CLustreChangelogRecord {
   // not a record.
   static CQiError Parse(std::string_view line, CLustreChangelogRecord& record);
 
+  // TIME and DATE as nanoseconds since 1970-01-01 (Win32 13 when they are not a time and a
+  // date); used by Parse, public for the merge order tables.
+  static CQiError ParseTime(std::string_view time, std::string_view date, int64_t& llTime);
+
   int64_t m_llIndex = 0;
+  int64_t m_llTime = 0;               // TIME DATE, nanoseconds since 1970-01-01
   LustreChangelogType m_eType = kLustreMark;
   LustreChangeType m_eChange = kLustreChangeNone;
   std::string m_strTypeToken;         // "01CREAT"

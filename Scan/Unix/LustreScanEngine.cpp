@@ -20,6 +20,7 @@
 #include "Scan/ScanDB/ScanDbFiles.h"
 #include "Scan/ScannerConfigurationBagId.h"
 #include "Scan/Unix/LustreChangelogApplier.h"
+#include "Scan/Unix/LustreChangelogMerger.h"
 #include "Scan/Unix/LustreReaderFile.h"
 #include "Scan/Unix/LustreRecursiveEnumerateFiles.h"
 #include "Scan/Unix/LustreScanDBEnumerateFiles.h"
@@ -516,20 +517,21 @@ CQiError CLustreScanEngine::ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit) {
   QI_RETURN_IF_ERROR(ReadEndOfChangelogReaders(kStatsTmp, lstCurrent),
                      "Cannot read the changelog reader information from current backup");
   ZRDebugBreak::Hook(kApplySleepHook, [this] { return IsJobAborted(); });
+  // Every MDT's records in one stream ordered by time (CLustreChangelogMerger), each MDT from the
+  // record after the one the database says it holds. The statistics file says the same unless a
+  // job died between its post-operations.
+  CLustreChangelogApplier applier(*m_pStore, *m_pApi, m_strMount, m_lstRoots, m_pHardlinks.get());
+  CLustreChangelogMerger merger(*m_pStore, *m_pApi, applier, m_strMount,
+                                FXPath::Append(m_strJobResults, kChangelogFolder), m_llBatchSize,
+                                m_pScannerCallback.get());
   for (const sLustreChangelogInfo& info : lstCurrent) {
-    // The database says up to which record it is complete; the statistics file says the same
-    // unless a job died between its post-operations.
     std::string strIndex;
     long long llDone = 0;
     QI_RETURN_IF_ERROR(m_pStore->GetMetaText(kIndexKeyPrefix + info.strMDT, strIndex));
     QI_RETURN_IF_ERROR(FXString::ToInt64(strIndex, llDone));
-    ZRLOG(1, "For this Backup we need to collect changelog records from %s to %s", std::to_string(llDone + 1).c_str(),
-          std::to_string(info.llEndIndex).c_str());
-    for (int64_t llFrom = llDone + 1; llFrom <= info.llEndIndex; llFrom += m_llBatchSize) {
-      if (IsJobAborted()) return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Operation aborted");
-      QI_RETURN_IF_ERROR(GetAndProcessChangelogs(info, llFrom, std::min(info.llEndIndex, llFrom + m_llBatchSize - 1)));
-    }
+    merger.AddMdt(info.strMDT, llDone, info.llEndIndex);
   }
+  QI_RETURN_IF_ERROR(merger.Run());
   error = m_pHardlinks->ProcessHardLinks(*m_pStore, *m_pApi, m_strMount, m_lstRoots);
   if (error.IsError()) {
     ZRLOG(-1, "Processing Hardlinks for Lustre Filesystem %s Failed", Esc(m_strFileSystem).c_str());
@@ -542,36 +544,6 @@ CQiError CLustreScanEngine::ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit) {
     return QI_PUSH(error);
   }
   LustreChangelogCleanup();
-  return CQiError();
-}
-
-CQiError CLustreScanEngine::GetAndProcessChangelogs(const sLustreChangelogInfo& info, int64_t llFrom, int64_t llTo) {
-  const std::string strFolder = FXPath::Append(m_strJobResults, kChangelogFolder);
-  if (mkdir(strFolder.c_str(), 0700) != 0 && errno != EEXIST)
-    return QI_ERROR_ERRNO(errno, "Cannot create a Temporary folder %s for keeping the changelog records",
-                          Esc(strFolder).c_str());
-  ZRLOG(1, "Getting changelogs from MDT %s from %lld to %lld", Esc(info.strMDT).c_str(), static_cast<long long>(llFrom),
-        static_cast<long long>(llTo));
-  const std::string strFile = FXPath::Append(
-      strFolder, FXString::Format("Changelog_%lld_to_%lld", static_cast<long long>(llFrom), static_cast<long long>(llTo)));
-  QI_RETURN_IF_ERROR(m_pApi->GetChangelogs(m_strMount, info.strMDT, llFrom, llTo, strFile),
-                     "Cannot obtain changelogs from MDT %s from %lld to %lld", Esc(info.strMDT).c_str(),
-                     static_cast<long long>(llFrom), static_cast<long long>(llTo));
-  // The batch and the index that says it is applied commit together, or neither does.
-  QI_RETURN_IF_ERROR(m_pStore->BeginBulk());
-  CLustreChangelogApplier applier(*m_pStore, *m_pApi, m_strMount, m_lstRoots, m_pHardlinks.get());
-  CLustreChangelogApplier::SCounts counts;
-  CQiError error = applier.ProcessChangelogs(strFile, llFrom, llTo, counts);
-  if (error.IsSuccess()) error = m_pStore->SetMetaText(kIndexKeyPrefix + info.strMDT, std::to_string(llTo));
-  if (error.IsError()) {
-    (void)m_pStore->EndBulk(false);
-    return QI_PUSH(error, "Cannot Process Changelogs");
-  }
-  QI_RETURN_IF_ERROR(m_pStore->EndBulk(true));
-  ZRLOG(1, "MDT %s records %lld to %lld: %llu read, %llu applied, %llu changing nothing", Esc(info.strMDT).c_str(),
-        static_cast<long long>(llFrom), static_cast<long long>(llTo), static_cast<unsigned long long>(counts.ullRecords),
-        static_cast<unsigned long long>(counts.ullApplied), static_cast<unsigned long long>(counts.ullIgnored));
-  if (access(kKeepChangelogsMarker, F_OK) != 0) (void)unlink(strFile.c_str());
   return CQiError();
 }
 

@@ -2,7 +2,8 @@
 //
 // A full job walks the content into a scan database keyed by FID (CLustreRecursiveEnumerateFiles)
 // and reports everything; an incremental job applies the changelog records written since the
-// last backup to a copy of the last backup's database (CLustreChangelogApplier, in batches of
+// last backup to a copy of the last backup's database (CLustreChangelogApplier; the records of
+// all MDTs merged in time order by CLustreChangelogMerger, fetched in batches of
 // "LustreChangelogBatchSize") and reports what differs between the two databases
 // (CLustreScanDBPathEnumerator): new and changed entries to the output handler, vanished ones to
 // OnDeletedItem. Files in the job results folder ("JR:subclient"), named from the prefix
@@ -16,10 +17,10 @@
 // Exactness between jobs:
 //   - the changelog index up to which a database is complete is kept in the database itself
 //     (meta "LustreChangelogIndex:<MDT>"), written in the same transaction as the records it
-//     covers: the full walk's bulk, and each changelog batch. A job killed anywhere leaves the
-//     last successful backup's database untouched (the running job works on the temporary
-//     copy), and the next job starts again from the index that database holds: no record is
-//     skipped or applied twice;
+//     covers: the full walk's bulk, and each transaction of the merged changelogs (which holds
+//     every MDT's index). A job killed anywhere leaves the last successful backup's database
+//     untouched (the running job works on the temporary copy), and the next job starts again
+//     from the indexes that database holds: no record is skipped or applied twice;
 //   - the incremental starts from that index; a reader the MDT no longer has, a reader whose
 //     first available record lies beyond it (records purged), a changed MDT set, a missing
 //     database, statistics or post-operation state, a post-operation state of another job, a
@@ -101,7 +102,6 @@ class CLustreScanEngine : public CScanEngine {
   CQiError CloseFileSystemScanDB();
   CQiError ProcessWorkUnitFull(const CWorkUnitPtr& pWorkUnit);
   CQiError ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit);
-  CQiError GetAndProcessChangelogs(const sLustreChangelogInfo& info, int64_t llFrom, int64_t llTo);
   CQiError ProcessScanFailures(std::set<std::string>& setRescan);
   CQiError EnumerateChanges(const CWorkUnitPtr& pWorkUnit, const std::set<std::string>& setRescan);
   void LustreChangelogCleanup();

@@ -48,7 +48,7 @@ const SParseCase kParseCases[] = {
      true, kLustreRenamed, "[0x200000007:0x1:0x0]", "new name", "[0x2:0x3:0x0]", "[0x2:0x2:0x0]", "old  name"},
     {"RenameNewNameHoldingSText", std::string("14 08RENME ") + kHead + " p=[0x7:0x1:0x0] a s=[x] b s=[0x2:0x3:0x0] sp=[0x2:0x2:0x0] c",
      true, kLustreRenamed, "[0x7:0x1:0x0]", "a s=[x] b", "[0x2:0x3:0x0]", "[0x2:0x2:0x0]", "c"},
-    {"FidsBecomeCanonical", "15 06UNLNK 1:2.3 2026.11.23 0x1 t=[0x00200000402:0X1:0] p=[200000007:1:0] f", true,
+    {"FidsBecomeCanonical", "15 06UNLNK 13:57:43.3 2026.11.23 0x1 t=[0x00200000402:0X1:0] p=[200000007:1:0] f", true,
      kLustreFileRemoved, "[0x200000007:0x1:0x0]", "f", "", "", ""},
     {"MknodIsAFolderCreation", std::string("16 05MKNOD ") + kHead + " p=[0x7:0x1:0x0] dev", true, kLustreFolderCreated,
      "[0x7:0x1:0x0]", "dev", "", "", ""},
@@ -67,7 +67,7 @@ const SParseCase kParseCases[] = {
     {"UnknownField", std::string("26 01CREAT ") + kHead + " zz=1 p=[0x7:0x1:0x0] f", false, kLustreChangeNone},
     {"RenameWithoutSource", std::string("27 08RENME ") + kHead + " p=[0x7:0x1:0x0] new", false, kLustreChangeNone},
     {"RenameWithoutOldName", std::string("28 08RENME ") + kHead + " p=[0x7:0x1:0x0] n s=[0x2:0x3:0x0] sp=[0x2:0x2:0x0]", false, kLustreChangeNone},
-    {"OidOverflow", "29 01CREAT 1:2 2026.11.23 0x0 t=[0x2:0x100000000:0x0]", false, kLustreChangeNone},
+    {"OidOverflow", "29 01CREAT 13:57:43.4 2026.11.23 0x0 t=[0x2:0x100000000:0x0]", false, kLustreChangeNone},
 };
 
 class LustreParseTest : public ::testing::TestWithParam<SParseCase> {};
@@ -118,20 +118,20 @@ const SApplyCase kApplyCases[] = {
      2, "Renaming Record from %R/top.txt to %R/n/t"},
     {"Sattr", [](auto& l) { (void)l.Chmod("top.txt", 0600); }, 1, "Update Record %R/top.txt successfully"},
     {"CloseOfAFileNotInTheDatabase",
-     [](auto& l) { l.AppendRawRecord("lustre-MDT0000", "11CLOSE 1:2 2026.11.23 0x0 t=[0x200000400:0xfffffff0:0x0]"); }, 0,
+     [](auto& l) { l.AppendRawRecord("lustre-MDT0000", "11CLOSE 13:57:43.4 2026.11.23 0x0 t=[0x200000400:0xfffffff0:0x0]"); }, 0,
      "The Target FID [0x200000400:0xfffffff0:0x0] is not present in the Database. Possible Database corruption/Record not found."},
     {"UnlinkOfAPathNotInTheDatabase",
      [](auto& l) {
-       l.AppendRawRecord("lustre-MDT0000", "06UNLNK 1:2 2026.11.23 0x0 t=[0x200000400:0xfffffff0:0x0] p=" + l.FidOf("") + " nothere");
+       l.AppendRawRecord("lustre-MDT0000", "06UNLNK 13:57:43.4 2026.11.23 0x0 t=[0x200000400:0xfffffff0:0x0] p=" + l.FidOf("") + " nothere");
      },
      1, "Cannot Remove File Record from the Database %R/nothere"},
     {"RmdirOfAFolderNotInTheDatabase",
      [](auto& l) {
-       l.AppendRawRecord("lustre-MDT0000", "07RMDIR 1:2 2026.11.23 0x0 t=[0x200000400:0xfffffff0:0x0] p=" + l.FidOf("") + " gone");
+       l.AppendRawRecord("lustre-MDT0000", "07RMDIR 13:57:43.4 2026.11.23 0x0 t=[0x200000400:0xfffffff0:0x0] p=" + l.FidOf("") + " gone");
      },
      1, "Cannot remove Folder since the Folder doesn't exist in the Database"},
     {"ParentOutsideTheFileSystem",
-     [](auto& l) { l.AppendRawRecord("lustre-MDT0000", "01CREAT 1:2 2026.11.23 0x0 t=[0x2:0x1:0x0] p=[0x1:0x1:0x0] x"); }, 0,
+     [](auto& l) { l.AppendRawRecord("lustre-MDT0000", "01CREAT 13:57:43.4 2026.11.23 0x0 t=[0x2:0x1:0x0] p=[0x1:0x1:0x0] x"); }, 0,
      "lies outside the content"},
 };
 
@@ -182,10 +182,10 @@ TEST(LustreApply, GarbledAndOutOfOrderRecordsFailTheFile) {
   CLustreFixture f(std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
   CScanDbStore store;
   ASSERT_TRUE(store.Open(f.m_tree.Path("db")).IsSuccess());
-  const std::string strFile = f.m_tree.MakeFile("changelog", "5 01CREAT 1:2 2026.11.23 0x0 t=[0x2:0x1\n"
-                                                             "7 19ATIME 1:2 2026.11.23 0x0 t=[0x2:0x1:0x0]\n"
-                                                             "6 19ATIME 1:2 2026.11.23 0x0 t=[0x2:0x1:0x0]\n"
-                                                             "9 19ATIME 1:2 2026.11.23 0x0 t=[0x2:0x1:0x0]\n");
+  const std::string strFile = f.m_tree.MakeFile("changelog", "5 01CREAT 13:57:43.4 2026.11.23 0x0 t=[0x2:0x1\n"
+                                                             "7 19ATIME 13:57:43.4 2026.11.23 0x0 t=[0x2:0x1:0x0]\n"
+                                                             "6 19ATIME 13:57:43.4 2026.11.23 0x0 t=[0x2:0x1:0x0]\n"
+                                                             "9 19ATIME 13:57:43.4 2026.11.23 0x0 t=[0x2:0x1:0x0]\n");
   CLustreChangelogApplier applier(store, *f.m_pApi, f.m_strRoot, {f.m_strRoot}, nullptr);
   CLustreChangelogApplier::SCounts counts;
   CLogCapture log;
