@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -224,9 +225,26 @@ void CSimulatedLustreAPI::DropReader(const std::string& strMDT, const std::strin
 
 void CSimulatedLustreAPI::Record(const std::string& strRelative, int iType, const char* szName,
                                  const std::string& strTarget, const std::string& strTail) {
-  const std::string strLine = TypeToken(iType, szName) + " 13:57:43.418431669 2026.11.23 0x0 t=" + strTarget +
-                              " ef=0xf u=0:0 nid=0@lo" + strTail;
-  AppendRawRecord(MdtOf(strRelative), strLine);
+  std::string strMDT;
+  int64_t llTime = 0;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    strMDT = m_strRecordOn.empty() ? MdtOf(strRelative) : m_strRecordOn;
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    llTime = m_llLastTime =
+        std::max<int64_t>(m_llLastTime + 1, static_cast<int64_t>(now.tv_sec) * 1000000000LL + now.tv_nsec);
+    llTime += m_mapSkew[strMDT];
+  }
+  const time_t seconds = static_cast<time_t>(llTime / 1000000000LL);
+  struct tm parts {};
+  gmtime_r(&seconds, &parts);
+  const std::string strTime =
+      FXString::Format("%02d:%02d:%02d.%09lld %04d.%02d.%02d", parts.tm_hour, parts.tm_min, parts.tm_sec,
+                       static_cast<long long>(llTime % 1000000000LL), parts.tm_year + 1900, parts.tm_mon + 1,
+                       parts.tm_mday);
+  AppendRawRecord(strMDT, TypeToken(iType, szName) + " " + strTime + " 0x0 t=" + strTarget + " ef=0xf u=0:0 nid=0@lo" +
+                              strTail);
 }
 
 CQiError CSimulatedLustreAPI::Create(const std::string& strPath, const std::string& strContent) {

@@ -12,7 +12,11 @@
 // - The mutators (Create, Mkdir, Link, ...) change the tree and append the record the MDT of
 //   the object's top-level folder would write (one MDT per top-level folder, chosen by a hash
 //   of its name), so that a test changes the file system exactly as a user would and the
-//   changelog says so. AppendRawRecord adds any text as a record (garbled lines, unknown types).
+//   changelog says so. RecordOn makes a chosen MDT log the changes that follow, as for remote
+//   and striped folders, whose entries live on other MDTs than their parent. Records carry the
+//   time of the change (UTC, strictly rising over all MDTs), so that the records of several MDTs
+//   merge in the order the changes were made (unless SkewClock sets an MDT's clock off).
+//   AppendRawRecord adds any text as a record (garbled lines, unknown types).
 // - Faults: RefuseHost makes every operation on that MDT host fail as ssh does when the host
 //   refuses the login; DropReader makes an MDT forget a reader, as after a long idle time.
 // - State: with a state folder, the changelogs and readers are loaded from it at construction
@@ -67,6 +71,13 @@ class CSimulatedLustreAPI : public LustreAPI {
   CQiError Chmod(const std::string& strPath, mode_t mode);      // 14SATTR
   CQiError Write(const std::string& strPath, const std::string& strContent);  // 11CLOSE
   CQiError Touch(const std::string& strPath);                   // 19ATIME (reads)
+  // The MDT that logs the changes that follow; empty: the MDT of the top-level folder.
+  void RecordOn(const std::string& strMDT) { std::lock_guard<std::mutex> lock(m_mutex); m_strRecordOn = strMDT; }
+  // The MDT's clock runs off by this much from now on (its host's clock differs).
+  void SkewClock(const std::string& strMDT, int64_t llNanoseconds) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_mapSkew[strMDT] = llNanoseconds;
+  }
   // Appends a record line after "INDEX " on the MDT; the index is the MDT's next one.
   void AppendRawRecord(const std::string& strMDT, const std::string& strTail);
 
@@ -100,4 +111,7 @@ class CSimulatedLustreAPI : public LustreAPI {
   std::mutex m_mutex;
   std::map<std::string, SChangelog> m_mapChangelogs;
   std::set<std::string> m_setRefused;
+  std::string m_strRecordOn;
+  int64_t m_llLastTime = 0;                  // of the last record, nanoseconds since 1970
+  std::map<std::string, int64_t> m_mapSkew;  // MDT -> clock skew, nanoseconds
 };

@@ -67,6 +67,10 @@ const SParseCase kParseCases[] = {
     {"UnknownField", std::string("26 01CREAT ") + kHead + " zz=1 p=[0x7:0x1:0x0] f", false, kLustreChangeNone},
     {"RenameWithoutSource", std::string("27 08RENME ") + kHead + " p=[0x7:0x1:0x0] new", false, kLustreChangeNone},
     {"RenameWithoutOldName", std::string("28 08RENME ") + kHead + " p=[0x7:0x1:0x0] n s=[0x2:0x3:0x0] sp=[0x2:0x2:0x0]", false, kLustreChangeNone},
+    {"HourOutOfRange", "30 19ATIME 24:00:00.1 2026.11.23 0x0 t=[0x2:0x1:0x0]", false, kLustreChangeNone},
+    {"TenNanosecondDigits", "31 19ATIME 13:57:43.1234567890 2026.11.23 0x0 t=[0x2:0x1:0x0]", false, kLustreChangeNone},
+    {"DayThatDoesNotExist", "32 19ATIME 13:57:43.1 2026.02.29 0x0 t=[0x2:0x1:0x0]", false, kLustreChangeNone},
+    {"DateWithDashes", "33 19ATIME 13:57:43.1 2026-11-23 0x0 t=[0x2:0x1:0x0]", false, kLustreChangeNone},
     {"OidOverflow", "29 01CREAT 13:57:43.4 2026.11.23 0x0 t=[0x2:0x100000000:0x0]", false, kLustreChangeNone},
 };
 
@@ -90,6 +94,42 @@ TEST_P(LustreParseTest, FieldsAsPrinted) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Lustre, LustreParseTest, ::testing::ValuesIn(kParseCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- the time that orders the records of several MDTs ----
+
+struct STimeCase {
+  const char* szName;
+  const char* szEarlier;  // TIME DATE
+  const char* szLater;    // TIME DATE; equal to szEarlier when bEqual
+  bool bEqual = false;
+};
+
+const STimeCase kTimeCases[] = {
+    {"FewerNanosecondDigitsAreANumber", "13:57:43.5 2026.11.23", "13:57:43.40 2026.11.23"},
+    {"NanosecondsPadded", "13:57:43.000000040 2026.11.23", "13:57:43.400000000 2026.11.23"},
+    {"NextSecondBeatsAnyNanoseconds", "13:57:43.999999999 2026.11.23", "13:57:44.0 2026.11.23"},
+    {"DateChangeAtMidnight", "23:59:59.999999999 2026.11.23", "00:00:00.1 2026.11.24"},
+    {"YearChange", "23:59:59.9 2026.12.31", "00:00:00.1 2027.01.01"},
+    {"LeapDay", "12:00:00.0 2028.02.29", "00:00:00.0 2028.03.01"},
+    {"EqualTimes", "13:57:43.412345678 2026.11.23", "13:57:43.412345678 2026.11.23", true},
+    {"EqualWithAndWithoutPadding", "13:57:43.000000005 2026.11.23", "13:57:43.5 2026.11.23", true},
+};
+
+class LustreTimeTest : public ::testing::TestWithParam<STimeCase> {};
+
+TEST_P(LustreTimeTest, MergeOrder) {
+  const STimeCase& c = GetParam();
+  CLustreChangelogRecord earlier, later;
+  ASSERT_TRUE(CLustreChangelogRecord::Parse(std::string("1 19ATIME ") + c.szEarlier + " 0x0 t=[0x2:0x1:0x0]", earlier)
+                  .IsSuccess());
+  ASSERT_TRUE(CLustreChangelogRecord::Parse(std::string("2 19ATIME ") + c.szLater + " 0x0 t=[0x2:0x1:0x0]", later)
+                  .IsSuccess());
+  if (c.bEqual) EXPECT_EQ(earlier.m_llTime, later.m_llTime);
+  else EXPECT_LT(earlier.m_llTime, later.m_llTime);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lustre, LustreTimeTest, ::testing::ValuesIn(kTimeCases),
                          [](const auto& info) { return std::string(info.param.szName); });
 
 // ---- each record kind applied to a real database (a full walk of a simulated tree) ----

@@ -1,8 +1,9 @@
 // The Lustre engine's real code against a simulated Lustre (real tree, FIDs from inodes,
 // changelogs in the tools' text format, two MDTs): a full job, then incrementals after each kind
 // of change, the database compared with a fresh walk after every job and the delivered and
-// deleted items compared with exactly what changed; the job outcomes that turn an incremental
-// into a full scan; a job killed between batches; reader registration and its undo.
+// deleted items compared with exactly what changed; records of one MDT that depend on another's;
+// the job outcomes that turn an incremental into a full scan; a job killed between transactions;
+// reader registration and its undo.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -86,6 +87,73 @@ TEST_P(LustreChangeTest, IncrementalReportsExactlyTheChangeAndKeepsTheDatabaseTr
 }
 
 INSTANTIATE_TEST_SUITE_P(Lustre, LustreChangeTest, ::testing::ValuesIn(kChangeCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
+// ---- several MDTs: records of one MDT that depend on another's, merged by time ----
+
+constexpr const char* kMdt0 = "lustre-MDT0000";
+constexpr const char* kMdt1 = "lustre-MDT0001";
+
+const SChangeCase kCrossMdtCases[] = {
+    {"FolderMadeOnOneMdtFilledOnTheOther",
+     [](auto& l) {
+       l.RecordOn(kMdt1);
+       (void)l.Mkdir("b/n");
+       l.RecordOn(kMdt0);
+       (void)l.Create("b/n/f1");
+       (void)l.Mkdir("b/n/sub");
+       l.RecordOn(kMdt1);
+       (void)l.Create("b/n/sub/f2");
+     },
+     {"b", "b/n", "b/n/f1", "b/n/sub", "b/n/sub/f2"}, {}},
+    {"FileCreatedOnOneMdtRenamedOnTheOther",
+     [](auto& l) {
+       l.RecordOn(kMdt1);
+       (void)l.Create("a/new", "n");
+       l.RecordOn(kMdt0);
+       (void)l.Rename("a/new", "b/moved");
+     },
+     {"a", "b", "b/moved"}, {}},
+    {"RmdirAfterItsContentsWereUnlinkedOnTheOther",
+     [](auto& l) {
+       l.RecordOn(kMdt0);
+       (void)l.Unlink("d/y/z");
+       (void)l.Unlink("d/x");
+       l.RecordOn(kMdt1);
+       (void)l.Rmdir("d/y");
+       (void)l.Rmdir("d");
+     },
+     {}, {"d"}},
+    {"OneMdtsClockGoingBackKeepsItsIndexOrder",
+     [](auto& l) {
+       l.RecordOn(kMdt0);
+       (void)l.Mkdir("b/n");
+       l.SkewClock(kMdt0, -3600LL * 1000000000LL);  // its next records are an hour "earlier"
+       (void)l.Create("b/n/f");
+       l.RecordOn(kMdt1);
+       (void)l.Create("b/n/g");
+     },
+     {"b", "b/n", "b/n/f", "b/n/g"}, {}},
+};
+
+class LustreCrossMdtTest : public ::testing::TestWithParam<SChangeCase> {};
+
+TEST_P(LustreCrossMdtTest, AppliedAsAnIncrementalInTimeOrder) {
+  const SChangeCase& c = GetParam();
+  CLustreFixture f;
+  f.MakeTree();
+  ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
+  c.change(*f.m_pApi);
+  CLogCapture log;
+  CQiError error = f.RunAndPostOps(false);
+  ASSERT_TRUE(error.IsSuccess()) << error.AsString();
+  EXPECT_EQ(log->CountContaining("changing the Scan type to FULL"), 0u);
+  EXPECT_EQ(f.Delivered(), c.lstDelivered);
+  EXPECT_EQ(f.DeletedItems(), c.lstDeleted);
+  EXPECT_EQ(f.Stored(), f.Walked());
+}
+
+INSTANTIATE_TEST_SUITE_P(Lustre, LustreCrossMdtTest, ::testing::ValuesIn(kCrossMdtCases),
                          [](const auto& info) { return std::string(info.param.szName); });
 
 // ---- what turns an incremental into a full scan, and what merely gets logged ----
@@ -207,49 +275,82 @@ TEST(LustreScanFailures, FailedPathsOfTheLastJobAreReportedAgain) {
 
 // ---- a job killed between batches, run again ----
 
-// Aborts the job when the second batch of changelog records is fetched.
+// Aborts the job when the given fetch of changelog records is made.
 class CAbortingLustre : public CSimulatedLustreAPI {
  public:
   using CSimulatedLustreAPI::CSimulatedLustreAPI;
   CQiError GetChangelogs(const std::string& strMount, const std::string& strMDT, int64_t llStart, int64_t llEnd,
                          const std::string& strFile) override {
-    if (++m_iFetches == 2 && m_pCallback) (void)m_pCallback->Abort();
+    if (++m_iFetches == m_iAbortAt && m_pCallback) (void)m_pCallback->Abort();
     return CSimulatedLustreAPI::GetChangelogs(strMount, strMDT, llStart, llEnd, strFile);
   }
-  int m_iFetches = 0;
+  int m_iFetches = 0, m_iAbortAt = 0;
   CScannerCallbackPtr m_pCallback;
 };
 
-TEST(LustreKilledJob, RunAgainEndsWithTheSameDatabase) {
-  CLustreFixture f(std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
-  auto pApi = std::make_shared<CAbortingLustre>(f.m_strRoot, std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
+struct SKilledCase {
+  const char* szName;
+  std::vector<LustreAPI::SMdt> lstMdt;
+  int iAbortAt;          // the fetch that aborts: after at least one transaction committed
+  const char* szResume;  // where the killed job's database continues
+};
+
+class LustreKilledJob : public ::testing::TestWithParam<SKilledCase> {};
+
+TEST_P(LustreKilledJob, RunAgainEndsWithTheSameDatabase) {
+  const SKilledCase& c = GetParam();
+  CLustreFixture f(c.lstMdt);
+  auto pApi = std::make_shared<CAbortingLustre>(f.m_strRoot, c.lstMdt);
+  pApi->m_iAbortAt = c.iAbortAt;
   f.m_pApi = pApi;
   LustreAPI::SetCurrent(pApi);
   f.MakeTree();
   ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
-  // More than two batches of 10000: renames back and forth, then creates in the last batch.
-  for (int i = 0; i < 6000; ++i) {
+  // More than two batches of 10000 per MDT: renames back and forth (on two MDTs each direction
+  // logged by another, so that each depends on the other's last), then creates in the last batch.
+  const std::string strLast = c.lstMdt.back().strName;
+  for (int i = 0; i < 6000 * static_cast<int>(c.lstMdt.size()); ++i) {
+    pApi->RecordOn(kMdt0);
     (void)pApi->Rename("a/f", "b/f");
+    pApi->RecordOn(strLast);
     (void)pApi->Rename("b/f", "a/f");
   }
   (void)pApi->Mkdir("late");
+  pApi->RecordOn(kMdt0);
   (void)pApi->Create("late/file");
   (void)pApi->Rename("d", "late/d");
   pApi->m_pCallback = f.m_pCallback;
-  CQiError error = f.Run(false, "LustreChangelogBatchSize=10000\n");
+  const std::string strBatch = "LustreChangelogBatchSize=10000\n";
+  CQiError error = f.Run(false, strBatch);
   EXPECT_TRUE(error.IsWin32(QiErrorCode::OperationAborted)) << error.AsString();
+  const std::string strKilled = f.m_tree.Path("killed-db");
+  ASSERT_TRUE(CScanDbFiles::Copy(f.DbFolder(EScanDbKind::kTemporary), strKilled).IsSuccess());
   // The last backup's database is untouched; the job run again applies everything once.
   auto pFresh = std::make_shared<TraversalTestSupport::CTestCallback>();
   (void)pFresh->SetScannerConfigurationBag(f.m_pCallback->GetScannerConfigurationBag());
   f.m_pCallback = pFresh;
   pApi->m_pCallback.reset();
-  ASSERT_TRUE(f.Run(false, "LustreChangelogBatchSize=10000\n").IsSuccess());
-  ASSERT_TRUE(f.PostOps().IsSuccess());
+  ASSERT_TRUE(f.Run(false, strBatch).IsSuccess());
   // a/f is back where it was, with the change time of its last rename; a and b changed with it.
   EXPECT_EQ(f.Delivered(), (V{"a", "a/f", "b", "late", "late/d", "late/d/x", "late/d/y", "late/d/y/z", "late/file"}));
   EXPECT_EQ(f.DeletedItems(), V{"d"});
-  EXPECT_EQ(f.Stored(), f.Walked());
+  EXPECT_EQ(f.Stored(EScanDbKind::kTemporary), f.Walked());
+  // The killed job's own database holds exactly the records its indexes say: continued from
+  // them, it ends with the same state, as an incremental.
+  ASSERT_TRUE(CScanDbFiles::Replace(strKilled, f.DbFolder(EScanDbKind::kCurrent)).IsSuccess());
+  CLogCapture log;
+  ASSERT_TRUE(f.Run(false, strBatch).IsSuccess());
+  EXPECT_EQ(log->CountContaining("changing the Scan type to FULL"), 0u);
+  EXPECT_EQ(log->CountContaining(c.szResume), 1u) << c.szResume;
+  EXPECT_EQ(f.Stored(EScanDbKind::kTemporary), f.Walked());
 }
+
+INSTANTIATE_TEST_SUITE_P(Lustre, LustreKilledJob,
+                         ::testing::Values(SKilledCase{"OneMdt", {{"lustre-MDT0000", "mds0"}}, 2,
+                                                       "Getting changelogs from MDT lustre-MDT0000 from 20001 to 24004"},
+                                           SKilledCase{"TwoMdts", CLustreFixture::kMdts, 3,
+                                                       "Getting changelogs from MDT lustre-MDT0000 from 10001 to 20000"}),
+                         [](const auto& info) { return std::string(info.param.szName); });
 
 // ---- the full walk: an entry without FID, in a folder listed over several FID batches ----
 
