@@ -1,12 +1,14 @@
 // Lustre changelog benchmark driver (run by bench/run-lustre-bench).
 //
-//   LustreChangelogBench FOLDER [FOLDERS [FILES_PER_FOLDER [RECORDS [BATCH [HOT]]]]]
+//   LustreChangelogBench FOLDER [FOLDERS [FILES_PER_FOLDER [RECORDS [BATCH [HOT [MDTS]]]]]]
 //
 // Builds a scan database in FOLDER as a full Lustre job would (a root, FOLDERS folders of
 // FILES_PER_FOLDER files, each with its FID; defaults 10,000 and 99: 1,000,001 records), keeps a
 // copy as the previous backup's database, writes RECORDS changelog records (default 1,000,000)
-// of a realistic mix in the text format of `lfs changelog`, applies them in batches of BATCH
-// (default 100,000) as the engine does (one transaction per batch with the index), and then
+// of a realistic mix in the text format of `lfs changelog`, applies them as the engine does
+// (CLustreChangelogMerger: fetched in batches of BATCH, default 100,000, one transaction per
+// batch with the indexes; with MDTS > 1 the records are dealt out in turn to that many MDTs,
+// each record with its own time, and merged back by time), and then
 // enumerates the changed entries of every folder against the previous database. The objects do
 // not exist on disk (the root is a path that is not there), so the lstat of each applied record
 // fails at once and the figures are those of parsing and the database. Prints "key value" lines.
@@ -26,6 +28,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -33,13 +36,13 @@
 #include "Scan/ScanDB/ScanDbFiles.h"
 #include "Scan/ScanDB/ScanDbStore.h"
 #include "Scan/Unix/LustreChangelogApplier.h"
+#include "Scan/Unix/LustreChangelogMerger.h"
 #include "Scan/Unix/LustreScanDBPathEnumerator.h"
 #include "Scan/Unix/SimulatedLustreAPI.h"
 
 namespace {
 using TClock = std::chrono::steady_clock;
 constexpr const char* kRoot = "/nonexistent-lustre-bench/fs";
-constexpr const char* kIndexKey = "LustreChangelogIndex:lustre-MDT0000";
 
 double CpuSeconds() {
   struct timespec ts;
@@ -102,7 +105,6 @@ void Build(CScanDbStore& store, const SModel& model) {
             "Add file");
     }
   }
-  Check(store.SetMetaText(kIndexKey, "0"), "SetMetaText");
   Check(store.EndBulk(true), "EndBulk");
 }
 
@@ -180,6 +182,64 @@ uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_
   return ullIndex;
 }
 
+// Serves the records of each MDT's file in index order, as lfs changelog would.
+class CBenchLustre : public CSimulatedLustreAPI {
+ public:
+  using CSimulatedLustreAPI::CSimulatedLustreAPI;
+  CQiError GetChangelogs(const std::string& /*strMount*/, const std::string& strMDT, int64_t /*llStart*/,
+                         int64_t llEnd, const std::string& strFile) override {
+    FILE* pIn = m_mapFiles[strMDT];
+    FILE* pOut = fopen(strFile.c_str(), "w");
+    if (pIn == nullptr || pOut == nullptr) exit(1);
+    std::string& strPending = m_mapPending[strMDT];
+    char* pLine = nullptr;
+    size_t nSize = 0;
+    for (;;) {
+      if (strPending.empty()) {
+        if (getline(&pLine, &nSize, pIn) <= 0) break;
+        strPending = pLine;
+      }
+      if (strtoll(strPending.c_str(), nullptr, 10) > llEnd) break;
+      fputs(strPending.c_str(), pOut);
+      strPending.clear();
+    }
+    free(pLine);
+    fclose(pOut);
+    return CQiError();
+  }
+  std::map<std::string, FILE*> m_mapFiles;
+  std::map<std::string, std::string> m_mapPending;
+};
+
+// Deals the records out to the MDTs in turn, each numbered on its MDT and stamped with a time
+// that rises by a microsecond per record; returns each MDT's last index.
+std::vector<int64_t> SplitByMdt(const std::string& strChangelog, const std::vector<std::string>& lstFiles) {
+  std::vector<FILE*> lstOut;
+  for (const std::string& strFile : lstFiles) lstOut.push_back(fopen(strFile.c_str(), "w"));
+  std::vector<int64_t> lstLast(lstFiles.size(), 0);
+  FILE* pIn = fopen(strChangelog.c_str(), "r");
+  char* pLine = nullptr;
+  size_t nSize = 0;
+  for (uint64_t n = 0; getline(&pLine, &nSize, pIn) > 0; ++n) {
+    const size_t k = n % lstOut.size();
+    // "INDEX TYPE TIME DATE REST": a new index and time.
+    std::string strLine = pLine;
+    const size_t type = strLine.find(' ') + 1, time = strLine.find_first_not_of(' ', strLine.find(' ', type));
+    const size_t date = strLine.find(' ', time);
+    const uint64_t ullSecond = 50000 + n / 1000000, ullNano = (n % 1000000) * 1000;
+    char szTime[64];
+    snprintf(szTime, sizeof(szTime), "%02u:%02u:%02u.%09u", static_cast<unsigned>(ullSecond / 3600),
+             static_cast<unsigned>(ullSecond / 60 % 60), static_cast<unsigned>(ullSecond % 60),
+             static_cast<unsigned>(ullNano));
+    fprintf(lstOut[k], "%lld %s%s%s", static_cast<long long>(++lstLast[k]), strLine.substr(type, time - type).c_str(),
+            szTime, strLine.substr(date).c_str());
+  }
+  free(pLine);
+  fclose(pIn);
+  for (FILE* pOut : lstOut) fclose(pOut);
+  return lstLast;
+}
+
 // Lists every folder below the root, depth first; counts what is handed out.
 void Enumerate(CLustreScanDBPathEnumerator& enumerator, uint64_t& ullItems) {
   std::vector<std::string> lstFolders{kRoot};
@@ -199,7 +259,7 @@ void Enumerate(CLustreScanDBPathEnumerator& enumerator, uint64_t& ullItems) {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    fprintf(stderr, "usage: LustreChangelogBench FOLDER [FOLDERS [FILES [RECORDS [BATCH]]]]\n");
+    fprintf(stderr, "usage: LustreChangelogBench FOLDER [FOLDERS [FILES [RECORDS [BATCH [HOT [MDTS]]]]]]\n");
     return 2;
   }
   const std::string strFolder = argv[1];
@@ -208,6 +268,7 @@ int main(int argc, char** argv) {
   const int64_t llBatch = argc > 5 ? strtoll(argv[5], nullptr, 10) : 100000;
   SModel model = baseModel;
   model.ullHotPercent = argc > 6 ? strtoull(argv[6], nullptr, 10) : 10;
+  const uint64_t ullMdts = std::max<uint64_t>(1, argc > 7 ? strtoull(argv[7], nullptr, 10) : 1);
   const std::string strCurrent = strFolder + "/current", strPrevious = strFolder + "/previous";
   Check(CScanDbFiles::Remove(strCurrent), "Remove");
   Check(CScanDbFiles::Remove(strPrevious), "Remove");
@@ -225,39 +286,28 @@ int main(int argc, char** argv) {
   const uint64_t ullWritten = WriteChangelog(strChangelog, model, ullRecords);
   printf("records %" PRIu64 "\nrss_before_apply_kib %ld\n", ullWritten, MaxRssKiB());
 
-  // The changelog split into batch files as lfs would deliver them.
+  // The changelog dealt out to the MDTs, served batch by batch as lfs would deliver it.
   Check(store.Open(strCurrent), "Open");
   Check(store.SetCacheSize(256), "SetCacheSize");
-  CSimulatedLustreAPI api("/nonexistent-lustre-bench", {{"lustre-MDT0000", "localhost"}});
-  CLustreChangelogApplier applier(store, api, "/nonexistent-lustre-bench", {kRoot}, nullptr);
-  std::vector<std::string> lstBatches;
-  {
-    FILE* pIn = fopen(strChangelog.c_str(), "r");
-    FILE* pOut = nullptr;
-    char* pLine = nullptr;
-    size_t nSize = 0;
-    for (int64_t llLine = 0; getline(&pLine, &nSize, pIn) > 0; ++llLine) {
-      if (llLine % llBatch == 0) {
-        if (pOut != nullptr) fclose(pOut);
-        lstBatches.push_back(strChangelog + "." + std::to_string(lstBatches.size()));
-        pOut = fopen(lstBatches.back().c_str(), "w");
-      }
-      fputs(pLine, pOut);
-    }
-    if (pOut != nullptr) fclose(pOut);
-    free(pLine);
-    fclose(pIn);
+  std::vector<LustreAPI::SMdt> lstMdt;
+  std::vector<std::string> lstFiles;
+  for (uint64_t k = 0; k < ullMdts; ++k) {
+    char szName[32];
+    snprintf(szName, sizeof(szName), "lustre-MDT%04x", static_cast<unsigned>(k));
+    lstMdt.push_back({szName, "localhost"});
+    lstFiles.push_back(strChangelog + "." + szName);
   }
-  CLustreChangelogApplier::SCounts counts;
+  const std::vector<int64_t> lstLast = SplitByMdt(strChangelog, lstFiles);
+  CBenchLustre api("/nonexistent-lustre-bench", lstMdt);
+  for (uint64_t k = 0; k < ullMdts; ++k) api.m_mapFiles[lstMdt[k].strName] = fopen(lstFiles[k].c_str(), "r");
+  CLustreChangelogApplier applier(store, api, "/nonexistent-lustre-bench", {kRoot}, nullptr);
+  const std::string strBatches = strFolder + "/batches";
+  CLustreChangelogMerger merger(store, api, applier, "/nonexistent-lustre-bench", strBatches, llBatch, nullptr);
+  for (uint64_t k = 0; k < ullMdts; ++k) merger.AddMdt(lstMdt[k].strName, 0, lstLast[k]);
   t0 = TClock::now();
   const double dCpu0 = CpuSeconds();
-  for (size_t b = 0; b < lstBatches.size(); ++b) {
-    const int64_t llFrom = static_cast<int64_t>(b) * llBatch + 1, llTo = llFrom + llBatch - 1;
-    Check(store.BeginBulk(), "BeginBulk");
-    Check(applier.ProcessChangelogs(lstBatches[b], llFrom, llTo, counts), "ProcessChangelogs");
-    Check(store.SetMetaText(kIndexKey, std::to_string(llTo)), "SetMetaText");
-    Check(store.EndBulk(true), "EndBulk");
-  }
+  Check(merger.Run(), "Run");
+  const CLustreChangelogApplier::SCounts& counts = merger.GetTotals();
   const double dApply = Seconds(t0, TClock::now()), dApplyCpu = CpuSeconds() - dCpu0;
   printf("apply_cpu_s %.3f\napply_records_per_cpu_s %.0f\n", dApplyCpu, static_cast<double>(counts.ullRecords) / dApplyCpu);
   printf("apply_s %.3f\napply_records_per_s %.0f\napplied %" PRIu64 "\nignored %" PRIu64 "\nfailed %" PRIu64
@@ -273,7 +323,12 @@ int main(int argc, char** argv) {
   Enumerate(enumerator, ullItems);
   printf("enumerate_s %.3f\nchanged %" PRIu64 "\ndeleted %" PRIu64 "\nrss_end_kib %ld\n", Seconds(t0, TClock::now()),
          ullItems, enumerator.GetDeletedCount(), MaxRssKiB());
-  for (const std::string& strBatch : lstBatches) remove(strBatch.c_str());
+  for (uint64_t k = 0; k < ullMdts; ++k) {
+    fclose(api.m_mapFiles[lstMdt[k].strName]);
+    remove(lstFiles[k].c_str());
+    rmdir((strBatches + "/" + lstMdt[k].strName).c_str());
+  }
+  rmdir(strBatches.c_str());
   remove(strChangelog.c_str());
   return 0;
 }

@@ -111,6 +111,9 @@ CQiError CLustreChangelogMerger::Commit() {
   ZRLOG(1, "Changelog records committed: %llu read, %llu applied, %llu changing nothing",
         static_cast<unsigned long long>(m_counts.ullRecords), static_cast<unsigned long long>(m_counts.ullApplied),
         static_cast<unsigned long long>(m_counts.ullIgnored));
+  m_totals.ullRecords += m_counts.ullRecords;
+  m_totals.ullApplied += m_counts.ullApplied;
+  m_totals.ullIgnored += m_counts.ullIgnored;
   m_counts = CLustreChangelogApplier::SCounts();
   if (access(CLustreScanEngine::kKeepChangelogsMarker, F_OK) != 0)
     for (const std::string& strFile : m_lstUsedFiles) (void)unlink(strFile.c_str());

@@ -53,6 +53,8 @@ class CLustreChangelogMerger {
   // MDT order that breaks ties of time.
   void AddMdt(const std::string& strMDT, int64_t llDone, int64_t llEnd);
   CQiError Run();
+  // The counts of every committed transaction.
+  const CLustreChangelogApplier::SCounts& GetTotals() const { return m_totals; }
 
  private:
   struct SStream {
@@ -88,5 +90,6 @@ class CLustreChangelogMerger {
   std::vector<std::pair<int64_t, size_t>> m_heap;
   bool m_bInTransaction = false;
   CLustreChangelogApplier::SCounts m_counts;  // of the open transaction
+  CLustreChangelogApplier::SCounts m_totals;  // of the committed ones
   std::vector<std::string> m_lstUsedFiles;    // batch files used up in the open transaction
 };
