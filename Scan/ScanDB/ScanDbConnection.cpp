@@ -76,6 +76,11 @@ static const char* const kStatementSql[CScanDbConnection::kStatementCount] = {
     "ROLLBACK TO scan_db_op",
     // kSelectPathByFileId: answered from the FID index alone (it holds the key columns)
     "SELECT parent, name FROM scan_entry WHERE fid = ?1 ORDER BY parent, name LIMIT 1",
+    // kUpdateState: the lstat data of a record that keeps its file id; the FID index (which
+    // holds only key columns and fid) is not touched
+    "UPDATE scan_entry SET mode = ?4, uid = ?5, gid = ?6, size = ?7, blocks = ?8, nlink = ?9,"
+    " inode = ?10, dev = ?11, atime_s = ?12, atime_ns = ?13, mtime_s = ?14, mtime_ns = ?15,"
+    " ctime_s = ?16, ctime_ns = ?17 WHERE parent = ?1 AND name = ?2 AND fid IS ?3",
 };
 
 // Listing statements kept for reuse; more cursors than this at once prepare their own.

@@ -56,6 +56,7 @@ class CScanDbConnection {
     kRelease,
     kRollbackTo,
     kSelectPathByFileId,
+    kUpdateState,
     kStatementCount
   };
 

@@ -130,6 +130,10 @@ CQiError CScanDbStore::WriteEntry(CScanDbConnection::EStatement eStatement,
   int rc = CScanDbConnection::BindEntry(pStatement, parent, name, record);
   if (rc == SQLITE_OK) rc = sqlite3_step(pStatement);
   sqlite3_reset(pStatement);
+  if (rc == SQLITE_DONE && eStatement == CScanDbConnection::kUpdateState &&
+      sqlite3_changes64(m_pConnection->GetHandle()) == 0)
+    return QI_ERROR_WIN32(QiErrorCode::NotFound, "Cannot %s [%s]: no record of the path with file id %s", szAction,
+                          Shown(strPath).c_str(), Shown(record.GetFileId()).c_str());
   if (rc == SQLITE_DONE) return CQiError();
   if ((rc & 0xff) == SQLITE_CONSTRAINT)
     return QI_ERROR_ERRNO(EEXIST, "Cannot %s [%s]: the path is already in the scan database",
@@ -145,6 +149,11 @@ CQiError CScanDbStore::Add(const CScanDbRecord& record) {
 
 CQiError CScanDbStore::Update(const CScanDbRecord& record) {
   QI_RETURN_IF_ERROR(WriteEntry(CScanDbConnection::kUpsert, record, "update"));
+  return CQiError();
+}
+
+CQiError CScanDbStore::UpdateState(const CScanDbRecord& record) {
+  QI_RETURN_IF_ERROR(WriteEntry(CScanDbConnection::kUpdateState, record, "update the state of"));
   return CQiError();
 }
 

@@ -78,6 +78,9 @@ class CScanDbStore {
 
   CQiError Add(const CScanDbRecord& record);
   CQiError Update(const CScanDbRecord& record);
+  // Replaces the lstat data of the path's record when it holds the record's file id (Win32 1168
+  // when there is no such record). Cheaper than Update: the file-id index is left alone.
+  CQiError UpdateState(const CScanDbRecord& record);
   // pRemoved (optional) receives the number of records removed.
   CQiError Remove(const std::string& strPath, bool bWithSubtree, uint64_t* pRemoved = nullptr);
   // pMoved (optional) receives the number of records moved, the renamed one included;

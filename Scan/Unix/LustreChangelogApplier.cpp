@@ -29,6 +29,10 @@ std::string Join(const std::string& strParent, const std::string& strName) {
   return strPath;
 }
 
+// A FID of one path: its record read from the tree is the FID's whole state. (Of a FID with
+// several links the refresh reads the first path, which need not be the one just read.)
+bool HasOnePath(const struct stat& st) { return S_ISDIR(st.st_mode) || st.st_nlink == 1; }
+
 // A name that cannot be a path component would make a wrong key.
 bool IsValidName(const std::string& strName) {
   return !strName.empty() && strName != "." && strName != ".." && strName.find('/') == std::string::npos &&
@@ -131,6 +135,7 @@ CQiError CLustreChangelogApplier::AddPath(const std::string& strPath, const std:
           Esc(strPath).c_str());
     return QI_PUSH(error);
   }
+  if (bExists && HasOnePath(record.GetStat())) m_setFresh.insert(strFid);
   if (!bFolder && m_pHardlinks != nullptr && record.GetStat().st_nlink > 1) m_pHardlinks->Add(strFid);
   ZRLOG(5, bFolder ? "Add Folder Record %s" : "Add File Record %s", Esc(strPath).c_str());
   return CQiError();
@@ -211,7 +216,7 @@ CQiError CLustreChangelogApplier::RefreshByFid(const std::string& strFid, bool& 
   struct stat st {};
   if (lstat(strPath.c_str(), &st) != 0) return CQiError();
   bFound = true;
-  error = m_store.Update(CScanDbRecord(strPath, st, strFid));
+  error = m_store.UpdateState(CScanDbRecord(strPath, st, strFid));
   if (error.IsError()) {
     ZRLOG(-1, "Error in updating the record %s due to %s", Esc(strPath).c_str(), error.AsString().c_str());
     return QI_PUSH(error);
@@ -223,8 +228,8 @@ CQiError CLustreChangelogApplier::RefreshByFid(const std::string& strFid, bool& 
 CQiError CLustreChangelogApplier::Flush(SCounts& counts) {
   CQiError firstError;
   for (const auto& [strFid, ullRecords] : m_mapModified) {
-    bool bFound = false;
-    CQiError error = RefreshByFid(strFid, bFound);
+    bool bFound = m_setFresh.count(strFid) != 0;
+    CQiError error = bFound ? CQiError() : RefreshByFid(strFid, bFound);
     if (error.IsError()) {
       counts.ullFailed += ullRecords;
       if (firstError.IsSuccess()) firstError = QI_PUSH(error);
@@ -238,13 +243,14 @@ CQiError CLustreChangelogApplier::Flush(SCounts& counts) {
     (bFound ? counts.ullApplied : counts.ullIgnored) += ullRecords;
   }
   for (const std::string& strFid : m_setParents) {
-    if (m_mapModified.count(strFid) != 0) continue;
+    if (m_mapModified.count(strFid) != 0 || m_setFresh.count(strFid) != 0) continue;
     bool bFound = false;
     CQiError error = RefreshByFid(strFid, bFound);
     if (error.IsError() && firstError.IsSuccess()) firstError = QI_PUSH(error);
   }
   m_mapModified.clear();
   m_setParents.clear();
+  m_setFresh.clear();
   return firstError;
 }
 
@@ -287,7 +293,10 @@ CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, b
   if (bFolder) ForgetParents();
   // The moved object's change time moved with it.
   struct stat st {};
-  if (lstat(strNew.c_str(), &st) == 0) QI_RETURN_IF_ERROR(m_store.Update(CScanDbRecord(strNew, st, record.m_strSourceFID)));
+  if (lstat(strNew.c_str(), &st) == 0) {
+    QI_RETURN_IF_ERROR(m_store.Update(CScanDbRecord(strNew, st, record.m_strSourceFID)));
+    if (HasOnePath(st)) m_setFresh.insert(record.m_strSourceFID);
+  }
   return CQiError();
 }
 

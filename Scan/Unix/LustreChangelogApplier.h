@@ -15,8 +15,9 @@
 //     Modifications are gathered per file and applied after its namespace records, once per FID
 //     and in FID order (the FID index is then read in order, and a file opened, written and
 //     closed a thousand times is looked at once); the object's state is read from the file
-//     system then, so it is the newest either way. Memory: one entry per FID modified in the
-//     file, bounded by the batch size;
+//     system then, so it is the newest either way; a FID whose record an earlier record of the
+//     same file already read from the tree (created, renamed) is not read again. Memory: one
+//     entry per FID named in the file, bounded by the batch size;
 //   0 nothing (00MARK, 09RNMTO, 19ATIME, 20MIGRT and types this engine does not know).
 // A namespace record changes its parent folders too (entries, link count, modification and
 // change time) although the changelog has no record of its own for that: the parents named by
@@ -42,6 +43,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "Platform/QiError.h"
@@ -99,4 +101,5 @@ class CLustreChangelogApplier {
   std::unordered_map<std::string, std::string> m_mapParents;  // folder FID -> path
   std::map<std::string, uint64_t> m_mapModified;               // FID -> records naming it
   std::set<std::string> m_setParents;                          // parents of applied namespace records
+  std::unordered_set<std::string> m_setFresh;                  // FIDs whose record was just read from the tree
 };
