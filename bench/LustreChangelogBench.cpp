@@ -2,25 +2,29 @@
 //
 //   LustreChangelogBench FOLDER [FOLDERS [FILES_PER_FOLDER [RECORDS [BATCH [HOT [MDTS]]]]]]
 //
-// Builds a scan database in FOLDER as a full Lustre job would (a root, FOLDERS folders of
-// FILES_PER_FOLDER files, each with its FID; defaults 10,000 and 99: 1,000,001 records), keeps a
-// copy as the previous backup's database, writes RECORDS changelog records (default 1,000,000)
-// of a realistic mix in the text format of `lfs changelog`, applies them as the engine does
-// (CLustreChangelogMerger: fetched in batches of BATCH, default 100,000, one transaction per
-// batch with the indexes; with MDTS > 1 the records are dealt out in turn to that many MDTs,
-// each record with its own time, and merged back by time), and then
-// enumerates the changed entries of every folder against the previous database. The objects do
-// not exist on disk (the root is a path that is not there), so the lstat of each applied record
-// fails at once and the figures are those of parsing and the database. Prints "key value" lines.
+// Makes a real tree in FOLDER/fs (FOLDERS folders of FILES_PER_FOLDER empty files; defaults
+// 10,000 and 99: 1,000,001 objects) and its scan database as a full Lustre job would (each
+// object with its FID), keeps a copy as the previous backup's database, then makes RECORDS
+// changes of a realistic mix (default 1,000,000) on the tree, writing for each the changelog
+// record an MDT would write, in the text format of `lfs changelog`. Then it applies the records
+// as the engine does (CLustreChangelogMerger: fetched in batches of BATCH, default 100,000, one
+// transaction per batch with the indexes; with MDTS > 1 the records are dealt out in turn to
+// that many MDTs, each record with its own time, and merged back by time; each applied record
+// reads its object's state with lstat, as on Lustre, here from a local file system) and
+// enumerates the changed entries of every folder against the previous database in one
+// transaction, as the engine does. Prints "key value" lines.
 //
 // Mix, by share of the records: 30% modifications of existing files (11CLOSE, 17MTIME, 14SATTR,
-// 10OPEN), 20% 01CREAT, 10% 06UNLNK (half of created files, half of existing ones), 5% 02MKDIR,
-// 5% 08RENME of files across folders (with the 09RNMTO that follows), 3% 03HLINK, 2% 19ATIME
-// and 20% records of files created earlier in the run being modified. Nine changes in ten land
-// in the hot HOT percent of the folders (default 10), as a night's work concentrates on some
-// projects; HOT 100 spreads every change evenly over the whole tree (the worst case for the
-// database's page cache).
+// 10OPEN; the tree's file gets a new modification time), 20% 01CREAT, 10% 06UNLNK (half of
+// created files, half of existing ones), 5% 02MKDIR, 5% 08RENME of files across folders (with
+// the 09RNMTO that follows), 3% 03HLINK, 2% 19ATIME and 20% records of files created earlier in
+// the run being modified. Nine changes in ten land in the hot HOT percent of the folders
+// (default 10), as a night's work concentrates on some projects; HOT 100 spreads every change
+// evenly over the whole tree (the worst case for the database's page cache).
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -29,6 +33,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -42,7 +47,7 @@
 
 namespace {
 using TClock = std::chrono::steady_clock;
-constexpr const char* kRoot = "/nonexistent-lustre-bench/fs";
+std::string g_strRoot;  // FOLDER/fs
 
 double CpuSeconds() {
   struct timespec ts;
@@ -72,7 +77,25 @@ std::string Fid(uint64_t ullObject) {
   return sz;
 }
 
-std::string Folder(uint64_t i) { return std::string(kRoot) + "/dir" + std::to_string(i); }
+std::string Folder(uint64_t i) { return g_strRoot + "/dir" + std::to_string(i); }
+
+void Touch(const std::string& strPath) {
+  const int fd = open(strPath.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    perror(strPath.c_str());
+    exit(1);
+  }
+  close(fd);
+}
+
+struct stat StatOf(const std::string& strPath) {
+  struct stat st {};
+  if (lstat(strPath.c_str(), &st) != 0) {
+    perror(strPath.c_str());
+    exit(1);
+  }
+  return st;
+}
 
 // Object numbers: 1 the root, 2.. folders, then files; new objects above all of them.
 struct SModel {
@@ -87,28 +110,28 @@ struct SModel {
   uint64_t FileObject(uint64_t i, uint64_t j) const { return 2 + ullFolders + i * ullFiles + j; }
 };
 
+// The tree on disk and its database, as a full job leaves it.
 void Build(CScanDbStore& store, const SModel& model) {
-  struct stat st {};
-  st.st_mode = S_IFDIR | 0755;
-  st.st_nlink = 2;
+  mkdir(g_strRoot.c_str(), 0755);
   Check(store.BeginBulk(), "BeginBulk");
-  Check(store.Add(CScanDbRecord(kRoot, st, Fid(1))), "Add root");
+  Check(store.Add(CScanDbRecord(g_strRoot, StatOf(g_strRoot), Fid(1))), "Add root");
   for (uint64_t i = 0; i < model.ullFolders; ++i) {
-    st.st_mode = S_IFDIR | 0755;
-    st.st_ino = model.FolderObject(i);
-    Check(store.Add(CScanDbRecord(Folder(i), st, Fid(model.FolderObject(i)))), "Add folder");
-    st.st_mode = S_IFREG | 0644;
+    mkdir(Folder(i).c_str(), 0755);
+    for (uint64_t j = 0; j < model.ullFiles; ++j) Touch(Folder(i) + "/file" + std::to_string(j));
+    Check(store.Add(CScanDbRecord(Folder(i), StatOf(Folder(i)), Fid(model.FolderObject(i)))), "Add folder");
     for (uint64_t j = 0; j < model.ullFiles; ++j) {
-      st.st_ino = model.FileObject(i, j);
-      st.st_size = static_cast<off_t>(j * 100);
-      Check(store.Add(CScanDbRecord(Folder(i) + "/file" + std::to_string(j), st, Fid(model.FileObject(i, j)))),
-            "Add file");
+      const std::string strPath = Folder(i) + "/file" + std::to_string(j);
+      Check(store.Add(CScanDbRecord(strPath, StatOf(strPath), Fid(model.FileObject(i, j)))), "Add file");
     }
   }
+  Check(store.Update(CScanDbRecord(g_strRoot, StatOf(g_strRoot), Fid(1))), "Update root");
   Check(store.EndBulk(true), "EndBulk");
 }
 
-// Writes the records; returns how many.
+bool Modify(const std::string& strPath) { return utimensat(AT_FDCWD, strPath.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) == 0; }
+
+// Makes the changes on the tree and writes their records; returns how many. A change that
+// cannot be made (its object went in an earlier change) is left out, as the MDT would.
 uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_t ullRecords) {
   FILE* pFile = fopen(strFile.c_str(), "w");
   if (pFile == nullptr) exit(1);
@@ -129,10 +152,12 @@ uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_
     uint64_t i, j;
     if (uDice < 30) {
       existing(i, j);
+      if (!Modify(Folder(i) + "/file" + std::to_string(j))) continue;
       emit(std::string(kModify[random() % 4]) + kHead + Fid(model.FileObject(i, j)) + " ef=0xf u=0:0 nid=0@lo");
     } else if (uDice < 50) {
       const uint64_t ullFolder = model.PickFolder(random);
       SCreated created{ullNext++, ullFolder, "new file " + std::to_string(ullIndex)};
+      Touch(Folder(ullFolder) + "/" + created.strName);
       emit(std::string("01CREAT") + kHead + Fid(created.ullObject) + " ef=0xf u=0:0 nid=0@lo p=" +
            Fid(model.FolderObject(ullFolder)) + " " + created.strName);
       if (lstCreated.size() > 100000) lstCreated.erase(lstCreated.begin(), lstCreated.begin() + 50000);
@@ -141,17 +166,23 @@ uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_
       if ((uDice & 1) && !lstCreated.empty()) {
         const SCreated created = lstCreated.back();
         lstCreated.pop_back();
+        if (unlink((Folder(created.ullFolder) + "/" + created.strName).c_str()) != 0) continue;
         emit(std::string("06UNLNK") + kHead + Fid(created.ullObject) + " ef=0xf u=0:0 nid=0@lo p=" +
              Fid(model.FolderObject(created.ullFolder)) + " " + created.strName);
       } else {
         i = random() % model.ullFolders;
         if (ullNextUnlink < model.ullFiles / 2 + 1) continue;
+        if (unlink((Folder(i) + "/file" + std::to_string(ullNextUnlink)).c_str()) != 0) {
+          if (i == model.ullFolders - 1) --ullNextUnlink;
+          continue;
+        }
         emit(std::string("06UNLNK") + kHead + Fid(model.FileObject(i, ullNextUnlink)) + " ef=0xf u=0:0 nid=0@lo p=" +
              Fid(model.FolderObject(i)) + " file" + std::to_string(ullNextUnlink));
         if (i == model.ullFolders - 1) --ullNextUnlink;
       }
     } else if (uDice < 65) {
       const uint64_t ullFolder = model.PickFolder(random);
+      if (mkdir((Folder(ullFolder) + "/sub " + std::to_string(ullIndex)).c_str(), 0755) != 0) continue;
       emit(std::string("02MKDIR") + kHead + Fid(ullNext++) + " ef=0xf u=0:0 nid=0@lo p=" + Fid(model.FolderObject(ullFolder)) +
            " sub " + std::to_string(ullIndex));
     } else if (uDice < 70) {
@@ -160,6 +191,9 @@ uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_
       const uint64_t ullFrom = ullNextRename % model.ullFolders, ullTo = (ullFrom + 1) % model.ullFolders;
       if (ullFile >= ullNextUnlink) continue;
       ++ullNextRename;
+      if (rename((Folder(ullFrom) + "/file" + std::to_string(ullFile)).c_str(),
+                 (Folder(ullTo) + "/moved " + std::to_string(ullIndex)).c_str()) != 0)
+        continue;
       const std::string strObject = Fid(model.FileObject(ullFrom, ullFile));
       emit(std::string("08RENME") + kHead + "[0x0:0x0:0x0] ef=0xf u=0:0 nid=0@lo p=" + Fid(model.FolderObject(ullTo)) +
            " moved " + std::to_string(ullIndex) + " s=" + strObject + " sp=" + Fid(model.FolderObject(ullFrom)) + " file" +
@@ -168,14 +202,17 @@ uint64_t WriteChangelog(const std::string& strFile, const SModel& model, uint64_
            " moved");
     } else if (uDice < 73) {
       existing(i, j);
+      if (link((Folder(i) + "/file" + std::to_string(j)).c_str(), (Folder(i) + "/link " + std::to_string(ullIndex)).c_str()) != 0)
+        continue;
       emit(std::string("03HLINK") + kHead + Fid(model.FileObject(i, j)) + " ef=0xf u=0:0 nid=0@lo p=" +
            Fid(model.FolderObject(i)) + " link " + std::to_string(ullIndex));
     } else if (uDice < 75) {
       existing(i, j);
       emit(std::string("19ATIME") + kHead + Fid(model.FileObject(i, j)) + " ef=0xf u=0:0 nid=0@lo");
     } else if (!lstCreated.empty()) {
-      emit(std::string(kModify[random() % 4]) + kHead + Fid(lstCreated[random() % lstCreated.size()].ullObject) +
-           " ef=0xf u=0:0 nid=0@lo");
+      const SCreated& created = lstCreated[random() % lstCreated.size()];
+      if (!Modify(Folder(created.ullFolder) + "/" + created.strName)) continue;
+      emit(std::string(kModify[random() % 4]) + kHead + Fid(created.ullObject) + " ef=0xf u=0:0 nid=0@lo");
     }
   }
   fclose(pFile);
@@ -242,7 +279,7 @@ std::vector<int64_t> SplitByMdt(const std::string& strChangelog, const std::vect
 
 // Lists every folder below the root, depth first; counts what is handed out.
 void Enumerate(CLustreScanDBPathEnumerator& enumerator, uint64_t& ullItems) {
-  std::vector<std::string> lstFolders{kRoot};
+  std::vector<std::string> lstFolders{g_strRoot};
   while (!lstFolders.empty()) {
     const std::string strFolder = lstFolders.back();
     lstFolders.pop_back();
@@ -262,7 +299,10 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: LustreChangelogBench FOLDER [FOLDERS [FILES [RECORDS [BATCH [HOT [MDTS]]]]]]\n");
     return 2;
   }
-  const std::string strFolder = argv[1];
+  const std::string strFolder = std::filesystem::absolute(argv[1]).lexically_normal().string();
+  g_strRoot = strFolder + "/fs";
+  std::error_code ec;
+  std::filesystem::remove_all(g_strRoot, ec);
   const SModel baseModel{argc > 2 ? strtoull(argv[2], nullptr, 10) : 10000, argc > 3 ? strtoull(argv[3], nullptr, 10) : 99};
   const uint64_t ullRecords = argc > 4 ? strtoull(argv[4], nullptr, 10) : 1000000;
   const int64_t llBatch = argc > 5 ? strtoll(argv[5], nullptr, 10) : 100000;
@@ -298,11 +338,11 @@ int main(int argc, char** argv) {
     lstFiles.push_back(strChangelog + "." + szName);
   }
   const std::vector<int64_t> lstLast = SplitByMdt(strChangelog, lstFiles);
-  CBenchLustre api("/nonexistent-lustre-bench", lstMdt);
+  CBenchLustre api(strFolder, lstMdt);
   for (uint64_t k = 0; k < ullMdts; ++k) api.m_mapFiles[lstMdt[k].strName] = fopen(lstFiles[k].c_str(), "r");
-  CLustreChangelogApplier applier(store, api, "/nonexistent-lustre-bench", {kRoot}, nullptr);
+  CLustreChangelogApplier applier(store, api, strFolder, {g_strRoot}, nullptr);
   const std::string strBatches = strFolder + "/batches";
-  CLustreChangelogMerger merger(store, api, applier, "/nonexistent-lustre-bench", strBatches, llBatch, nullptr);
+  CLustreChangelogMerger merger(store, api, applier, strFolder, strBatches, llBatch, nullptr);
   for (uint64_t k = 0; k < ullMdts; ++k) merger.AddMdt(lstMdt[k].strName, 0, lstLast[k]);
   t0 = TClock::now();
   const double dCpu0 = CpuSeconds();
@@ -320,7 +360,9 @@ int main(int argc, char** argv) {
   CLustreScanDBPathEnumerator enumerator(store, previous, nullptr, {});
   uint64_t ullItems = 0;
   t0 = TClock::now();
+  Check(store.BeginBulk(), "BeginBulk");
   Enumerate(enumerator, ullItems);
+  Check(store.EndBulk(true), "EndBulk");
   printf("enumerate_s %.3f\nchanged %" PRIu64 "\ndeleted %" PRIu64 "\nrss_end_kib %ld\n", Seconds(t0, TClock::now()),
          ullItems, enumerator.GetDeletedCount(), MaxRssKiB());
   for (uint64_t k = 0; k < ullMdts; ++k) {
@@ -330,5 +372,6 @@ int main(int argc, char** argv) {
   }
   rmdir(strBatches.c_str());
   remove(strChangelog.c_str());
+  std::filesystem::remove_all(g_strRoot, ec);
   return 0;
 }

@@ -604,7 +604,12 @@ CQiError CLustreScanEngine::EnumerateChanges(const CWorkUnitPtr& pWorkUnit, cons
   traversal.SetMaxWorkers(1);
   SetUpTraversal(traversal, pWorkUnit);
   traversal.SetProcessTopLevelContentItem(false);
-  QI_RETURN_IF_ERROR(traversal.Traverse());
+  // The records the enumeration refreshes or drops commit once, not one transaction each.
+  QI_RETURN_IF_ERROR(m_pStore->BeginBulk());
+  CQiError error = traversal.Traverse();
+  CQiError endError = m_pStore->EndBulk(error.IsSuccess());
+  if (error.IsSuccess()) error = endError;
+  QI_RETURN_IF_ERROR(error);
   ZRLOG(1, "%llu entries were deleted since the last backup",
         static_cast<unsigned long long>(pEnumerator->GetDeletedCount()));
   return CQiError();
