@@ -289,6 +289,10 @@ CQiError CLustreChangelogApplier::Rename(const CLustreChangelogRecord& record, b
     return QI_PUSH(error);
   }
   ZRLOG(5, "Renaming Record from %s to %s", Esc(strOld).c_str(), Esc(strNew).c_str());
+  if (m_pRenameList != nullptr &&
+      fprintf(m_pRenameList, "Old:%s\tNew:%s\tFID:%s\n", Esc(strOld).c_str(), Esc(strNew).c_str(),
+              Esc(record.m_strSourceFID).c_str()) < 0)
+    return QI_ERROR_ERRNO(errno != 0 ? errno : EIO, "Cannot write the rename list");
   // A moved folder moves the paths of the parents cached below it.
   if (bFolder) ForgetParents();
   // The moved object's change time moved with it.

@@ -39,6 +39,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <set>
 #include <string>
@@ -77,6 +78,10 @@ class CLustreChangelogApplier {
   // Adds (or refreshes) the object at the path and, for a folder, everything below it (FIDs
   // from the API): objects moved in from outside the content, and previous scan failures.
   CQiError AddSubtree(const std::string& strPath);
+  // Every rename applied inside the content is written to the file as one line
+  // "Old:<path>\tNew:<path>\tFID:<fid>" (paths with control characters escaped, so that a name
+  // cannot break the line); the file stays the caller's. Null: no list.
+  void SetRenameList(FILE* pRenameList) { m_pRenameList = pRenameList; }
 
  private:
   enum class EWhere { kInside, kOutside };
@@ -98,6 +103,7 @@ class CLustreChangelogApplier {
   std::string m_strMount;
   std::vector<std::string> m_lstRoots;
   CLustreHardlinkManager* m_pHardlinks;
+  FILE* m_pRenameList = nullptr;
   std::unordered_map<std::string, std::string> m_mapParents;  // folder FID -> path
   std::map<std::string, uint64_t> m_mapModified;               // FID -> records naming it
   std::set<std::string> m_setParents;                          // parents of applied namespace records

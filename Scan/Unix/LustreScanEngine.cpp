@@ -190,6 +190,8 @@ CQiError CLustreScanEngine::ProcessWorkUnitInner(const CWorkUnitPtr& pWorkUnit) 
       if (IsFatal(error) || m_bDelivering) return QI_PUSH(error);
       ZRLOG(-1, "The incremental scan cannot be completed from the changelogs. So changing the Scan type to FULL");
       bFull = true;
+      // A full job renames nothing: the renames of the batches applied are no list of this job.
+      (void)unlink(FXPath::Append(m_strJobResults, kRenameListFile).c_str());
     }
   }
   if (bFull) {
@@ -521,6 +523,10 @@ CQiError CLustreScanEngine::ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit) {
   // record after the one the database says it holds. The statistics file says the same unless a
   // job died between its post-operations.
   CLustreChangelogApplier applier(*m_pStore, *m_pApi, m_strMount, m_lstRoots, m_pHardlinks.get());
+  const std::string strRenameList = FXPath::Append(m_strJobResults, kRenameListFile);
+  std::unique_ptr<FILE, int (*)(FILE*)> pRenameList(fopen(strRenameList.c_str(), "we"), fclose);
+  if (!pRenameList) return QI_ERROR_ERRNO(errno, "Cannot create %s", Esc(strRenameList).c_str());
+  applier.SetRenameList(pRenameList.get());
   CLustreChangelogMerger merger(*m_pStore, *m_pApi, applier, m_strMount,
                                 FXPath::Append(m_strJobResults, kChangelogFolder), m_llBatchSize,
                                 m_pScannerCallback.get());
@@ -532,6 +538,7 @@ CQiError CLustreScanEngine::ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit) {
     merger.AddMdt(info.strMDT, llDone, info.llEndIndex);
   }
   QI_RETURN_IF_ERROR(merger.Run());
+  if (fclose(pRenameList.release()) != 0) return QI_ERROR_ERRNO(errno, "Cannot write %s", Esc(strRenameList).c_str());
   error = m_pHardlinks->ProcessHardLinks(*m_pStore, *m_pApi, m_strMount, m_lstRoots);
   if (error.IsError()) {
     ZRLOG(-1, "Processing Hardlinks for Lustre Filesystem %s Failed", Esc(m_strFileSystem).c_str());

@@ -12,7 +12,9 @@
 // "%s_CurrentBackupDatabase", "%s_TemporaryBackupDatabase" (CScanDbFiles), the scan information
 // "%s_ScanInfo.zrf" ("ScanType\tFULL\n" or "ScanType\tINCR\n", then "Folder\t" and the database
 // folder in use), the pending post-operations "%s_PostOp.zrf", "ZrPostOpState.zrf",
-// "scan_Failures_Last.zrf", "LustreRenameFileList.zrf" and the folder "Changelogs_Temporary".
+// "scan_Failures_Last.zrf", "LustreRenameFileList.zrf" (the renames an incremental applied, a
+// line "Old:<path>\tNew:<path>\tFID:<fid>" each; emptied at the start of every job) and the
+// folder "Changelogs_Temporary".
 //
 // Exactness between jobs:
 //   - the changelog index up to which a database is complete is kept in the database itself

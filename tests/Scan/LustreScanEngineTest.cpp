@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
 #include "LustreTestSupport.h"
 #include "Support/FileText.h"
@@ -25,6 +26,7 @@ struct SChangeCase {
   std::function<void(CSimulatedLustreAPI&)> change;
   V lstDelivered;
   V lstDeleted;
+  V lstRenamed = {};  // "old>new" of each line of the rename list
 };
 
 const SChangeCase kChangeCases[] = {
@@ -36,11 +38,11 @@ const SChangeCase kChangeCases[] = {
     {"Mknod", [](auto& l) { (void)l.Mknod("a/fifo"); }, {"a", "a/fifo"}, {}},
     {"Unlink", [](auto& l) { (void)l.Unlink("a/f"); }, {"a"}, {"a/f"}},
     {"Rmdir", [](auto& l) { (void)l.Rmdir("e"); }, {}, {"e"}},
-    {"RenameFile", [](auto& l) { (void)l.Rename("a/f", "a/g"); }, {"a", "a/g"}, {"a/f"}},
-    {"RenameFileAcrossFolders", [](auto& l) { (void)l.Rename("a/f", "b/f"); }, {"a", "b", "b/f"}, {"a/f"}},
+    {"RenameFile", [](auto& l) { (void)l.Rename("a/f", "a/g"); }, {"a", "a/g"}, {"a/f"}, {"a/f>a/g"}},
+    {"RenameFileAcrossFolders", [](auto& l) { (void)l.Rename("a/f", "b/f"); }, {"a", "b", "b/f"}, {"a/f"}, {"a/f>b/f"}},
     {"RenameFolderWithChildren", [](auto& l) { (void)l.Rename("d", "b/d2"); }, {"b", "b/d2", "b/d2/x", "b/d2/y", "b/d2/y/z"},
-     {"d"}},
-    {"RenameOverExisting", [](auto& l) { (void)l.Rename("a/f", "top.txt"); }, {"a", "top.txt"}, {"a/f"}},
+     {"d"}, {"d>b/d2"}},
+    {"RenameOverExisting", [](auto& l) { (void)l.Rename("a/f", "top.txt"); }, {"a", "top.txt"}, {"a/f"}, {"a/f>top.txt"}},
     {"AttributeChange", [](auto& l) { (void)l.Chmod("a/f", 0600); }, {"a/f"}, {}},
     {"ContentChange", [](auto& l) { (void)l.Write("d/y/z", "longer"); }, {"d/y/z"}, {}},
     {"NamesWithBlanks",
@@ -49,7 +51,8 @@ const SChangeCase kChangeCases[] = {
        (void)l.Create("b/two  blanks /a file.txt");
        (void)l.Rename("b/two  blanks /a file.txt", "b/two  blanks / s=[0x1:0x2:0x0] odd");
      },
-     {"b", "b/two  blanks ", "b/two  blanks / s=[0x1:0x2:0x0] odd"}, {}},
+     {"b", "b/two  blanks ", "b/two  blanks / s=[0x1:0x2:0x0] odd"}, {},
+     {"b/two  blanks /a file.txt>b/two  blanks / s=[0x1:0x2:0x0] odd"}},
     {"CreateThenRemove",
      [](auto& l) {
        (void)l.Mkdir("tmp");
@@ -80,6 +83,15 @@ TEST_P(LustreChangeTest, IncrementalReportsExactlyTheChangeAndKeepsTheDatabaseTr
   EXPECT_EQ(f.Delivered(), c.lstDelivered);
   EXPECT_EQ(f.DeletedItems(), c.lstDeleted);
   EXPECT_EQ(f.Stored(), f.Walked());
+  V lstRenamed;
+  std::istringstream list(ReadFileText(f.m_strJob + "/LustreRenameFileList.zrf"));
+  for (std::string strLine; std::getline(list, strLine);) {
+    const size_t old = strLine.find("Old:"), tab = strLine.find("\tNew:"), fid = strLine.find("\tFID:[");
+    ASSERT_TRUE(old == 0 && tab != std::string::npos && fid != std::string::npos) << strLine;
+    lstRenamed.push_back(Relative(f.m_strRoot, strLine.substr(4, tab - 4)) + ">" +
+                         Relative(f.m_strRoot, strLine.substr(tab + 5, fid - tab - 5)));
+  }
+  EXPECT_EQ(lstRenamed, c.lstRenamed);
   // A next incremental without changes reports nothing.
   ASSERT_TRUE(f.RunAndPostOps(false).IsSuccess());
   EXPECT_EQ(f.Delivered(), V{});
