@@ -358,7 +358,14 @@ CQiError CGpfsScanEngine::ProcessWorkUnit2(CWorkUnitPtr pWorkUnit) {
           Esc(m_strGpfsBinDir).c_str());
     return QI_ERROR_WIN32(QiErrorCode::OperationAborted, "Invalid gpfs binary path");
   }
-  QI_RETURN_IF_ERROR(IsGpfsClusterUp());
+  CQiError clusterError = IsGpfsClusterUp();
+  if (clusterError.IsError()) {
+    // A cluster that is not up fails the check (EINVAL: the default scan runs instead), unless
+    // scan errors fail the job, as every other failure of this scan does.
+    if (clusterError.IsWin32(QiErrorCode::OperationAborted) || !m_bFailOnScanError) return QI_PUSH(clusterError);
+    SetFailJobSet();
+    return QI_PUSH(GetErrorCode(QiErrorCode::FunctionFailed, "%s", clusterError.AsString().c_str()));
+  }
   QI_RETURN_IF_ERROR(GpfsFlushIoOnAllNodes(strDevice));
 
   std::string strJobResults;

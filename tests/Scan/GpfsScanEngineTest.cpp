@@ -182,6 +182,7 @@ const SRunCase kRunCases[] = {
     {"Exit1FailsTheJob", {.iPolicyExit = 1}, "nGpfsScanNumRetry=1\nnGpfsFailOnScanError=1\n", nullptr, 995, 1, {"0x11000079"},
      "GpfsScan error will be considered fatal and job will be failed."},
     {"ClusterDown", {.strState = "down"}, "", nullptr, -1, 0, {}, "Current status 'down:active:'."},
+    {"ClusterDownFailsTheJob", {.strState = "down"}, "nGpfsFailOnScanError=1\n", nullptr, 995, 0, {}, "Current status 'down:active:'."},
     {"SuspendHangs", {.strSuspendWrite = "exec sleep 30"}, "nGpfsTimeout=1\n", nullptr, 1627, 0, {},
      "taking more time than 1 seconds. Reverting back to default scan"},
     {"SuspendWriteUnsupported", {.strSuspendWrite = "exit 1", .bUsageHasSuspendWrite = false}, "", nullptr, 0, 1, {},
