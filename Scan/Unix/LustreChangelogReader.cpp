@@ -46,8 +46,10 @@ CQiError CLustreChangelogReader::Next(CLustreChangelogRecord& record, bool& bEnd
   ++m_ullLines;
   const std::string_view line(m_pLine, static_cast<size_t>(nRead));
   ZRLOG(4, "The ChangelogLine - [%s]", FXString::EscapeControl(line).c_str());
-  CQiError error = line.back() != '\n' && !feof(m_pFile)
-                       ? QI_ERROR_WIN32(QiErrorCode::InvalidData, "Cannot read the whole line")
+  // lfs ends every record with a newline: a last line without one was cut short (a full disk,
+  // a killed fetch) and may hold half a name.
+  CQiError error = line.back() != '\n'
+                       ? QI_ERROR_WIN32(QiErrorCode::InvalidData, "The file ends inside a record: cannot read the whole line")
                        : CLustreChangelogRecord::Parse(line, record);
   if (error.IsError()) {
     ZRLOG(4, "Invalid Line read from changelog file %s", FXString::EscapeControl(m_strFile).c_str());

@@ -216,7 +216,7 @@ TEST_P(LustreApplyTest, DatabaseFollowsTheTree) {
 INSTANTIATE_TEST_SUITE_P(Lustre, LustreApplyTest, ::testing::ValuesIn(kApplyCases),
                          [](const auto& info) { return std::string(info.param.szName); });
 
-// A garbled line or a record out of order fails the file after the rest is applied, never
+// A garbled line, a record out of order or a last record cut short fails the file, never
 // silently: the engine then scans in full.
 TEST(LustreApply, GarbledAndOutOfOrderRecordsFailTheFile) {
   CLustreFixture f(std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
@@ -235,6 +235,10 @@ TEST(LustreApply, GarbledAndOutOfOrderRecordsFailTheFile) {
   EXPECT_EQ(counts.ullFailed, 3u);  // the garbled line, 6 after 7, 9 beyond 8
   EXPECT_EQ(log->CountContaining("Invalid Line read from changelog file " + strFile), 1u);
   EXPECT_TRUE(applier.ProcessChangelogs(f.m_tree.Path("missing"), 1, 2, counts).IsErrNo(ENOENT));
+  // A last record without its newline was cut short: its name may be half a name.
+  const std::string strCut = f.m_tree.MakeFile("cut", "5 19ATIME 13:57:43.4 2026.11.23 0x0 t=[0x2:0x1:0x0]\n"
+                                                     "6 01CREAT 13:57:43.4 2026.11.23 0x0 t=[0x2:0x3:0x0] p=[0x2:0x1:0x0] a na");
+  EXPECT_TRUE(applier.ProcessChangelogs(strCut, 5, 6, counts).IsWin32(QiErrorCode::InvalidData));
 }
 
 // ---- the hard-link table file ----
