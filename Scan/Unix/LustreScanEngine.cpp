@@ -530,14 +530,17 @@ CQiError CLustreScanEngine::ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit) {
   CLustreChangelogMerger merger(*m_pStore, *m_pApi, applier, m_strMount,
                                 FXPath::Append(m_strJobResults, kChangelogFolder), m_llBatchSize,
                                 m_pScannerCallback.get());
+  std::vector<std::pair<sLustreChangelogInfo, int64_t>> lstFrom;  // each reader, the first record needed
   for (const sLustreChangelogInfo& info : lstCurrent) {
     std::string strIndex;
     long long llDone = 0;
     QI_RETURN_IF_ERROR(m_pStore->GetMetaText(kIndexKeyPrefix + info.strMDT, strIndex));
     QI_RETURN_IF_ERROR(FXString::ToInt64(strIndex, llDone));
     merger.AddMdt(info.strMDT, llDone, info.llEndIndex);
+    lstFrom.emplace_back(info, llDone + 1);
   }
   QI_RETURN_IF_ERROR(merger.Run());
+  QI_RETURN_IF_ERROR(CheckNothingPurged(lstFrom));
   if (fclose(pRenameList.release()) != 0) return QI_ERROR_ERRNO(errno, "Cannot write %s", Esc(strRenameList).c_str());
   error = m_pHardlinks->ProcessHardLinks(*m_pStore, *m_pApi, m_strMount, m_lstRoots);
   if (error.IsError()) {
@@ -619,6 +622,30 @@ CQiError CLustreScanEngine::EnumerateChanges(const CWorkUnitPtr& pWorkUnit, cons
   QI_RETURN_IF_ERROR(error);
   ZRLOG(1, "%llu entries were deleted since the last backup",
         static_cast<unsigned long long>(pEnumerator->GetDeletedCount()));
+  return CQiError();
+}
+
+CQiError CLustreScanEngine::CheckNothingPurged(const std::vector<std::pair<sLustreChangelogInfo, int64_t>>& lstFrom) {
+  // An MDT purges only what every reader cleared, and the first record it keeps only rises: a
+  // reader still there whose first record is not beyond the first one this job needed proves
+  // that every record was still there when it was fetched.
+  for (const auto& [info, llFirstNeeded] : lstFrom) {
+    int64_t llStart = 0, llEnd = 0;
+    CQiError error = m_pApi->GetStartAndEndChangelogRecordNumbers({info.strMDT, info.strHost}, m_strLustreUser,
+                                                                  info.strChangelogId, llStart, llEnd);
+    if (error.IsWin32(QiErrorCode::NotFound))
+      return QI_ERROR_WIN32(QiErrorCode::InvalidData,
+                            "The changelog reader %s is no longer registered on MDT %s (dropped during the job)",
+                            Esc(info.strChangelogId).c_str(), Esc(info.strMDT).c_str());
+    QI_RETURN_IF_ERROR(error, "Error retrieving the changelog reader start and end record index : [%s]",
+                       error.AsString().c_str());
+    if (llStart > llFirstNeeded)
+      return QI_ERROR_WIN32(QiErrorCode::InvalidData,
+                            "Changelog records of MDT %s from %lld were purged during the job (the first record of "
+                            "reader %s is %lld)",
+                            Esc(info.strMDT).c_str(), static_cast<long long>(llFirstNeeded),
+                            Esc(info.strChangelogId).c_str(), static_cast<long long>(llStart));
+  }
   return CQiError();
 }
 

@@ -24,7 +24,7 @@
 //     untouched (the running job works on the temporary copy), and the next job starts again
 //     from the indexes that database holds: no record is skipped or applied twice;
 //   - the incremental starts from that index; a reader the MDT no longer has, a reader whose
-//     first available record lies beyond it (records purged), a changed MDT set, a missing
+//     first available record lies beyond it (records purged; checked again after applying), a changed MDT set, a missing
 //     database, statistics or post-operation state, a post-operation state of another job, a
 //     true-up job, a garbled changelog line or a record the database cannot take each turn the
 //     job into a full scan, with the reason logged at level -1. Only an abort (995), a lack of
@@ -104,7 +104,11 @@ class CLustreScanEngine : public CScanEngine {
   CQiError CloseFileSystemScanDB();
   CQiError ProcessWorkUnitFull(const CWorkUnitPtr& pWorkUnit);
   CQiError ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit);
+  // After applying: every reader still registered, none of the records this job needed purged
+  // (else the incremental may have holes: an error, and the job scans in full).
+  CQiError CheckNothingPurged(const std::vector<std::pair<sLustreChangelogInfo, int64_t>>& lstFrom);
   CQiError ProcessScanFailures(std::set<std::string>& setRescan);
+
   CQiError EnumerateChanges(const CWorkUnitPtr& pWorkUnit, const std::set<std::string>& setRescan);
   void LustreChangelogCleanup();
   void SetUpTraversal(class CEnumerateFiles& traversal, const CWorkUnitPtr& pWorkUnit);

@@ -378,6 +378,38 @@ TEST(LustreFullWalk, EntryWithoutFidIsAFailureAndNotInTheDatabase) {
   EXPECT_EQ(f.Stored(), lstWalked);
 }
 
+// ---- a reader the MDT drops while the job fetches its records ----
+
+class CDroppingLustre : public CSimulatedLustreAPI {
+ public:
+  using CSimulatedLustreAPI::CSimulatedLustreAPI;
+  CQiError GetChangelogs(const std::string& strMount, const std::string& strMDT, int64_t llStart, int64_t llEnd,
+                         const std::string& strFile) override {
+    CQiError error = CSimulatedLustreAPI::GetChangelogs(strMount, strMDT, llStart, llEnd, strFile);
+    if (m_bDrop) DropReader(strMDT, "cl1");
+    return error;
+  }
+  bool m_bDrop = false;
+};
+
+TEST(LustreReaders, DroppedDuringTheJobMakesItFull) {
+  CLustreFixture f(std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
+  auto pApi = std::make_shared<CDroppingLustre>(f.m_strRoot, std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
+  f.m_pApi = pApi;
+  LustreAPI::SetCurrent(pApi);
+  f.MakeTree();
+  ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
+  (void)pApi->Create("a/new");
+  pApi->m_bDrop = true;
+  CLogCapture log;
+  ASSERT_TRUE(f.Run(false).IsSuccess());
+  EXPECT_EQ(log->CountContaining("The changelog reader cl1 is no longer registered on MDT lustre-MDT0000 (dropped during "
+                                 "the job)"),
+            1u);
+  EXPECT_EQ(log->CountContaining("So changing the Scan type to FULL"), 1u);
+  EXPECT_EQ(f.Stored(EScanDbKind::kTemporary), f.Walked());
+}
+
 // ---- reader registration: the MDT set, refusing hosts, batch sizes ----
 
 TEST(LustreReaders, ChangedMdtSetReRegistersAndScansFull) {
