@@ -378,37 +378,46 @@ TEST(LustreFullWalk, EntryWithoutFidIsAFailureAndNotInTheDatabase) {
   EXPECT_EQ(f.Stored(), lstWalked);
 }
 
-// ---- a reader the MDT drops while the job fetches its records ----
+// ---- faults while the job fetches its records: each turns the job full, never a hole ----
 
-class CDroppingLustre : public CSimulatedLustreAPI {
+class CFaultyLustre : public CSimulatedLustreAPI {
  public:
   using CSimulatedLustreAPI::CSimulatedLustreAPI;
   CQiError GetChangelogs(const std::string& strMount, const std::string& strMDT, int64_t llStart, int64_t llEnd,
                          const std::string& strFile) override {
+    if (m_szFault == std::string("fail"))
+      return QI_ERROR_WIN32(QiErrorCode::FunctionFailed, "lfs changelog %s failed", strMDT.c_str());
     CQiError error = CSimulatedLustreAPI::GetChangelogs(strMount, strMDT, llStart, llEnd, strFile);
-    if (m_bDrop) DropReader(strMDT, "cl1");
+    if (m_szFault == std::string("drop")) DropReader(strMDT, "cl1");
     return error;
   }
-  bool m_bDrop = false;
+  const char* m_szFault = "";
 };
 
-TEST(LustreReaders, DroppedDuringTheJobMakesItFull) {
+class LustreFetchFaultTest : public ::testing::TestWithParam<std::pair<const char*, const char*>> {};
+
+TEST_P(LustreFetchFaultTest, MakesTheJobFull) {
   CLustreFixture f(std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
-  auto pApi = std::make_shared<CDroppingLustre>(f.m_strRoot, std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
+  auto pApi = std::make_shared<CFaultyLustre>(f.m_strRoot, std::vector<LustreAPI::SMdt>{{"lustre-MDT0000", "mds0"}});
   f.m_pApi = pApi;
   LustreAPI::SetCurrent(pApi);
   f.MakeTree();
   ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
   (void)pApi->Create("a/new");
-  pApi->m_bDrop = true;
+  pApi->m_szFault = GetParam().first;
   CLogCapture log;
   ASSERT_TRUE(f.Run(false).IsSuccess());
-  EXPECT_EQ(log->CountContaining("The changelog reader cl1 is no longer registered on MDT lustre-MDT0000 (dropped during "
-                                 "the job)"),
-            1u);
+  EXPECT_EQ(log->CountContaining(GetParam().second), 1u) << GetParam().second;
   EXPECT_EQ(log->CountContaining("So changing the Scan type to FULL"), 1u);
   EXPECT_EQ(f.Stored(EScanDbKind::kTemporary), f.Walked());
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Lustre, LustreFetchFaultTest,
+    ::testing::Values(std::pair{"drop", "The changelog reader cl1 is no longer registered on MDT lustre-MDT0000 (dropped "
+                                        "during the job)"},
+                      std::pair{"fail", "Cannot obtain changelogs from MDT lustre-MDT0000 from"}),
+    [](const auto& info) { return std::string(info.param.first); });
 
 // ---- reader registration: the MDT set, refusing hosts, batch sizes ----
 
