@@ -151,6 +151,41 @@ const SChangeCase kCrossMdtCases[] = {
 INSTANTIATE_TEST_SUITE_P(LustreCrossMdt, LustreChangeTest, ::testing::ValuesIn(kCrossMdtCases),
                          [](const auto& info) { return std::string(info.param.szName); });
 
+// ---- the content is one folder (d): moves across its edge, changes beside it ----
+
+const SChangeCase kEdgeCases[] = {
+    {"FolderMovedIn", [](auto& l) { (void)l.Rename("a", "d/a"); }, {"d/a", "d/a/f"}, {}},
+    {"FileMovedOut", [](auto& l) { (void)l.Rename("d/x", "b/x"); }, {}, {"d/x"}},
+    {"FolderMovedOut", [](auto& l) { (void)l.Rename("d/y", "e/y"); }, {}, {"d/y"}},
+    {"ChangesBesideTheContent",
+     [](auto& l) {
+       (void)l.Create("b/new");
+       (void)l.Rename("a/f", "e/f");
+       (void)l.Chmod("top.txt", 0600);
+     },
+     {}, {}},
+};
+
+class LustreEdgeTest : public ::testing::TestWithParam<SChangeCase> {};
+
+TEST_P(LustreEdgeTest, OnlyTheContentIsKept) {
+  const SChangeCase& c = GetParam();
+  CLustreFixture f;
+  f.MakeTree();
+  f.m_strContent = f.m_strRoot + "/d";
+  ASSERT_TRUE(f.RunAndPostOps(true).IsSuccess());
+  c.change(*f.m_pApi);
+  CLogCapture log;
+  ASSERT_TRUE(f.RunAndPostOps(false).IsSuccess());
+  EXPECT_EQ(log->CountContaining("changing the Scan type to FULL"), 0u);
+  EXPECT_EQ(f.Delivered(), c.lstDelivered);
+  EXPECT_EQ(f.DeletedItems(), c.lstDeleted);
+  EXPECT_EQ(f.Stored(), f.Walked());
+}
+
+INSTANTIATE_TEST_SUITE_P(Lustre, LustreEdgeTest, ::testing::ValuesIn(kEdgeCases),
+                         [](const auto& info) { return std::string(info.param.szName); });
+
 // ---- what turns an incremental into a full scan, and what merely gets logged ----
 
 struct SOutcomeCase {

@@ -145,7 +145,7 @@ class CLustreFixture {
     m_pEngine = std::make_shared<CLustreScanEngine>();
     (void)m_pEngine->SetScannerCallback(m_pCallback);
     (void)m_pEngine->SetScannerConfigurationBag(m_pCallback->GetScannerConfigurationBag());
-    CWorkUnitPtr pUnit = TraversalTestSupport::MakeUnit({m_strRoot}, m_strRoot);
+    CWorkUnitPtr pUnit = TraversalTestSupport::MakeUnit({m_strContent.empty() ? m_strRoot : m_strContent}, m_strRoot);
     pUnit->SetLocalVolumeUniqueId("id1");
     return m_pEngine->ProcessWorkUnit(pUnit);
   }
@@ -165,9 +165,9 @@ class CLustreFixture {
   std::vector<SEntry> Stored(EScanDbKind eKind = EScanDbKind::kCurrent) const {
     CScanDbStore store;
     if (store.Open(DbFolder(eKind)).IsError()) return {};
-    return StoreEntries(store, m_strRoot);
+    return StoreEntries(store, m_strContent.empty() ? m_strRoot : m_strContent);
   }
-  std::vector<SEntry> Walked() { return FreshWalk(*m_pApi, m_strRoot); }
+  std::vector<SEntry> Walked() { return FreshWalk(*m_pApi, m_strContent.empty() ? m_strRoot : m_strContent); }
   std::vector<std::string> Sorted(std::vector<std::string> lstPaths) const {
     for (std::string& strPath : lstPaths) strPath = Relative(m_strRoot, strPath);
     std::sort(lstPaths.begin(), lstPaths.end());
@@ -178,6 +178,7 @@ class CLustreFixture {
 
   CTempTree m_tree;
   std::string m_strRoot, m_strJob;
+  std::string m_strContent;  // the content, when not the whole file system
   std::shared_ptr<CSimulatedLustreAPI> m_pApi;
   std::shared_ptr<TraversalTestSupport::CTestCallback> m_pCallback =
       std::make_shared<TraversalTestSupport::CTestCallback>();
