@@ -4,7 +4,7 @@
 // which its content is reported (the output folder) and, when the folder was met in a listing, its
 // item (so that listing it needs no second status read). A reparse-point entry also carries the
 // end substitute name (the folder that is really listed), the next substitute name and the
-// attributes of the reparse point.
+// attributes of the reparse point. A top-level entry is a content root to be reported itself first.
 //
 // A small value type: copied into and out of the traversal's queue under the queue's mutex; one
 // thread uses one copy.
@@ -32,6 +32,10 @@ class CScanFoldersToTraverse {
   const std::string& GetNextSubstituteName() const { return m_strNextSubstituteName; }
   uint32_t GetAttributes() const { return m_uAttributes; }
   bool IsReparsePointEntry() const { return m_bReparsePointEntry; }
+  // A content root still to be reported itself (top-level content processing) before it is
+  // listed: the worker that takes it does both.
+  bool IsTopLevel() const { return m_bTopLevel; }
+  void SetTopLevel(bool bTopLevel) { m_bTopLevel = bTopLevel; }
 
  private:
   CItemPtr m_pFolderItem;
@@ -41,4 +45,5 @@ class CScanFoldersToTraverse {
   std::string m_strNextSubstituteName;
   uint32_t m_uAttributes = 0;
   bool m_bReparsePointEntry = false;
+  bool m_bTopLevel = false;
 };

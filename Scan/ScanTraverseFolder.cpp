@@ -1,5 +1,7 @@
 #include "Scan/ScanTraverseFolder.h"
 
+#include <optional>
+
 #include <algorithm>
 #include <chrono>
 
@@ -87,11 +89,20 @@ void CScanTraverseFolder::AddFolderToList(const std::string& strInput,
   AddFolderToList(CItemPtr(), strInput, strOutput);
 }
 
+// The folder a top-level entry's root queues while it is reported, per thread (a worker reports
+// one root at a time); held by the traversal that set it, for the next folder queued only.
+thread_local CScanTraverseFolder::SHeldFolder* CScanTraverseFolder::SHeldFolder::t_pCurrent = nullptr;
+
 void CScanTraverseFolder::AddFolderToList(CItemPtr pFolder, const std::string& strInput,
                                           const std::string& strOutput) {
   if (ZRLOG_ON(6))
     ZRLOG(6, "Adding folder, InputPath=%s, OutputPath=%s", Esc(strInput).c_str(),
           Esc(strOutput).c_str());
+  SHeldFolder* pHold = SHeldFolder::t_pCurrent;
+  if (pHold != nullptr && pHold->pTraversal == this && !pHold->held) {
+    pHold->held.emplace(std::move(pFolder), strInput, strOutput);
+    return;
+  }
   m_pPrivate->AddFolder(CScanFoldersToTraverse(std::move(pFolder), strInput, strOutput));
 }
 
@@ -165,7 +176,12 @@ CQiError CScanTraverseFolder::Traverse() {
     return QI_ERROR_WIN32(QiErrorCode::InvalidParameter, "No path enumerator to traverse with");
 
   if (m_pPrivate->GetProcessTopLevelContentItem()) {
-    QI_RETURN_IF_ERROR(ProcessTopLevelContent());
+    // Each root is reported by the worker that takes it (ProcessTopLevelEntry): its status read
+    // may block on a file system that stopped answering, and only a worker can be given up.
+    for (CScanFoldersToTraverse& entry : m_pPrivate->TakeAll()) {
+      entry.SetTopLevel(true);
+      m_pPrivate->AddFolder(std::move(entry));
+    }
     m_pPrivate->SetProcessTopLevelContentItem(false);
   }
   // No folder stays open once the traversal is over, however it ends.
@@ -179,18 +195,24 @@ CQiError CScanTraverseFolder::Traverse() {
   return CQiError();
 }
 
-CQiError CScanTraverseFolder::ProcessTopLevelContent() {
-  // Every queued root that exists is reported itself; ProcessItem queues it again (through
-  // OnFolder) when it is to be walked. A root that does not exist is left to the walk, which
-  // reports it as missing.
-  CFolderListing listing(*this, m_pPrivate->GetBag(), m_pPrivate->GetVolumeName());
-  for (CScanFoldersToTraverse& entry : m_pPrivate->TakeAll()) {
-    bool bReported = false;
-    QI_RETURN_IF_ERROR(listing.ProcessRoot(entry.GetInputFolder(), entry.GetOutputFolder(),
-                                           entry.GetFolderItem(), *m_pPrivate->GetPathEnumerator(),
-                                           bReported));
-    if (!bReported) m_pPrivate->AddFolder(std::move(entry));
+CQiError CScanTraverseFolder::ProcessTopLevelEntry(const CScanFoldersToTraverse& entry, CPathEnumerator& enumerator,
+                                                   bool bFirstFolder) {
+  // The root is reported itself; ProcessItem would queue it again (through OnFolder) when it is
+  // to be walked: that entry is kept here and listed at once, so that it keeps its place as the
+  // first folder. A root that does not exist is left to its listing, which reports it missing.
+  bool bReported = false;
+  std::optional<CScanFoldersToTraverse> root;
+  CQiError error;
+  {
+    SHeldFolder hold(this);
+    CFolderListing listing(*this, m_pPrivate->GetBag(), m_pPrivate->GetVolumeName());
+    error = listing.ProcessRoot(entry.GetInputFolder(), entry.GetOutputFolder(), entry.GetFolderItem(), enumerator,
+                                bReported);
+    root = std::move(hold.held);
   }
+  QI_RETURN_IF_ERROR(error);
+  if (!bReported) QI_RETURN_IF_ERROR(TraverseFolder(entry, enumerator, bFirstFolder));
+  if (root) QI_RETURN_IF_ERROR(TraverseFolder(*root, enumerator, bFirstFolder));
   return CQiError();
 }
 

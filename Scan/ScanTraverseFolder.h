@@ -22,6 +22,9 @@
 // than the stall time-out (SetStallTimeout, else the agent's setting) is given up: its folder is
 // reported through OnFailedContent with ETIMEDOUT, a new worker takes its place and the
 // traversal completes. The stuck thread is left behind and never touches the traversal again.
+// With top-level content processing each content root is reported itself by the worker that
+// takes it, then listed by the same worker (ProcessTopLevelEntry): a root whose status read
+// blocks is given up in the same way.
 //
 // Derived classes: CEnumerateFiles (the traversal of the scan engines) and the file-system
 // specific traversals override the hooks.
@@ -35,6 +38,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Platform/Bag.h"
@@ -103,6 +107,11 @@ class CScanTraverseFolder : public CFolderListing::CHooks {
   // hooks). bFirstFolder makes its errors fatal.
   CQiError TraverseFolder(const CScanFoldersToTraverse& entry, CPathEnumerator& enumerator,
                           bool bFirstFolder);
+  // A top-level entry (a content root with top-level content processing): reports the root
+  // itself, then lists it (on the worker, so that a root whose status read blocks is given up
+  // like any folder).
+  CQiError ProcessTopLevelEntry(const CScanFoldersToTraverse& entry, CPathEnumerator& enumerator,
+                                bool bFirstFolder);
 
   // Configuration, set before Traverse.
   void SetPathEnumerator(CPathEnumeratorPtr pEnumerator);
@@ -130,7 +139,18 @@ class CScanTraverseFolder : public CFolderListing::CHooks {
   bool FailOnConsumerError(const CQiError& error) const override { return failOnConsumerError(error); }
   uint64_t GetQueuedFolderCount() const override { return GetFoldersToTraverseCount(); }
 
-  CQiError ProcessTopLevelContent();
+  // While alive on a thread, the next folder this traversal queues on that thread is kept here
+  // instead (ProcessTopLevelEntry).
+  struct SHeldFolder {
+    explicit SHeldFolder(CScanTraverseFolder* pOwner) : pTraversal(pOwner), pPrevious(t_pCurrent) { t_pCurrent = this; }
+    ~SHeldFolder() { t_pCurrent = pPrevious; }
+    SHeldFolder(const SHeldFolder&) = delete;
+    SHeldFolder& operator=(const SHeldFolder&) = delete;
+    CScanTraverseFolder* pTraversal;
+    SHeldFolder* pPrevious;
+    std::optional<CScanFoldersToTraverse> held;
+    static thread_local SHeldFolder* t_pCurrent;
+  };
   CQiError TraverseWithWorkers();
   CQiError StartWorker(int iIndex, bool bSolo);
   // Gives up the workers stuck in one file-system call past the time-out: their folders are

@@ -125,7 +125,8 @@ CQiError CScanTraverseFolderWorker::ProcessPendingFolders() {
       InternalStop();
       return CQiError();
     }
-    error = m_pTraversal->TraverseFolder(m_current, *m_pEnumerator, bFirstFolder);
+    error = m_current.IsTopLevel() ? m_pTraversal->ProcessTopLevelEntry(m_current, *m_pEnumerator, bFirstFolder)
+                                   : m_pTraversal->TraverseFolder(m_current, *m_pEnumerator, bFirstFolder);
     if (CBlockingCallWatch::IsAbandoned()) {
       // Given up while stuck in the file system: the traversal may be gone by now.
       InternalStop();

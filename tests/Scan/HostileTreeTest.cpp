@@ -181,6 +181,23 @@ TEST_P(HostileRun, MountThatStopsAnsweringEndsInBoundedTime) {
   EXPECT_EQ(pCallback->FailureLines(), Paths{"folder " + tree.Path("b") + ":" + std::to_string(ETIMEDOUT)});
 }
 
+// With top-level content processing a root is reported itself first: a root on a mount that
+// stopped answering is given up the same way, never blocking the caller.
+TEST_P(HostileRun, RootThatStopsAnsweringIsGivenUp) {
+  CTempTree tree, out;
+  tree.MakeFile("a/f");
+  tree.MakeFile("b/mnt/.keep");
+  CHungMount hung(tree.Path("b/mnt"), "fuse");
+  if (!hung.IsMounted()) GTEST_SKIP() << "no FUSE on this machine";
+  auto pCallback = std::make_shared<CTestCallback>();
+  pCallback->UseFailuresFile(out.Path("failures"));
+  const auto tStart = std::chrono::steady_clock::now();
+  CQiError error = Traverse(GetParam(), pCallback, {tree.Path("a"), tree.Path("b/mnt")}, {true, 300ms});
+  EXPECT_LT(std::chrono::steady_clock::now() - tStart, 20s);
+  EXPECT_EQ(Bag(pCallback->m_pHandler->Paths()), Bag(Paths{tree.Path("a"), tree.Path("a/f")})) << error.AsString();
+  EXPECT_EQ(pCallback->FailureLines(), Paths{"folder " + tree.Path("b/mnt") + ":" + std::to_string(ETIMEDOUT)});
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, HostileRun, ::testing::ValuesIn(kKinds),
                          [](const auto& info) { return std::string(info.param.szName); });
 
