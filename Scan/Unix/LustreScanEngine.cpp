@@ -345,28 +345,20 @@ bool CLustreScanEngine::CheckChangelogContinuity() {
     ZRLOG(-1, "No scan database of the last backup in %s. So changing the Scan type to FULL", Esc(strFolder).c_str());
     return false;
   }
+  // Each reader, from the record after the one the last backup's database holds.
   std::vector<sLustreChangelogInfo> lstReaders;
+  std::vector<std::pair<sLustreChangelogInfo, int64_t>> lstFrom;
   CQiError error = CLustreReaderFile::Read(ReadersFile(), lstReaders, false);
   CScanDbStore store;
   if (error.IsSuccess()) error = store.Open(strFolder);
   for (size_t i = 0; error.IsSuccess() && i < lstReaders.size(); ++i) {
-    const sLustreChangelogInfo& reader = lstReaders[i];
     std::string strIndex;
     long long llDone = 0;
-    error = store.GetMetaText(kIndexKeyPrefix + reader.strMDT, strIndex);
+    error = store.GetMetaText(kIndexKeyPrefix + lstReaders[i].strMDT, strIndex);
     if (error.IsSuccess()) error = FXString::ToInt64(strIndex, llDone);
-    int64_t llStart = 0, llEnd = 0;
-    if (error.IsSuccess())
-      error = m_pApi->GetStartAndEndChangelogRecordNumbers({reader.strMDT, reader.strHost}, m_strLustreUser,
-                                                           reader.strChangelogId, llStart, llEnd);
-    if (error.IsSuccess() && llStart > llDone + 1) {
-      ZRLOG(-1, "Changelog records %lld to %lld of MDT %s are no longer available (the first record of reader %s is "
-                "%lld). So changing the Scan type to FULL",
-            llDone + 1, static_cast<long long>(llStart - 1), Esc(reader.strMDT).c_str(),
-            Esc(reader.strChangelogId).c_str(), static_cast<long long>(llStart));
-      return false;
-    }
+    lstFrom.emplace_back(lstReaders[i], llDone + 1);
   }
+  if (error.IsSuccess()) error = CheckRecordsAvailable(lstFrom, "before the job");
   if (error.IsError()) {
     ZRLOG(-1, "Cannot continue from the scan database of the last backup: %s. So changing the Scan type to FULL",
           error.AsString().c_str());
@@ -540,7 +532,7 @@ CQiError CLustreScanEngine::ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit) {
     lstFrom.emplace_back(info, llDone + 1);
   }
   QI_RETURN_IF_ERROR(merger.Run());
-  QI_RETURN_IF_ERROR(CheckNothingPurged(lstFrom));
+  QI_RETURN_IF_ERROR(CheckRecordsAvailable(lstFrom, "during the job"));
   if (fclose(pRenameList.release()) != 0) return QI_ERROR_ERRNO(errno, "Cannot write %s", Esc(strRenameList).c_str());
   error = m_pHardlinks->ProcessHardLinks(*m_pStore, *m_pApi, m_strMount, m_lstRoots);
   if (error.IsError()) {
@@ -625,26 +617,26 @@ CQiError CLustreScanEngine::EnumerateChanges(const CWorkUnitPtr& pWorkUnit, cons
   return CQiError();
 }
 
-CQiError CLustreScanEngine::CheckNothingPurged(const std::vector<std::pair<sLustreChangelogInfo, int64_t>>& lstFrom) {
+CQiError CLustreScanEngine::CheckRecordsAvailable(const std::vector<std::pair<sLustreChangelogInfo, int64_t>>& lstFrom,
+                                                  const char* szWhen) {
   // An MDT purges only what every reader cleared, and the first record it keeps only rises: a
-  // reader still there whose first record is not beyond the first one this job needed proves
-  // that every record was still there when it was fetched.
+  // reader still there whose first record is not beyond the first one needed proves that every
+  // record needed was there until now.
   for (const auto& [info, llFirstNeeded] : lstFrom) {
     int64_t llStart = 0, llEnd = 0;
     CQiError error = m_pApi->GetStartAndEndChangelogRecordNumbers({info.strMDT, info.strHost}, m_strLustreUser,
                                                                   info.strChangelogId, llStart, llEnd);
     if (error.IsWin32(QiErrorCode::NotFound))
-      return QI_ERROR_WIN32(QiErrorCode::InvalidData,
-                            "The changelog reader %s is no longer registered on MDT %s (dropped during the job)",
-                            Esc(info.strChangelogId).c_str(), Esc(info.strMDT).c_str());
+      return QI_ERROR_WIN32(QiErrorCode::InvalidData, "The changelog reader %s is no longer registered on MDT %s (dropped %s)",
+                            Esc(info.strChangelogId).c_str(), Esc(info.strMDT).c_str(), szWhen);
     QI_RETURN_IF_ERROR(error, "Error retrieving the changelog reader start and end record index : [%s]",
                        error.AsString().c_str());
     if (llStart > llFirstNeeded)
       return QI_ERROR_WIN32(QiErrorCode::InvalidData,
-                            "Changelog records of MDT %s from %lld were purged during the job (the first record of "
+                            "Changelog records %lld to %lld of MDT %s are no longer available (the first record of "
                             "reader %s is %lld)",
-                            Esc(info.strMDT).c_str(), static_cast<long long>(llFirstNeeded),
-                            Esc(info.strChangelogId).c_str(), static_cast<long long>(llStart));
+                            static_cast<long long>(llFirstNeeded), static_cast<long long>(llStart - 1),
+                            Esc(info.strMDT).c_str(), Esc(info.strChangelogId).c_str(), static_cast<long long>(llStart));
   }
   return CQiError();
 }

@@ -104,9 +104,11 @@ class CLustreScanEngine : public CScanEngine {
   CQiError CloseFileSystemScanDB();
   CQiError ProcessWorkUnitFull(const CWorkUnitPtr& pWorkUnit);
   CQiError ProcessWorkUnitNext(const CWorkUnitPtr& pWorkUnit);
-  // After applying: every reader still registered, none of the records this job needed purged
-  // (else the incremental may have holes: an error, and the job scans in full).
-  CQiError CheckNothingPurged(const std::vector<std::pair<sLustreChangelogInfo, int64_t>>& lstFrom);
+  // Every reader still registered, with none of the records from the first one needed on purged
+  // (else an incremental may have holes: an error, and the job scans in full). Checked before the
+  // job and again after applying (szWhen says which).
+  CQiError CheckRecordsAvailable(const std::vector<std::pair<sLustreChangelogInfo, int64_t>>& lstFrom,
+                                 const char* szWhen);
   CQiError ProcessScanFailures(std::set<std::string>& setRescan);
 
   CQiError EnumerateChanges(const CWorkUnitPtr& pWorkUnit, const std::set<std::string>& setRescan);
